@@ -1,0 +1,76 @@
+// The personal certificate store: the user's certificates and, where present, their keys.
+//
+// The default store is a folder: $TESSAREL_STORE when set, else $XDG_DATA_HOME/tessarel/MY
+// (~/.local/share/tessarel/MY). Its order is insertion order, stable between calls and
+// between processes; every write is atomic and serialised by an advisory lock.
+#ifndef TESSAREL_STORE_H
+#define TESSAREL_STORE_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tessarel/certificate.h"
+#include "tessarel/export.h"
+#include "tessarel/types.h"
+
+namespace tessarel {
+
+// A private key usable for signing. Keys may live outside the process (tokens), so the
+// only operation is signing a ready digest.
+class TESSAREL_API SigningKey {
+ public:
+  virtual ~SigningKey();
+  virtual KeyKind kind() const = 0;
+  virtual int bits() const = 0;
+  // RSA: PKCS#1 v1.5 over a DigestInfo for alg. DSA/ECDSA: DER Dss-Sig-Value.
+  virtual Bytes sign_digest(DigestAlgorithm alg, const Bytes& digest) const = 0;
+};
+
+class TESSAREL_API CertStore {
+ public:
+  virtual ~CertStore();
+
+  // Where the store lives (folder path or URI).
+  virtual std::string location() const = 0;
+  // All certificates, in the store's stable order.
+  virtual std::vector<Certificate> certificates() = 0;
+  // A private key belongs to the certificate (it may still be unusable).
+  virtual bool has_private_key(const Certificate& cert) = 0;
+  // The private key is present, readable and matches the certificate's public key.
+  virtual bool key_valid(const Certificate& cert) = 0;
+  // The key for signing, or null when absent or unusable.
+  virtual std::unique_ptr<SigningKey> signing_key(const Certificate& cert) = 0;
+  // Adds a certificate and, when pkcs8_key is not empty, its private key (PKCS#8 DER).
+  // The key must match the certificate. The entry appears whole or not at all.
+  virtual void add(const Certificate& cert, const Bytes& pkcs8_key) = 0;
+  // Removes the entry with the certificate's SHA-1 fingerprint; false when there is none.
+  virtual bool remove(const Certificate& cert) = 0;
+  // The certificate with its private key as PKCS#12 protected by password (may be empty).
+  virtual Bytes export_pkcs12(const Certificate& cert, const std::string& password) = 0;
+};
+
+// Default location of the personal store ($TESSAREL_STORE, else the XDG data folder).
+TESSAREL_API std::string default_store_location();
+// Selects the personal store for this process ("" returns to the default). Forgets the
+// shared store snapshot, so the next lookup reads the newly selected store.
+TESSAREL_API void set_store_location(const std::string& location);
+TESSAREL_API std::string store_location();
+// Opens a store by location (a folder path). Throws when it cannot be opened.
+TESSAREL_API std::shared_ptr<CertStore> open_store(const std::string& location);
+// The personal store selected for this process.
+TESSAREL_API std::shared_ptr<CertStore> personal_store();
+
+// Reads a PKCS#12 file (certificate and key) and adds it to the store. A wrong password
+// raises tessarel::Exception and leaves the store unchanged. Returns the certificate.
+TESSAREL_API Certificate import_pkcs12(CertStore& store, const Bytes& pfx,
+                                       const std::string& password);
+
+// Receives non-fatal warnings (skipped store files and the like). The default handler
+// writes them to stderr; nullptr restores it.
+TESSAREL_API void set_warning_handler(std::function<void(const std::string&)> handler);
+
+}  // namespace tessarel
+
+#endif

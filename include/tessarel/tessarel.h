@@ -1,0 +1,17 @@
+// Umbrella header: the whole public API of libtessarel.
+#ifndef TESSAREL_TESSAREL_H
+#define TESSAREL_TESSAREL_H
+
+#include "tessarel/certificate.h"
+#include "tessarel/dataset.h"
+#include "tessarel/dialogs.h"
+#include "tessarel/errors.h"
+#include "tessarel/export.h"
+#include "tessarel/exports.h"
+#include "tessarel/sign_e_archivia.h"
+#include "tessarel/store.h"
+#include "tessarel/types.h"
+#include "tessarel/ui.h"
+#include "tessarel/version.h"
+
+#endif

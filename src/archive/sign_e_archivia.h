@@ -1,0 +1,70 @@
+// The engine object behind ISignEArchivia.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tessarel/certificate.h"
+#include "tessarel/sign_e_archivia.h"
+
+namespace tessarel {
+
+namespace xml {
+class Document;
+}
+
+class TSignEArchivia : public ISignEArchivia {
+ public:
+  TSignEArchivia();
+  ~TSignEArchivia() override;
+  TSignEArchivia(const TSignEArchivia&) = delete;
+  TSignEArchivia& operator=(const TSignEArchivia&) = delete;
+
+  void ApriIndice(const std::string& patharchivia, const std::string& idCert,
+                  bool detached) override;
+  void ArchiviaFile(const std::string& fpath, const std::string& fBusta,
+                    const std::string& XMLParam, const std::string& Tipo, DateTime Data) override;
+  void FirmaEArchiviaFile(const std::string& fpath, const std::string& XMLParam,
+                          const std::string& Tipo, DateTime Data) override;
+  void Firma(const std::string& fpath, const std::string& idCert, bool detached) override;
+  void ChiudiIndice() override;
+  void CancellaId() override;
+  std::string EstraiContenuto(const std::string& input) override;
+  void VerificaFirma(const std::string& input) override;
+  bool IsKeyPresent(const std::string& idCert) override;
+  std::string GeneraCertificato() override;
+  bool FirmaPdf(const std::string& fname, const std::string& fnamedest, const std::string& reason,
+                const std::string& pazname, std::istream* stream, bool passw,
+                const std::string& certCA, bool certInvisible) override;
+
+  // Path of a new, empty, uniquely named file in the temporary folder.
+  std::string GenerateTempFilename();
+
+  // State, readable by the engine's own parts and by tests.
+  bool index_open() const { return FXMLDocument != nullptr; }
+  bool modified() const { return isModified; }
+  const std::string& index_path() const { return Fpatharchivia; }
+  const std::string& id_cert() const { return FidCert; }
+  bool detached() const { return Fdetached; }
+  std::int32_t collision_action() const { return CollisionAction; }
+
+ protected:
+  // The index held in memory; absent until ApriIndice. Its presence is what "open" means.
+  std::unique_ptr<xml::Document> FXMLDocument;
+  // The certificate chosen by ApriIndice, which signs the index.
+  std::optional<Certificate> Cert;
+  // Full path of index.xml; the archive folder is its directory.
+  std::string Fpatharchivia;
+  // Identifier of the certificate that signs files.
+  std::string FidCert;
+  // The index changed since ApriIndice; ChiudiIndice writes only then.
+  bool isModified = false;
+  // Signing mode for files: detached .p7s or attached .p7m.
+  bool Fdetached = false;
+  // Remembered answer to "the file exists in the archive": -1 ask, 0..4 the dialog's items.
+  std::int32_t CollisionAction = 0;
+};
+
+}  // namespace tessarel

@@ -1,0 +1,45 @@
+// Finding certificates of the personal store by identifier.
+//
+// idCert is the certificate's serial number as upper-case hexadecimal (Certificate::id()),
+// compared exactly: an identifier in lower case matches nothing.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tessarel/certificate.h"
+#include "tessarel/store.h"
+
+namespace tessarel {
+
+// The process-wide snapshot of the personal store used by the signing routines. It is read
+// on first use and re-read only while it holds no certificate; once it has held
+// certificates it is reused for the life of the process (or until the store is changed
+// with set_store_location).
+class SharedCertStorage {
+ public:
+  SharedCertStorage();
+  int Count() const { return static_cast<int>(certificates_.size()); }
+  const Certificate& Certificates(int i) const { return certificates_.at(static_cast<std::size_t>(i)); }
+  CertStore& store() const { return *store_; }
+
+ private:
+  std::shared_ptr<CertStore> store_;
+  std::vector<Certificate> certificates_;
+};
+
+// The current shared snapshot, or null when none exists (before the first lookup).
+SharedCertStorage* CurrentSharedCertStorage();
+// Forgets the snapshot; the next lookup reads the store again.
+void ResetSharedCertStorage();
+
+// The certificate with that identifier (an empty identifier: the first of the store), or
+// null. The certificate belongs to the shared snapshot; use it until the next call.
+const Certificate* TrovaCertificato(const std::string& idCert);
+// True only when the certificate exists and its key is present, readable and matching.
+bool ChiaveValida(const std::string& idCert);
+// The signing key of a certificate found by TrovaCertificato (null when unusable).
+std::unique_ptr<SigningKey> ChiaveDiFirma(const Certificate& cert);
+
+}  // namespace tessarel

@@ -1,0 +1,111 @@
+#include "platform/crypto/digest.h"
+
+#include <openssl/err.h>
+#include <openssl/rand.h>
+
+#include <array>
+#include <mutex>
+
+#include "tessarel/errors.h"
+
+namespace tessarel::crypto {
+
+namespace {
+struct DigestInfo {
+  DigestAlgorithm alg;
+  const char* fetch_name;
+  const char* oid;
+  const char* display;
+};
+
+constexpr std::array<DigestInfo, 7> kDigests{{
+    {DigestAlgorithm::MD5, "MD5", "1.2.840.113549.2.5", "MD5"},
+    {DigestAlgorithm::SHA1, "SHA1", "1.3.14.3.2.26", "SHA-1"},
+    {DigestAlgorithm::SHA224, "SHA224", "2.16.840.1.101.3.4.2.4", "SHA-224"},
+    {DigestAlgorithm::SHA256, "SHA256", "2.16.840.1.101.3.4.2.1", "SHA-256"},
+    {DigestAlgorithm::SHA384, "SHA384", "2.16.840.1.101.3.4.2.2", "SHA-384"},
+    {DigestAlgorithm::SHA512, "SHA512", "2.16.840.1.101.3.4.2.3", "SHA-512"},
+    {DigestAlgorithm::RIPEMD160, "RIPEMD160", "1.3.36.3.2.1", "RIPEMD-160"},
+}};
+
+const DigestInfo* find(DigestAlgorithm alg) {
+  for (const auto& d : kDigests)
+    if (d.alg == alg) return &d;
+  return nullptr;
+}
+}  // namespace
+
+const EVP_MD* evp_md(DigestAlgorithm alg) {
+  // Fetched once: an explicit fetch avoids OpenSSL's per-call implicit lookup.
+  static std::array<EVP_MD*, kDigests.size()> cache{};
+  static std::once_flag once;
+  std::call_once(once, [] {
+    for (std::size_t i = 0; i < kDigests.size(); ++i)
+      cache[i] = EVP_MD_fetch(nullptr, kDigests[i].fetch_name, nullptr);
+    ERR_clear_error();
+  });
+  for (std::size_t i = 0; i < kDigests.size(); ++i) {
+    if (kDigests[i].alg == alg) {
+      if (!cache[i]) throw Exception(std::string("Digest algorithm not available: ") + kDigests[i].display);
+      return cache[i];
+    }
+  }
+  throw Exception("Unsupported digest algorithm: " + std::to_string(static_cast<int>(alg)));
+}
+
+std::size_t digest_size(DigestAlgorithm alg) {
+  return static_cast<std::size_t>(EVP_MD_get_size(evp_md(alg)));
+}
+
+std::string digest_oid(DigestAlgorithm alg) {
+  const DigestInfo* d = find(alg);
+  if (!d) throw Exception("Unsupported digest algorithm: " + std::to_string(static_cast<int>(alg)));
+  return d->oid;
+}
+
+DigestAlgorithm digest_from_oid(const std::string& dotted) {
+  for (const auto& d : kDigests)
+    if (dotted == d.oid) return d.alg;
+  return DigestAlgorithm::Unknown;
+}
+
+std::string digest_name(DigestAlgorithm alg) {
+  const DigestInfo* d = find(alg);
+  return d ? d->display : "unknown";
+}
+
+Hasher::Hasher(DigestAlgorithm alg) : alg_(alg), ctx_(EVP_MD_CTX_new()) {
+  if (!ctx_) throw_openssl("Cannot create digest context");
+  reset();
+}
+
+void Hasher::reset() {
+  if (EVP_DigestInit_ex2(ctx_.get(), evp_md(alg_), nullptr) != 1)
+    throw_openssl("Cannot start digest");
+}
+
+void Hasher::update(const void* data, std::size_t n) {
+  if (n && EVP_DigestUpdate(ctx_.get(), data, n) != 1) throw_openssl("Digest update failed");
+}
+
+Bytes Hasher::finish() {
+  Bytes out(EVP_MAX_MD_SIZE);
+  unsigned int len = 0;
+  if (EVP_DigestFinal_ex(ctx_.get(), out.data(), &len) != 1) throw_openssl("Digest failed");
+  out.resize(len);
+  return out;
+}
+
+Bytes digest(DigestAlgorithm alg, const void* data, std::size_t n) {
+  Hasher h(alg);
+  h.update(data, n);
+  return h.finish();
+}
+
+Bytes random_bytes(std::size_t n) {
+  Bytes out(n);
+  if (n && RAND_bytes(out.data(), static_cast<int>(n)) != 1) throw_openssl("Random generator failed");
+  return out;
+}
+
+}  // namespace tessarel::crypto

@@ -1,0 +1,186 @@
+#include "platform/crypto/pkey.h"
+
+#include <openssl/core_names.h>
+#include <openssl/rsa.h>
+
+#include "platform/crypto/digest.h"
+#include "platform/crypto/x509.h"
+#include "tessarel/errors.h"
+
+namespace tessarel::crypto {
+
+KeyKind key_kind(const EVP_PKEY* key) {
+  if (!key) return KeyKind::Unknown;
+  switch (EVP_PKEY_get_base_id(key)) {
+    case EVP_PKEY_RSA:
+      return KeyKind::Rsa;
+    case EVP_PKEY_RSA_PSS:
+      return KeyKind::RsaPss;
+    case EVP_PKEY_DSA:
+      return KeyKind::Dsa;
+    case EVP_PKEY_EC:
+      return KeyKind::Ec;
+    case EVP_PKEY_ED25519:
+      return KeyKind::Ed25519;
+    default:
+      return KeyKind::Unknown;
+  }
+}
+
+EvpPkeyPtr certificate_public_key(const Certificate& cert) {
+  EVP_PKEY* key = X509_get_pubkey(x509_of(cert));
+  if (!key) throw_openssl("Cannot read the certificate's public key");
+  return EvpPkeyPtr(key);
+}
+
+namespace {
+Bytes spki_of(EVP_PKEY* key) {
+  int len = i2d_PUBKEY(key, nullptr);
+  if (len <= 0) throw_openssl("Cannot encode public key");
+  Bytes out(static_cast<std::size_t>(len));
+  unsigned char* p = out.data();
+  i2d_PUBKEY(key, &p);
+  return out;
+}
+
+EvpPkeyCtxPtr new_ctx(EVP_PKEY* key) {
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
+  if (!ctx) throw_openssl("Cannot create key context");
+  return ctx;
+}
+
+void configure(EVP_PKEY_CTX* ctx, EVP_PKEY* key, DigestAlgorithm alg, bool pss,
+               DigestAlgorithm mgf_alg, int salt_len) {
+  KeyKind kind = key_kind(key);
+  if (kind == KeyKind::Rsa || kind == KeyKind::RsaPss) {
+    int padding = (pss || kind == KeyKind::RsaPss) ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING;
+    if (EVP_PKEY_CTX_set_rsa_padding(ctx, padding) <= 0) throw_openssl("Cannot set RSA padding");
+    if (padding == RSA_PKCS1_PSS_PADDING) {
+      if (EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt_len < 0 ? RSA_PSS_SALTLEN_DIGEST : salt_len) <= 0 ||
+          EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, evp_md(mgf_alg)) <= 0)
+        throw_openssl("Cannot set RSA-PSS parameters");
+    }
+  }
+  if (EVP_PKEY_CTX_set_signature_md(ctx, evp_md(alg)) <= 0)
+    throw_openssl("Digest algorithm " + digest_name(alg) + " not usable with this key");
+}
+}  // namespace
+
+PublicKey PublicKey::from_certificate(const Certificate& cert) {
+  return PublicKey(certificate_public_key(cert));
+}
+
+PublicKey PublicKey::from_spki_der(const Bytes& spki) {
+  const unsigned char* p = spki.data();
+  EVP_PKEY* key = d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.size()));
+  if (!key) throw_openssl("Not a valid public key");
+  return PublicKey(EvpPkeyPtr(key));
+}
+
+int PublicKey::bits() const { return EVP_PKEY_get_bits(key_.get()); }
+
+Bytes PublicKey::spki_der() const { return spki_of(key_.get()); }
+
+bool PublicKey::verify_digest(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature) const {
+  auto ctx = new_ctx(key_.get());
+  if (EVP_PKEY_verify_init(ctx.get()) <= 0) throw_openssl("Cannot start verification");
+  configure(ctx.get(), key_.get(), alg, false, alg, -1);
+  int rc = EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size());
+  openssl_errors();  // a failed verification leaves reasons in the queue
+  return rc == 1;
+}
+
+bool PublicKey::verify_digest_pss(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature,
+                                  DigestAlgorithm mgf_alg, int salt_len) const {
+  auto ctx = new_ctx(key_.get());
+  if (EVP_PKEY_verify_init(ctx.get()) <= 0) throw_openssl("Cannot start verification");
+  configure(ctx.get(), key_.get(), alg, true, mgf_alg, salt_len);
+  int rc = EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size());
+  openssl_errors();
+  return rc == 1;
+}
+
+Bytes PublicKey::bn_param(const char* name) const {
+  BIGNUM* bn = nullptr;
+  if (EVP_PKEY_get_bn_param(key_.get(), name, &bn) != 1 || !bn) {
+    openssl_errors();
+    return {};
+  }
+  Bytes out(static_cast<std::size_t>(BN_num_bytes(bn)));
+  BN_bn2bin(bn, out.data());
+  BN_free(bn);
+  return out;
+}
+
+Bytes PublicKey::rsa_modulus() const { return bn_param(OSSL_PKEY_PARAM_RSA_N); }
+Bytes PublicKey::rsa_exponent() const { return bn_param(OSSL_PKEY_PARAM_RSA_E); }
+Bytes PublicKey::dsa_p() const { return bn_param(OSSL_PKEY_PARAM_FFC_P); }
+Bytes PublicKey::dsa_q() const { return bn_param(OSSL_PKEY_PARAM_FFC_Q); }
+Bytes PublicKey::dsa_g() const { return bn_param(OSSL_PKEY_PARAM_FFC_G); }
+Bytes PublicKey::dsa_y() const { return bn_param(OSSL_PKEY_PARAM_PUB_KEY); }
+
+PrivateKey PrivateKey::from_pkcs8_der(const Bytes& der) {
+  const unsigned char* p = der.data();
+  EVP_PKEY* key = d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(der.size()));
+  if (!key || p != der.data() + der.size()) {
+    EVP_PKEY_free(key);
+    throw_openssl("Not a valid private key");
+  }
+  return PrivateKey(EvpPkeyPtr(key));
+}
+
+int PrivateKey::bits() const { return EVP_PKEY_get_bits(key_.get()); }
+
+Bytes PrivateKey::to_pkcs8_der() const {
+  PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key_.get());
+  if (!info) throw_openssl("Cannot encode private key");
+  int len = i2d_PKCS8_PRIV_KEY_INFO(info, nullptr);
+  Bytes out(static_cast<std::size_t>(len > 0 ? len : 0));
+  unsigned char* p = out.data();
+  if (len <= 0 || i2d_PKCS8_PRIV_KEY_INFO(info, &p) != len) {
+    PKCS8_PRIV_KEY_INFO_free(info);
+    throw_openssl("Cannot encode private key");
+  }
+  PKCS8_PRIV_KEY_INFO_free(info);
+  return out;
+}
+
+Bytes PrivateKey::public_spki_der() const { return spki_of(key_.get()); }
+
+bool PrivateKey::matches(const Certificate& cert) const {
+  auto pub = certificate_public_key(cert);
+  int rc = EVP_PKEY_eq(key_.get(), pub.get());
+  openssl_errors();
+  return rc == 1;
+}
+
+Bytes PrivateKey::sign_digest(DigestAlgorithm alg, const Bytes& digest) const {
+  auto ctx = new_ctx(key_.get());
+  if (EVP_PKEY_sign_init(ctx.get()) <= 0) throw_openssl("Cannot start signing");
+  configure(ctx.get(), key_.get(), alg, false, alg, -1);
+  std::size_t len = 0;
+  if (EVP_PKEY_sign(ctx.get(), nullptr, &len, digest.data(), digest.size()) <= 0)
+    throw_openssl("Signing failed");
+  Bytes sig(len);
+  if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, digest.data(), digest.size()) <= 0)
+    throw_openssl("Signing failed");
+  sig.resize(len);
+  return sig;
+}
+
+Bytes PrivateKey::sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
+                                  int salt_len) const {
+  auto ctx = new_ctx(key_.get());
+  if (EVP_PKEY_sign_init(ctx.get()) <= 0) throw_openssl("Cannot start signing");
+  configure(ctx.get(), key_.get(), alg, true, mgf_alg, salt_len);
+  std::size_t len = 0;
+  if (EVP_PKEY_sign(ctx.get(), nullptr, &len, digest.data(), digest.size()) <= 0)
+    throw_openssl("Signing failed");
+  Bytes sig(len);
+  if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, digest.data(), digest.size()) <= 0)
+    throw_openssl("Signing failed");
+  sig.resize(len);
+  return sig;
+}
+
+}  // namespace tessarel::crypto

@@ -1,0 +1,77 @@
+// Public and private keys over OpenSSL's EVP_PKEY.
+#pragma once
+
+#include <string>
+
+#include "platform/crypto/openssl.h"
+#include "tessarel/certificate.h"
+#include "tessarel/types.h"
+
+namespace tessarel::crypto {
+
+KeyKind key_kind(const EVP_PKEY* key);
+
+class PublicKey {
+ public:
+  static PublicKey from_certificate(const Certificate& cert);
+  static PublicKey from_spki_der(const Bytes& spki);
+  explicit PublicKey(EvpPkeyPtr key) : key_(std::move(key)) {}
+  PublicKey(PublicKey&&) noexcept = default;
+  PublicKey& operator=(PublicKey&&) noexcept = default;
+
+  EVP_PKEY* get() const { return key_.get(); }
+  KeyKind kind() const { return key_kind(key_.get()); }
+  int bits() const;
+  Bytes spki_der() const;
+
+  // Verifies a signature over a ready digest. RSA: PKCS#1 v1.5; DSA/ECDSA: DER signature.
+  bool verify_digest(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature) const;
+  // RSA-PSS over a ready digest, MGF1 with mgf_alg; salt_len -1 means "as long as the digest".
+  bool verify_digest_pss(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature,
+                         DigestAlgorithm mgf_alg, int salt_len) const;
+
+  // Big-endian magnitudes of the RSA modulus and public exponent.
+  Bytes rsa_modulus() const;
+  Bytes rsa_exponent() const;
+  // DSA domain parameters and public value.
+  Bytes dsa_p() const;
+  Bytes dsa_q() const;
+  Bytes dsa_g() const;
+  Bytes dsa_y() const;
+
+ private:
+  Bytes bn_param(const char* name) const;
+  EvpPkeyPtr key_;
+};
+
+class PrivateKey {
+ public:
+  // Parses an unencrypted PKCS#8 PrivateKeyInfo; throws when it is not one.
+  static PrivateKey from_pkcs8_der(const Bytes& der);
+  explicit PrivateKey(EvpPkeyPtr key) : key_(std::move(key)) {}
+  PrivateKey(PrivateKey&&) noexcept = default;
+  PrivateKey& operator=(PrivateKey&&) noexcept = default;
+
+  EVP_PKEY* get() const { return key_.get(); }
+  KeyKind kind() const { return key_kind(key_.get()); }
+  int bits() const;
+  // Unencrypted PKCS#8 DER. The caller wipes it when done.
+  Bytes to_pkcs8_der() const;
+  Bytes public_spki_der() const;
+  // True when this key is the private half of the certificate's public key.
+  bool matches(const Certificate& cert) const;
+
+  // Signs a ready digest. RSA: PKCS#1 v1.5 DigestInfo; DSA/ECDSA: DER signature.
+  Bytes sign_digest(DigestAlgorithm alg, const Bytes& digest) const;
+  // RSA-PSS over a ready digest.
+  Bytes sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
+                        int salt_len) const;
+
+ private:
+  EvpPkeyPtr key_;
+};
+
+// EVP_PKEY of a certificate's public key (new reference).
+EvpPkeyPtr certificate_public_key(const Certificate& cert);
+
+}  // namespace tessarel::crypto

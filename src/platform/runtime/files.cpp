@@ -1,0 +1,260 @@
+#include "platform/runtime/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include "tessarel/errors.h"
+
+namespace tessarel {
+
+namespace {
+std::string reason(int err) { return std::strerror(err); }
+
+[[noreturn]] void throw_open(const std::string& path, int err) {
+  throw EFOpenError("Cannot open file \"" + path + "\". " + reason(err));
+}
+[[noreturn]] void throw_create(const std::string& path, int err) {
+  throw EFCreateError("Cannot create file \"" + path + "\". " + reason(err));
+}
+[[noreturn]] void throw_io(const std::string& op, const std::string& path, int err) {
+  throw EInOutError("I/O error " + op + " \"" + path + "\": " + reason(err));
+}
+
+void write_all(int fd, const void* data, std::size_t n, const std::string& path) {
+  auto p = static_cast<const char*>(data);
+  while (n) {
+    ssize_t w = ::write(fd, p, n);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      throw_io("writing", path, errno);
+    }
+    p += w;
+    n -= static_cast<std::size_t>(w);
+  }
+}
+}  // namespace
+
+bool FileExists(const std::string& path) {
+  struct stat st {};
+  return !path.empty() && ::stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+}
+
+bool DirectoryExists(const std::string& path) {
+  struct stat st {};
+  return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool ForceDirectories(const std::string& path) {
+  if (path.empty()) return false;
+  std::error_code ec;
+  std::filesystem::create_directories(path, ec);
+  return DirectoryExists(path);
+}
+
+std::string ExtractFileName(const std::string& path) {
+  auto pos = path.find_last_of('/');
+  return pos == std::string::npos ? path : path.substr(pos + 1);
+}
+
+std::string ExtractFileDir(const std::string& path) {
+  auto pos = path.find_last_of('/');
+  if (pos == std::string::npos) return "";
+  if (pos == 0) return "/";
+  return path.substr(0, pos);
+}
+
+std::string ExtractFileExt(const std::string& path) {
+  std::string name = ExtractFileName(path);
+  auto pos = name.find_last_of('.');
+  return pos == std::string::npos ? "" : name.substr(pos);
+}
+
+std::string RemoveLastExt(const std::string& path) {
+  std::string ext = ExtractFileExt(path);
+  return path.substr(0, path.size() - ext.size());
+}
+
+std::string ExecutableDir() {
+  std::error_code ec;
+  auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return std::filesystem::current_path().string();
+  return exe.parent_path().string();
+}
+
+InputFile::InputFile(const std::string& path) : path_(path) {
+  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd_ < 0) throw_open(path, errno);
+  struct stat st {};
+  if (::fstat(fd_, &st) == 0 && S_ISDIR(st.st_mode)) {
+    ::close(fd_);
+    fd_ = -1;
+    throw_open(path, EISDIR);
+  }
+}
+
+InputFile::~InputFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::uint64_t InputFile::size() const {
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) throw_io("reading", path_, errno);
+  return static_cast<std::uint64_t>(st.st_size);
+}
+
+std::size_t InputFile::read(void* buffer, std::size_t n) {
+  while (true) {
+    ssize_t r = ::read(fd_, buffer, n);
+    if (r >= 0) return static_cast<std::size_t>(r);
+    if (errno != EINTR) throw_io("reading", path_, errno);
+  }
+}
+
+void InputFile::pread_exact(void* buffer, std::size_t n, std::uint64_t offset) {
+  auto p = static_cast<char*>(buffer);
+  while (n) {
+    ssize_t r = ::pread(fd_, p, n, static_cast<off_t>(offset));
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      throw_io("reading", path_, errno);
+    }
+    if (r == 0) throw EInOutError("I/O error reading \"" + path_ + "\": unexpected end of file");
+    p += r;
+    n -= static_cast<std::size_t>(r);
+    offset += static_cast<std::uint64_t>(r);
+  }
+}
+
+OutputFile::OutputFile(const std::string& path, mode_t mode) : path_(path) {
+  fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  if (fd_ < 0) throw_create(path, errno);
+}
+
+OutputFile::~OutputFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void OutputFile::write(const void* data, std::size_t n) { write_all(fd_, data, n, path_); }
+
+void OutputFile::sync() {
+  if (::fsync(fd_) != 0) throw_io("writing", path_, errno);
+}
+
+void OutputFile::close() {
+  if (fd_ < 0) return;
+  int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) throw_io("writing", path_, errno);
+}
+
+mode_t CurrentUmask() {
+  static const mode_t mask = [] {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::strtol(line.c_str() + 6, nullptr, 8));
+    }
+    return static_cast<mode_t>(022);
+  }();
+  return mask;
+}
+
+AtomicFileWriter::AtomicFileWriter(const std::string& target, mode_t mode) : target_(target) {
+  std::string dir = ExtractFileDir(target);
+  std::string base = ExtractFileName(target);
+  temp_ = (dir.empty() ? std::string() : dir + "/") + "." + base + ".tmp-XXXXXX";
+  std::vector<char> tmpl(temp_.begin(), temp_.end());
+  tmpl.push_back('\0');
+  fd_ = ::mkostemp(tmpl.data(), O_CLOEXEC);
+  if (fd_ < 0) throw_create(target, errno);
+  temp_.assign(tmpl.data());
+  if (::fchmod(fd_, mode & ~CurrentUmask()) != 0) {
+    int err = errno;
+    ::close(fd_);
+    ::unlink(temp_.c_str());
+    fd_ = -1;
+    throw_create(target, err);
+  }
+}
+
+AtomicFileWriter::~AtomicFileWriter() {
+  if (fd_ >= 0) ::close(fd_);
+  if (!committed_) ::unlink(temp_.c_str());
+}
+
+void AtomicFileWriter::write(const void* data, std::size_t n) { write_all(fd_, data, n, target_); }
+
+void AtomicFileWriter::commit() {
+  if (::fsync(fd_) != 0) throw_io("writing", target_, errno);
+  int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) throw_io("writing", target_, errno);
+  if (::rename(temp_.c_str(), target_.c_str()) != 0) throw_create(target_, errno);
+  committed_ = true;
+  std::string dir = ExtractFileDir(target_);
+  SyncDirectory(dir.empty() ? "." : dir);
+}
+
+void SyncDirectory(const std::string& dir) {
+  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+
+Bytes ReadFileBytes(const std::string& path) {
+  InputFile in(path);
+  Bytes out;
+  std::uint64_t size = in.size();
+  out.resize(static_cast<std::size_t>(size));
+  if (size) in.pread_exact(out.data(), out.size(), 0);
+  return out;
+}
+
+std::string ReadFileText(const std::string& path) {
+  Bytes b = ReadFileBytes(path);
+  return std::string(b.begin(), b.end());
+}
+
+void WriteFileBytes(const std::string& path, const Bytes& data) {
+  OutputFile out(path);
+  out.write(data);
+  out.close();
+}
+
+void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, mode_t mode) {
+  AtomicFileWriter w(path, mode);
+  w.write(data, n);
+  w.commit();
+}
+
+void CopyFileStream(const std::string& source, const std::string& dest) {
+  InputFile in(source);
+  OutputFile out(dest);
+  std::vector<char> buf(1 << 20);
+  while (std::size_t n = in.read(buf.data(), buf.size())) out.write(buf.data(), n);
+  out.close();
+}
+
+std::string MakeTempFile(const std::string& prefix) {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string dir = (tmp && *tmp) ? tmp : "/tmp";
+  std::string tmpl = dir + "/" + prefix + "-XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  int fd = ::mkostemp(buf.data(), O_CLOEXEC);
+  if (fd < 0) throw_create(tmpl, errno);
+  ::close(fd);
+  return buf.data();
+}
+
+}  // namespace tessarel

@@ -1,0 +1,111 @@
+// File helpers: read-only inputs, created outputs, atomic replacement, temporary files,
+// and the path functions the archive uses. Errors carry the path and the system's reason.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "tessarel/types.h"
+
+namespace tessarel {
+
+// True when a file (not a directory) exists at path; symbolic links are followed, so a
+// link counts when its target exists.
+bool FileExists(const std::string& path);
+bool DirectoryExists(const std::string& path);
+// Creates the folder and every missing parent; false when that is not possible.
+bool ForceDirectories(const std::string& path);
+
+// Path pieces, '/' separated.
+std::string ExtractFileName(const std::string& path);  // "a/b.txt" -> "b.txt"
+std::string ExtractFileDir(const std::string& path);   // "a/b.txt" -> "a"
+std::string ExtractFileExt(const std::string& path);   // "a/b.txt" -> ".txt"
+// The path without its last extension: "x.xml.p7m" -> "x.xml".
+std::string RemoveLastExt(const std::string& path);
+std::string ExecutableDir();
+
+// A file opened read-only: what is only read must be readable from read-only media.
+class InputFile {
+ public:
+  // EFOpenError naming the path and the reason when the file cannot be opened.
+  explicit InputFile(const std::string& path);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  std::uint64_t size() const;
+  // Reads up to n bytes; 0 at the end. EInOutError on a read error.
+  std::size_t read(void* buffer, std::size_t n);
+  // Reads exactly n bytes at offset; EInOutError when the file is shorter.
+  void pread_exact(void* buffer, std::size_t n, std::uint64_t offset);
+  const std::string& path() const { return path_; }
+  int fd() const { return fd_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+// A file created (or truncated) for writing.
+class OutputFile {
+ public:
+  // EFCreateError naming the path and the reason when the file cannot be created.
+  explicit OutputFile(const std::string& path, mode_t mode = 0666);
+  ~OutputFile();
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  // EInOutError (with the reason, e.g. no space left) when the write fails.
+  void write(const void* data, std::size_t n);
+  void write(const Bytes& data) { write(data.data(), data.size()); }
+  void sync();
+  void close();
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+// Writes a file under a temporary name in the target's folder and renames it over the
+// target on commit, so readers and crashes see the old file or the new one, never a part.
+// Without commit the temporary file is removed.
+class AtomicFileWriter {
+ public:
+  AtomicFileWriter(const std::string& target, mode_t mode = 0666);
+  ~AtomicFileWriter();
+  AtomicFileWriter(const AtomicFileWriter&) = delete;
+  AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
+
+  void write(const void* data, std::size_t n);
+  void write(const Bytes& data) { write(data.data(), data.size()); }
+  void write(const std::string& data) { write(data.data(), data.size()); }
+  // fsync, rename over the target, fsync the folder.
+  void commit();
+  const std::string& temp_path() const { return temp_; }
+
+ private:
+  std::string target_;
+  std::string temp_;
+  int fd_ = -1;
+  bool committed_ = false;
+};
+
+Bytes ReadFileBytes(const std::string& path);
+std::string ReadFileText(const std::string& path);
+void WriteFileBytes(const std::string& path, const Bytes& data);
+void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, mode_t mode = 0666);
+// Copies every byte of source onto dest (created or truncated). Times and modes are not
+// carried over.
+void CopyFileStream(const std::string& source, const std::string& dest);
+// A new, empty, uniquely named file in the system temporary folder; returns its path.
+std::string MakeTempFile(const std::string& prefix = "tessarel");
+// fsync of a folder, so a rename in it is durable.
+void SyncDirectory(const std::string& dir);
+// The process umask, read without changing it.
+mode_t CurrentUmask();
+
+}  // namespace tessarel

@@ -1,0 +1,220 @@
+#include "platform/ui/terminal_ui.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+
+#include "platform/runtime/strings.h"
+#include "platform/ui/none_ui.h"
+#include "tessarel/types.h"
+
+namespace tessarel {
+
+namespace {
+// Restores the terminal if the process is interrupted while echo is off.
+int g_echo_fd = -1;
+termios g_saved{};
+void restore_on_signal(int sig) {
+  if (g_echo_fd >= 0) tcsetattr(g_echo_fd, TCSAFLUSH, &g_saved);
+  std::signal(sig, SIG_DFL);
+  std::raise(sig);
+}
+
+class EchoOff {
+ public:
+  explicit EchoOff(int fd) : fd_(fd) {
+    if (tcgetattr(fd, &saved_) != 0) return;
+    termios t = saved_;
+    t.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    t.c_lflag |= ECHONL;
+    g_saved = saved_;
+    g_echo_fd = fd;
+    old_int_ = std::signal(SIGINT, restore_on_signal);
+    old_term_ = std::signal(SIGTERM, restore_on_signal);
+    active_ = tcsetattr(fd, TCSAFLUSH, &t) == 0;
+  }
+  ~EchoOff() {
+    if (!active_) return;
+    tcsetattr(fd_, TCSAFLUSH, &saved_);
+    g_echo_fd = -1;
+    std::signal(SIGINT, old_int_);
+    std::signal(SIGTERM, old_term_);
+  }
+
+ private:
+  int fd_;
+  termios saved_{};
+  bool active_ = false;
+  void (*old_int_)(int) = SIG_DFL;
+  void (*old_term_)(int) = SIG_DFL;
+};
+}  // namespace
+
+std::shared_ptr<TerminalUi> TerminalUi::open() {
+  int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  return std::make_shared<TerminalUi>(fd, fd, true);
+}
+
+TerminalUi::TerminalUi(int in_fd, int out_fd, bool owns) : in_(in_fd), out_(out_fd), owns_(owns) {}
+
+TerminalUi::~TerminalUi() {
+  if (!owns_) return;
+  ::close(in_);
+  if (out_ != in_) ::close(out_);
+}
+
+void TerminalUi::write(const std::string& text) {
+  const char* p = text.data();
+  std::size_t n = text.size();
+  while (n) {
+    ssize_t w = ::write(out_, p, n);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    p += w;
+    n -= static_cast<std::size_t>(w);
+  }
+}
+
+std::optional<std::string> TerminalUi::read_line(bool echo) {
+  std::optional<EchoOff> guard;
+  if (!echo) guard.emplace(in_);
+  std::string line;
+  while (true) {
+    char c;
+    ssize_t r = ::read(in_, &c, 1);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) {
+      if (line.empty()) return std::nullopt;
+      break;
+    }
+    if (c == '\n') break;
+    if (c != '\r') line.push_back(c);
+  }
+  return line;
+}
+
+std::optional<ModalResult> TerminalUi::ask_buttons(MessageButtons buttons) {
+  while (true) {
+    switch (buttons) {
+      case MessageButtons::Ok:
+        return ModalResult::Ok;
+      case MessageButtons::OkCancel:
+        write("[O]K / [C]ancel: ");
+        break;
+      case MessageButtons::YesNo:
+        write("[Y]es / [N]o: ");
+        break;
+    }
+    auto line = read_line();
+    if (!line) return std::nullopt;
+    std::string a = lower_ascii(trim(*line));
+    if (buttons == MessageButtons::OkCancel) {
+      if (a.empty() || a == "o" || a == "ok") return ModalResult::Ok;
+      if (a == "c" || a == "cancel") return ModalResult::Cancel;
+    } else {
+      if (a.empty() || a == "y" || a == "yes" || a == "s" || a == "si") return ModalResult::Yes;
+      if (a == "n" || a == "no") return ModalResult::No;
+    }
+  }
+}
+
+ModalResult TerminalUi::message_box(MessageKind kind, MessageButtons buttons, const std::string& text) {
+  write(message_line(kind, text) + "\n");
+  auto r = ask_buttons(buttons);
+  if (r) return *r;
+  return buttons == MessageButtons::YesNo ? ModalResult::No : ModalResult::Cancel;
+}
+
+ModalResult TerminalUi::password(TPasswordRequestForm& form) {
+  write(std::string("== ") + TPasswordRequestForm::kCaption + " ==\n");
+  write(std::string(TPasswordRequestForm::kLabel) + " ");
+  auto line = read_line(false);
+  if (!line) {
+    form.btnCancelClick();
+  } else {
+    form.edtPassword = std::move(*line);
+    wipe(*line);
+    form.edtPasswordKeyPress(13);  // the line was ended with Enter
+  }
+  return form.modal_result();
+}
+
+void TerminalUi::overwrite_choice(TSignFileOverriteDlg& dlg) {
+  write(std::string("== ") + TSignFileOverriteDlg::kCaption + " ==\n" + TSignFileOverriteDlg::kLabel +
+        "\n" + TSignFileOverriteDlg::kGroupTitle + ":\n");
+  for (std::size_t i = 0; i < TSignFileOverriteDlg::kItems.size(); ++i)
+    write("  " + std::string(static_cast<int>(i) == dlg.ItemIndex ? "*" : " ") + "[" +
+          std::to_string(i) + "] " + TSignFileOverriteDlg::kItems[i] + "\n");
+  while (true) {
+    write("[" + std::to_string(dlg.ItemIndex) + "]: ");
+    auto line = read_line();
+    if (!line) {
+      dlg.close_box();
+      return;
+    }
+    std::string a = trim(*line);
+    if (a.empty()) break;
+    if (a.size() == 1 && a[0] >= '0' && a[0] <= '4') {
+      dlg.select(a[0] - '0');
+      break;
+    }
+  }
+  dlg.OKBtnClick();
+}
+
+ModalResult TerminalUi::record_deletion(TSignCancRegDlg& dlg) {
+  write(std::string("== ") + TSignCancRegDlg::kCaption + " ==\n");
+  for (std::size_t i = 0; i < dlg.ComboBox1.size(); ++i)
+    write("  [" + std::to_string(i) + "] " + dlg.ComboBox1[i] + "\n");
+  while (true) {
+    write(std::string(TSignCancRegDlg::kTypeLabel) + " [" + dlg.selected_type() + "]: ");
+    auto line = read_line();
+    if (!line) {
+      dlg.escape();
+      return dlg.modal_result();
+    }
+    std::string a = trim(*line);
+    if (a.empty()) break;
+    bool found = false;
+    for (std::size_t i = 0; i < dlg.ComboBox1.size(); ++i) {
+      if (dlg.ComboBox1[i] == a || std::to_string(i) == a) {
+        dlg.select(static_cast<int>(i));
+        found = true;
+        break;
+      }
+    }
+    if (found) break;
+  }
+  write(std::string(TSignCancRegDlg::kIdLabel) + ": ");
+  auto id = read_line();
+  if (!id) {
+    dlg.escape();
+    return dlg.modal_result();
+  }
+  dlg.Edit1 = *id;
+  auto r = ask_buttons(MessageButtons::OkCancel);
+  if (r == ModalResult::Ok)
+    dlg.OKBtnClick();
+  else
+    dlg.CancelBtnClick();
+  return dlg.modal_result();
+}
+
+ModalResult TerminalUi::certificate_picker(TfrmSelWinCert&) { return ModalResult::Cancel; }
+
+void TerminalUi::certificate_wizard(TfrmGenerateCert&) {}
+
+void TerminalUi::progress_text(const std::string& text) {
+  std::fprintf(stderr, "%s\n", text.c_str());
+}
+
+void TerminalUi::beep() { write("\a"); }
+
+}  // namespace tessarel

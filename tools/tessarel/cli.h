@@ -1,0 +1,66 @@
+// Shared pieces of the tessarel command line: the command registry, global options,
+// password sources, output helpers and the demo's step registry.
+//
+// Every subcommand lives in its own file and registers itself with a static
+// CommandRegistration; the order number decides where it appears in --help.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tessarel::cli {
+
+struct Globals {
+  std::string store;  // --store
+  std::string ui;     // --ui
+  bool json = false;  // --json
+  bool quiet = false; // --quiet
+};
+Globals& globals();
+
+using Registrar = std::function<void(CLI::App& app)>;
+struct CommandRegistration {
+  CommandRegistration(int order, Registrar registrar);
+};
+// The action of a (sub)command: run after the whole command line has been parsed and the
+// global options (store, user interface) are in effect.
+void on_run(CLI::App* command, std::function<void()> action);
+
+// Exit status for the run: 0 success, 1 failure, 2 usage error. Commands raise it with fail().
+void set_exit_code(int code);
+int exit_code();
+
+// Messages for people go to stderr ("tessarel: ..."); data goes to stdout.
+void info(const std::string& message);   // suppressed by --quiet
+void error(const std::string& message);  // always shown; sets exit code 1
+
+// A password from a source: "pass:TEXT", "env:VAR", "file:PATH" (first line), "fd:N" (first
+// line). Without a source the password is asked through the user interface; nullopt when
+// the user cancels. Throws tessarel::Exception for a malformed or unreadable source.
+std::optional<std::string> read_password(const std::string& source, const std::string& purpose);
+
+// JSON text helpers for --json output.
+std::string json_string(const std::string& s);
+
+// "--json" given on the command line or on the subcommand.
+bool json();
+
+// The demo runs as a sequence of steps; each feature contributes its own.
+struct DemoContext {
+  std::string dir;    // the demo folder (created)
+  std::string store;  // its private certificate store
+  std::map<std::string, std::string> values;  // what steps hand to later steps
+  std::vector<std::string> checks;            // commands a person can run to check the result
+};
+struct DemoStep {
+  DemoStep(int order, std::string title, std::function<void(DemoContext&)> run);
+};
+void run_demo(DemoContext& ctx);
+
+}  // namespace tessarel::cli

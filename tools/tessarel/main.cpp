@@ -1,0 +1,168 @@
+// tessarel: the command line over libtessarel.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+#include "cli.h"
+#include "tessarel/tessarel.h"
+
+namespace tessarel::cli {
+
+namespace {
+struct Entry {
+  int order;
+  Registrar registrar;
+};
+std::vector<Entry>& registry() {
+  static std::vector<Entry> r;
+  return r;
+}
+int g_exit = 0;
+std::vector<std::pair<CLI::App*, std::function<void()>>>& actions() {
+  static std::vector<std::pair<CLI::App*, std::function<void()>>> a;
+  return a;
+}
+
+// Forwards to the chosen front end and shows progress on stderr.
+class CliUi : public Ui {
+ public:
+  explicit CliUi(std::shared_ptr<Ui> inner) : inner_(std::move(inner)), tty_(isatty(2)) {}
+  ~CliUi() override { finish_progress(); }
+  const char* name() const override { return inner_->name(); }
+  ModalResult message_box(MessageKind k, MessageButtons b, const std::string& t) override {
+    finish_progress();
+    return inner_->message_box(k, b, t);
+  }
+  ModalResult password(TPasswordRequestForm& f) override {
+    finish_progress();
+    return inner_->password(f);
+  }
+  void overwrite_choice(TSignFileOverriteDlg& d) override {
+    finish_progress();
+    inner_->overwrite_choice(d);
+  }
+  ModalResult record_deletion(TSignCancRegDlg& d) override {
+    finish_progress();
+    return inner_->record_deletion(d);
+  }
+  ModalResult certificate_picker(TfrmSelWinCert& p) override {
+    finish_progress();
+    return inner_->certificate_picker(p);
+  }
+  void certificate_wizard(TfrmGenerateCert& w) override {
+    finish_progress();
+    inner_->certificate_wizard(w);
+  }
+  void busy_cursor(bool b) override { inner_->busy_cursor(b); }
+  void progress_text(const std::string& text) override {
+    if (globals().quiet) return;
+    if (tty_) {
+      std::fprintf(stderr, "\r%s\x1b[K", text.c_str());
+      open_line_ = true;
+    } else {
+      std::fprintf(stderr, "%s\n", text.c_str());
+    }
+  }
+  void beep() override { inner_->beep(); }
+
+ private:
+  void finish_progress() {
+    if (open_line_) std::fputc('\n', stderr);
+    open_line_ = false;
+  }
+  std::shared_ptr<Ui> inner_;
+  bool tty_;
+  bool open_line_ = false;
+};
+
+void install_ui() {
+  std::string name = globals().ui;
+  if (name.empty()) {
+    const char* env = std::getenv("TESSAREL_UI");
+    // Never wait for an answer that cannot come: without a terminal on stdin, no prompts.
+    name = env && *env ? env : (isatty(0) ? "terminal" : "none");
+  }
+  setUi(std::make_shared<CliUi>(make_ui(name)));
+}
+}  // namespace
+
+Globals& globals() {
+  static Globals g;
+  return g;
+}
+
+CommandRegistration::CommandRegistration(int order, Registrar registrar) {
+  registry().push_back({order, std::move(registrar)});
+}
+
+void on_run(CLI::App* command, std::function<void()> action) {
+  actions().emplace_back(command, std::move(action));
+}
+
+void set_exit_code(int code) {
+  if (code > g_exit) g_exit = code;
+}
+int exit_code() { return g_exit; }
+
+void info(const std::string& message) {
+  if (!globals().quiet) std::fprintf(stderr, "%s\n", message.c_str());
+}
+
+void error(const std::string& message) {
+  std::fprintf(stderr, "tessarel: error: %s\n", message.c_str());
+  set_exit_code(1);
+}
+
+bool json() { return globals().json; }
+
+}  // namespace tessarel::cli
+
+int main(int argc, char** argv) {
+  using namespace tessarel::cli;
+  CLI::App app{"tessarel: sign files into CMS envelopes, keep a signed document archive, manage certificates"};
+  app.set_version_flag("--version", std::string("tessarel ") + tessarel::version());
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.add_option("--store", globals().store,
+                 "Certificate store folder (default: $TESSAREL_STORE, else ~/.local/share/tessarel/MY)");
+  app.add_option("--ui", globals().ui, "Dialogs: none, terminal or qt (default: terminal on a terminal, else none)")
+      ->check(CLI::IsMember({"none", "terminal", "qt"}));
+  app.add_flag("--json", globals().json, "Structured output as JSON where the command has any");
+  app.add_flag("-q,--quiet", globals().quiet, "No progress or informational messages");
+
+  auto& entries = registry();
+  std::stable_sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.order < b.order; });
+  for (auto& e : entries) e.registrar(app);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : 2;
+  }
+  try {
+    if (!globals().store.empty()) tessarel::set_store_location(globals().store);
+    install_ui();
+    bool ran = false;
+    for (auto& [command, action] : actions()) {
+      if (command->parsed()) {
+        action();
+        ran = true;
+      }
+    }
+    if (!ran) {
+      // A command group given without one of its commands.
+      for (auto* sub : app.get_subcommands())
+        std::fprintf(stderr, "%s", sub->help().c_str());
+      return 2;
+    }
+  } catch (const std::exception& e) {
+    error(e.what());
+  }
+  std::fflush(stdout);
+  tessarel::setUi(nullptr);
+  return exit_code();
+}
