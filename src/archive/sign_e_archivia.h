@@ -15,6 +15,9 @@ namespace xml {
 class Document;
 }
 
+// Raises tessarel::Exception saying that the operation is not part of this build yet.
+[[noreturn]] void NotAvailableYet(const char* operation);
+
 class TSignEArchivia : public ISignEArchivia {
  public:
   TSignEArchivia();
@@ -51,6 +54,9 @@ class TSignEArchivia : public ISignEArchivia {
   std::int32_t collision_action() const { return CollisionAction; }
 
  protected:
+  // Raises "File indice non aperto" when no index is open.
+  void RequireOpenIndex() const;
+
   // The index held in memory; absent until ApriIndice. Its presence is what "open" means.
   std::unique_ptr<xml::Document> FXMLDocument;
   // The certificate chosen by ApriIndice, which signs the index.
