@@ -38,8 +38,7 @@ TESSAREL_API char** GetHashFileSHA256(char** result, const char* fname) {
 
 TESSAREL_API void SalvaCertificatopfx(const char* commonName, TessarelDataSet* dataSet,
                                       const char* fieldName) {
-  if (!dataSet) throw tessarel::EDatabaseError("No dataset given");
-  tessarel::SalvaCertificatopfx(text(commonName), *dataSet, text(fieldName));
+  tessarel::SalvaCertificatopfx(text(commonName), dataSet, text(fieldName));
 }
 
 TESSAREL_API char** CreaCertificatoPrivato(char** result) {

@@ -1,0 +1,93 @@
+// Finding certificates by identifier through the shared store snapshot.
+#include <gtest/gtest.h>
+
+#include "boundary/cert_lookup.h"
+#include "platform/store/file_store.h"
+#include "test_support.h"
+
+namespace tessarel {
+namespace {
+
+test::TestCert cert_with_serial(Bytes serial, const std::string& cn, bool ec = true) {
+  test::CertSpec s;
+  s.cn = cn;
+  s.serial = std::move(serial);
+  if (ec) {
+    s.kind = KeyKind::Ec;
+    s.bits = 256;
+  }
+  return test::make_cert(s);
+}
+
+TEST(Lookup, IdentifierIsTheSerialInUpperCaseHexAndMatchesExactly) {
+  test::ScopedStore store;
+  auto a = cert_with_serial({0x00, 0xAB, 0xCD, 0xEF, 0x01}, "A");
+  store.add(a);
+  EXPECT_EQ(a.cert.id(), "00ABCDEF01");  // the leading zero byte of the encoding is kept
+  const Certificate* found = TrovaCertificato("00ABCDEF01");
+  ASSERT_NE(found, nullptr);
+  EXPECT_EQ(found->subject_cn(), "A");
+  EXPECT_EQ(TrovaCertificato("00abcdef01"), nullptr);
+  EXPECT_EQ(TrovaCertificato("ABCDEF01"), nullptr);
+  EXPECT_EQ(TrovaCertificato("00ABCDEF01 "), nullptr);
+}
+
+TEST(Lookup, EmptyIdentifierGivesTheFirstCertificateOrNone) {
+  test::ScopedStore store;
+  EXPECT_EQ(TrovaCertificato(""), nullptr);
+  auto a = cert_with_serial({0x11}, "First");
+  auto b = cert_with_serial({0x22}, "Second");
+  store.add(a);
+  store.add(b);
+  const Certificate* first = TrovaCertificato("");
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->subject_cn(), "First");
+}
+
+TEST(Lookup, AnEmptySnapshotIsReadAgainAFilledOneIsKept) {
+  test::ScopedStore store;
+  auto a = cert_with_serial({0x31}, "Late");
+  EXPECT_EQ(TrovaCertificato("31"), nullptr);  // empty at the first lookup
+  ASSERT_NE(CurrentSharedCertStorage(), nullptr);
+  EXPECT_EQ(CurrentSharedCertStorage()->Count(), 0);
+  open_store(store.path())->add(a.cert, a.pkcs8());  // filled behind the snapshot's back
+  EXPECT_NE(TrovaCertificato("31"), nullptr);         // the empty snapshot was rebuilt
+
+  auto b = cert_with_serial({0x32}, "Later");
+  open_store(store.path())->add(b.cert, b.pkcs8());
+  EXPECT_EQ(TrovaCertificato("32"), nullptr);  // a filled snapshot is not refreshed
+  ResetSharedCertStorage();
+  EXPECT_NE(TrovaCertificato("32"), nullptr);
+}
+
+TEST(Lookup, SameSerialTwiceTheFirstInStoreOrderWins) {
+  test::ScopedStore store;
+  auto a = cert_with_serial({0x42}, "Issuer one copy");
+  auto b = cert_with_serial({0x42}, "Issuer two copy");
+  store.add(a);
+  store.add(b);
+  const Certificate* found = TrovaCertificato("42");
+  ASSERT_NE(found, nullptr);
+  EXPECT_EQ(found->subject_cn(), "Issuer one copy");
+}
+
+TEST(Lookup, KeyValidOnlyWhenPresentReadableAndMatching) {
+  test::ScopedStore store;
+  auto with_key = cert_with_serial({0x51}, "With key");
+  auto without = cert_with_serial({0x52}, "Without key");
+  auto wrong = cert_with_serial({0x53}, "Wrong key");
+  store.add(with_key);
+  store.add(without, false);
+  store.add(wrong, false);
+  // Give "Wrong key" the key of another certificate behind the store's back.
+  test::write_file(store.path() + "/" + FileCertStore::entry_name(wrong.cert) + ".key", with_key.pkcs8());
+  set_warning_handler([](const std::string&) {});
+  EXPECT_TRUE(ChiaveValida("51"));
+  EXPECT_FALSE(ChiaveValida("52"));
+  EXPECT_FALSE(ChiaveValida("53"));
+  EXPECT_FALSE(ChiaveValida("99"));
+  set_warning_handler(nullptr);
+}
+
+}  // namespace
+}  // namespace tessarel
