@@ -45,6 +45,9 @@ void error(const std::string& message);  // always shown; sets exit code 1
 // the user cancels. Throws tessarel::Exception for a malformed or unreadable source.
 std::optional<std::string> read_password(const std::string& source, const std::string& purpose);
 
+// Validates a password source on the command line (a malformed one is a usage error).
+CLI::Validator password_source();
+
 // JSON text helpers for --json output.
 std::string json_string(const std::string& s);
 

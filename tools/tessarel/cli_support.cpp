@@ -64,6 +64,16 @@ std::optional<std::string> read_password(const std::string& source, const std::s
                   " is not one of pass:TEXT, env:VAR, file:PATH, fd:N");
 }
 
+CLI::Validator password_source() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        for (const char* prefix : {"pass:", "env:", "file:", "fd:"})
+          if (value.rfind(prefix, 0) == 0) return {};
+        return "password source must be pass:TEXT, env:VAR, file:PATH or fd:N";
+      },
+      "SRC");
+}
+
 std::string json_string(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {

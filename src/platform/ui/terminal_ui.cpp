@@ -134,8 +134,10 @@ ModalResult TerminalUi::message_box(MessageKind kind, MessageButtons buttons, co
 
 ModalResult TerminalUi::password(TPasswordRequestForm& form) {
   write(std::string("== ") + TPasswordRequestForm::kCaption + " ==\n");
+  // Echo goes off before the prompt shows, so nothing typed after it is ever displayed.
+  EchoOff no_echo(in_);
   write(std::string(TPasswordRequestForm::kLabel) + " ");
-  auto line = read_line(false);
+  auto line = read_line(true);
   if (!line) {
     form.btnCancelClick();
   } else {
