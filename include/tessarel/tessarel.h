@@ -8,6 +8,7 @@
 #include "tessarel/errors.h"
 #include "tessarel/export.h"
 #include "tessarel/exports.h"
+#include "tessarel/picker.h"
 #include "tessarel/sign_e_archivia.h"
 #include "tessarel/store.h"
 #include "tessarel/types.h"

@@ -4,6 +4,7 @@
 #include "platform/runtime/files.h"
 #include "platform/xml/dom.h"
 #include "tessarel/errors.h"
+#include "tessarel/exports.h"
 
 namespace tessarel {
 
@@ -28,3 +29,7 @@ void NotAvailableYet(const char* operation) {
 }
 
 }  // namespace tessarel
+
+extern "C" TESSAREL_API tessarel::ISignEArchivia* GetSignEArchivia(void) {
+  return new tessarel::TSignEArchivia();
+}

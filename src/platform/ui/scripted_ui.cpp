@@ -1,5 +1,6 @@
 #include "platform/ui/scripted_ui.h"
 
+#include "tessarel/picker.h"
 #include "tessarel/types.h"
 
 namespace tessarel {
@@ -75,7 +76,10 @@ ModalResult ScriptedUi::certificate_picker(TfrmSelWinCert& picker) {
   if (pickers_.empty()) no_answer("certificate picker", "");
   auto action = std::move(pickers_.front());
   pickers_.pop_front();
-  return action(picker);
+  picker.FormShow();
+  action(picker);
+  if (picker.modal_result() == ModalResult::None) picker.close_box();
+  return picker.modal_result();
 }
 
 void ScriptedUi::certificate_wizard(TfrmGenerateCert& wizard) {

@@ -33,8 +33,10 @@ class ScriptedUi : public Ui {
   void answer_overwrite(int item, bool close_box = false);
   // Answers for the record-deletion dialog: type index, Id text, result.
   void answer_deletion(int type_index, std::string id, ModalResult r = ModalResult::Ok);
-  // Actions for the picker and the wizard, which have models of their own.
-  void answer_picker(std::function<ModalResult(TfrmSelWinCert&)> action) {
+  // Actions for the picker and the wizard, which have models of their own. The picker has
+  // been shown (FormShow) when its action runs; the action ends it with one of its buttons
+  // (a picker left open counts as closed with the close box).
+  void answer_picker(std::function<void(TfrmSelWinCert&)> action) {
     pickers_.push_back(std::move(action));
   }
   void answer_wizard(std::function<void(TfrmGenerateCert&)> action) {
@@ -79,7 +81,7 @@ class ScriptedUi : public Ui {
   std::deque<PasswordAnswer> passwords_;
   std::deque<OverwriteAnswer> overwrites_;
   std::deque<DeletionAnswer> deletions_;
-  std::deque<std::function<ModalResult(TfrmSelWinCert&)>> pickers_;
+  std::deque<std::function<void(TfrmSelWinCert&)>> pickers_;
   std::deque<std::function<void(TfrmGenerateCert&)>> wizards_;
 };
 

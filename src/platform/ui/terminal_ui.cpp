@@ -6,10 +6,14 @@
 
 #include <cerrno>
 #include <csignal>
+#include <algorithm>
+#include <array>
 #include <cstdio>
 
 #include "platform/runtime/strings.h"
 #include "platform/ui/none_ui.h"
+#include "tessarel/picker.h"
+#include "tessarel/errors.h"
 #include "tessarel/types.h"
 
 namespace tessarel {
@@ -209,7 +213,61 @@ ModalResult TerminalUi::record_deletion(TSignCancRegDlg& dlg) {
   return dlg.modal_result();
 }
 
-ModalResult TerminalUi::certificate_picker(TfrmSelWinCert&) { return ModalResult::Cancel; }
+namespace {
+std::string pad(const std::string& s, std::size_t width) {
+  // Display width in characters, not bytes (UTF-8 continuation bytes take no column).
+  std::size_t cols = 0;
+  for (unsigned char c : s)
+    if ((c & 0xC0) != 0x80) ++cols;
+  return cols >= width ? s : s + std::string(width - cols, ' ');
+}
+}  // namespace
+
+ModalResult TerminalUi::certificate_picker(TfrmSelWinCert& picker) {
+  picker.FormShow();
+  while (picker.modal_result() == ModalResult::None) {
+    std::array<std::size_t, 6> widths{};
+    for (std::size_t c = 0; c < 6; ++c) widths[c] = std::string(TfrmSelWinCert::kColumns[c].caption).size();
+    for (const auto& row : picker.rows())
+      for (std::size_t c = 0; c < 6; ++c) widths[c] = std::max(widths[c], row.cells[c].size());
+    std::string screen = std::string("== ") + TfrmSelWinCert::kCaption + " ==\n" + TfrmSelWinCert::kLabel1 + "\n";
+    screen += "     ";
+    for (std::size_t c = 0; c < 6; ++c) screen += pad(TfrmSelWinCert::kColumns[c].caption, widths[c] + 2);
+    screen += "\n";
+    for (std::size_t r = 0; r < picker.rows().size(); ++r) {
+      bool sel = static_cast<int>(r) == picker.selected_row();
+      screen += std::string(sel ? "> " : "  ") + pad(std::to_string(r), 3);
+      for (std::size_t c = 0; c < 6; ++c) screen += pad(picker.rows()[r].cells[c], widths[c] + 2);
+      screen += "\n";
+    }
+    screen += std::string(TfrmSelWinCert::kLbPrivateKey) + picker.dlbPrivateKey() + "\n" +
+              TfrmSelWinCert::kLbUsage + picker.dlbUsage() + "\n" +
+              "[number] select   r = " + TfrmSelWinCert::kRemoveItem + "   o = " + TfrmSelWinCert::kOk +
+              "   c = " + TfrmSelWinCert::kCancel + "\n> ";
+    write(screen);
+    auto line = read_line();
+    if (!line) {
+      picker.close_box();
+      break;
+    }
+    std::string a = lower_ascii(trim(*line));
+    if (a.empty()) continue;  // Enter does not close the picker
+    if (a == "o" || a == "ok") {
+      picker.btnOKClick();
+    } else if (a == "c" || a == "cancel") {
+      picker.btnCancelClick();
+    } else if (a == "r") {
+      picker.RimuoviCertificato1Click();
+    } else {
+      try {
+        picker.lvCerificatesChange(static_cast<int>(StrToInt(a)));
+      } catch (const Exception&) {
+        write("?\n");
+      }
+    }
+  }
+  return picker.modal_result();
+}
 
 void TerminalUi::certificate_wizard(TfrmGenerateCert&) {}
 

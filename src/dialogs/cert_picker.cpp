@@ -1,0 +1,128 @@
+#include <chrono>
+#include <cmath>
+
+#include "boundary/result_string.h"
+#include "platform/runtime/datetime.h"
+#include "tessarel/exports.h"
+#include "tessarel/picker.h"
+#include "tessarel/ui.h"
+
+namespace tessarel {
+
+const std::array<TfrmSelWinCert::Column, 6> TfrmSelWinCert::kColumns = {{
+    {"Certificato ID", 125},
+    {"Rilasciato a", 102},
+    {"Ente Certif.", 99},
+    {"Valido dal", 68},
+    {"Valido al", 64},
+    {"Chiave priv.", 26},
+}};
+
+namespace {
+
+// Local date and time as the list shows them; midnight shows as the date alone.
+std::string date_time_text(std::chrono::sys_seconds t) {
+  DateTime dt = LocalDateTime(std::chrono::system_clock::time_point(t));
+  CivilTime c = DecodeDateTime(dt);
+  if (c.hour == 0 && c.minute == 0 && c.second == 0) return FormatShortDate(dt);
+  return FormatDateTime(dt);
+}
+
+std::string first_or(const std::vector<std::string>& values, const std::vector<std::string>& fallback) {
+  if (!values.empty() && !values.front().empty()) return values.front();
+  return fallback.empty() ? std::string() : fallback.front();
+}
+
+}  // namespace
+
+TfrmSelWinCert::TfrmSelWinCert() : TfrmSelWinCert(personal_store()) {}
+
+TfrmSelWinCert::TfrmSelWinCert(std::shared_ptr<CertStore> store) : WinCertStorage(std::move(store)) {}
+
+TfrmSelWinCert::~TfrmSelWinCert() = default;
+
+std::string TfrmSelWinCert::UsageText(const Certificate& cert) {
+  static const char* kTexts[9] = {"Digital Signitare, ", "Non-repudiation, ", "Key Transport, ",
+                                  "Data Encipherment, ", "Key Agreement, ",  "Certificate Signing, ",
+                                  "CRL Signing, ",       "Encipher only, ",  "Decipher only, "};
+  auto ku = cert.key_usage();
+  if (!ku) return "";
+  std::string text;
+  for (unsigned bit = 0; bit < 9; ++bit)
+    if (*ku & (1u << bit)) text += kTexts[bit];
+  if (text.size() >= 2) text.resize(text.size() - 2);
+  return text;
+}
+
+void TfrmSelWinCert::FormShow() {
+  UpdateCertificates();
+  UpdateCertInfo();
+}
+
+void TfrmSelWinCert::UpdateCertificates() {
+  rows_.clear();
+  for (const Certificate& cert : WinCertStorage->certificates()) {
+    if (showCA && !(cert.has_key_usage(kDigitalSignature) && cert.has_key_usage(kKeyEncipherment)))
+      continue;
+    Row row{{cert.display_serial(),
+             first_or(cert.subject_values(oid::kCommonName), cert.subject_values(oid::kOrganizationName)),
+             first_or(cert.issuer_values(oid::kCommonName), cert.issuer_values(oid::kOrganizationName)),
+             date_time_text(cert.not_before()), date_time_text(cert.not_after()),
+             WinCertStorage->has_private_key(cert) ? "Yes" : "No"},
+            cert};
+    rows_.push_back(std::move(row));
+  }
+}
+
+void TfrmSelWinCert::lvCerificatesChange(int row) {
+  selected_ = (row >= 0 && row < static_cast<int>(rows_.size())) ? row : -1;
+  if (selected_ >= 0)
+    certificate_ = rows_[static_cast<std::size_t>(selected_)].certificate;
+  else
+    certificate_.reset();
+  UpdateCertInfo();
+}
+
+void TfrmSelWinCert::UpdateCertInfo() {
+  if (!certificate_) {
+    dlb_private_key_ = "None";
+    dlb_usage_ = "None";
+    return;
+  }
+  dlb_private_key_ = WinCertStorage->has_private_key(*certificate_) ? "Available" : "None";
+  dlb_usage_ = UsageText(*certificate_);
+}
+
+void TfrmSelWinCert::RimuoviCertificato1Click() {
+  if (!certificate_ || selected_ < 0) return;
+  // The store finds the entry by the certificate's SHA-1 fingerprint.
+  if (!WinCertStorage->remove(*certificate_)) return;
+  rows_.erase(rows_.begin() + selected_);
+  lvCerificatesChange(-1);
+}
+
+void TfrmSelWinCert::FormCloseQuery() {
+  if (modal_result_ == ModalResult::Ok && certificate_ && !showCA && certificate_->key_usage() &&
+      !certificate_->has_key_usage(kNonRepudiation))
+    currentUi().message_box(MessageKind::Plain, MessageButtons::Ok, kNonRepudiationWarning);
+}
+
+void TfrmSelWinCert::btnOKClick() {
+  modal_result_ = ModalResult::Ok;
+  FormCloseQuery();
+}
+
+void TfrmSelWinCert::btnCancelClick() { modal_result_ = ModalResult::Cancel; }
+
+void TfrmSelWinCert::close_box() { modal_result_ = ModalResult::Cancel; }
+
+}  // namespace tessarel
+
+extern "C" TESSAREL_API char** SelezionaCertificato(char** result, bool showCA) {
+  tessarel::TfrmSelWinCert form;
+  form.showCA = showCA;
+  tessarel::ModalResult r = tessarel::currentUi().certificate_picker(form);
+  if (r == tessarel::ModalResult::Ok && form.FCertificate())
+    return tessarel::AssignResult(result, form.FCertificate()->id());
+  return result;
+}
