@@ -16,11 +16,11 @@ class TESSAREL_API Exception : public std::runtime_error {
   ~Exception() override;
 };
 
-#define TESSAREL_DECLARE_ERROR(Name)                                        \
-  class TESSAREL_API Name : public Exception {                             \
-   public:                                                                 \
-    explicit Name(const std::string& message) : Exception(message) {}     \
-    ~Name() override;                                                      \
+#define TESSAREL_DECLARE_ERROR(Name)                                  \
+  class TESSAREL_API Name : public Exception {                        \
+   public:                                                            \
+    explicit Name(const std::string& message) : Exception(message) {} \
+    ~Name() override;                                                 \
   };
 
 // Errors of the CMS engine (English messages).

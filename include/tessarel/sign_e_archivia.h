@@ -42,9 +42,8 @@ class TESSAREL_API ISignEArchivia {
   virtual std::string GeneraCertificato() = 0;
   // Slot 10: signs a PDF document.
   virtual bool FirmaPdf(const std::string& fname, const std::string& fnamedest,
-                        const std::string& reason, const std::string& pazname,
-                        std::istream* stream, bool passw, const std::string& certCA,
-                        bool certInvisible) = 0;
+                        const std::string& reason, const std::string& pazname, std::istream* stream,
+                        bool passw, const std::string& certCA, bool certInvisible) = 0;
 
   virtual ~ISignEArchivia();
 };

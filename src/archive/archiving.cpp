@@ -10,8 +10,8 @@ void TSignEArchivia::ArchiviaFile(const std::string&, const std::string&, const 
   NotAvailableYet("ArchiviaFile");
 }
 
-void TSignEArchivia::FirmaEArchiviaFile(const std::string&, const std::string&,
-                                        const std::string&, DateTime) {
+void TSignEArchivia::FirmaEArchiviaFile(const std::string&, const std::string&, const std::string&,
+                                        DateTime) {
   RequireOpenIndex();
   NotAvailableYet("FirmaEArchiviaFile");
 }

@@ -18,7 +18,9 @@ bool TSignEArchivia::IsKeyPresent(const std::string& idCert) {
   return ChiaveValida(FidCert);
 }
 
-std::string TSignEArchivia::GenerateTempFilename() { return MakeTempFile("tessarel"); }
+std::string TSignEArchivia::GenerateTempFilename() {
+  return MakeTempFile("tessarel");
+}
 
 void TSignEArchivia::RequireOpenIndex() const {
   if (!FXMLDocument) throw Exception("File indice non aperto");

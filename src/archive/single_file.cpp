@@ -4,12 +4,20 @@
 
 namespace tessarel {
 
-void TSignEArchivia::Firma(const std::string&, const std::string&, bool) { NotAvailableYet("Firma"); }
+void TSignEArchivia::Firma(const std::string&, const std::string&, bool) {
+  NotAvailableYet("Firma");
+}
 
-std::string TSignEArchivia::EstraiContenuto(const std::string&) { NotAvailableYet("EstraiContenuto"); }
+std::string TSignEArchivia::EstraiContenuto(const std::string&) {
+  NotAvailableYet("EstraiContenuto");
+}
 
-void TSignEArchivia::VerificaFirma(const std::string&) { NotAvailableYet("VerificaFirma"); }
+void TSignEArchivia::VerificaFirma(const std::string&) {
+  NotAvailableYet("VerificaFirma");
+}
 
-std::string TSignEArchivia::GeneraCertificato() { NotAvailableYet("GeneraCertificato"); }
+std::string TSignEArchivia::GeneraCertificato() {
+  NotAvailableYet("GeneraCertificato");
+}
 
 }  // namespace tessarel

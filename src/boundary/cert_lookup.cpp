@@ -17,7 +17,8 @@ std::unique_ptr<SharedCertStorage>& shared_storage() {
 }
 }  // namespace
 
-SharedCertStorage::SharedCertStorage() : store_(personal_store()), certificates_(store_->certificates()) {}
+SharedCertStorage::SharedCertStorage()
+    : store_(personal_store()), certificates_(store_->certificates()) {}
 
 SharedCertStorage* CurrentSharedCertStorage() {
   std::lock_guard lock(shared_mutex());

@@ -21,7 +21,9 @@ class SharedCertStorage {
  public:
   SharedCertStorage();
   int Count() const { return static_cast<int>(certificates_.size()); }
-  const Certificate& Certificates(int i) const { return certificates_.at(static_cast<std::size_t>(i)); }
+  const Certificate& Certificates(int i) const {
+    return certificates_.at(static_cast<std::size_t>(i));
+  }
   CertStore& store() const { return *store_; }
 
  private:

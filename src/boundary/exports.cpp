@@ -8,8 +8,8 @@
 #include <new>
 
 #include "boundary/file_digest.h"
-#include "boundary/result_string.h"
 #include "boundary/pfx_export.h"
+#include "boundary/result_string.h"
 #include "tessarel/errors.h"
 #include "tessarel/store.h"
 

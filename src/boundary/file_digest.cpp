@@ -27,7 +27,8 @@ void HashFile(const std::string& fname, std::string& digest, std::int64_t& size)
   std::int64_t file_size = static_cast<std::int64_t>(in.size());
   // 256 KiB keeps the buffer in L2 while amortising the system calls.
   std::vector<unsigned char> buffer(256 * 1024);
-  while (std::size_t n = in.read(buffer.data(), buffer.size())) hasher.update(buffer.data(), n);
+  while (std::size_t n = in.read(buffer.data(), buffer.size()))
+    hasher.update(buffer.data(), n);
   digest = BinaryToString(hasher.finish());
   size = file_size;
 }

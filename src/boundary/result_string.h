@@ -7,6 +7,8 @@
 namespace tessarel {
 
 char** AssignResult(char** result, const std::string& value);
-inline const char* TextArg(const char* s) { return s ? s : ""; }
+inline const char* TextArg(const char* s) {
+  return s ? s : "";
+}
 
 }  // namespace tessarel

@@ -59,7 +59,8 @@ struct SqliteDataSet::Impl {
   std::vector<std::unique_ptr<SqliteField>> fields;
 
   ~Impl() {
-    for (auto& f : fields) f->reset();
+    for (auto& f : fields)
+      f->reset();
     if (db) sqlite3_close(db);
   }
   [[noreturn]] void fail(const std::string& what) const {
@@ -83,7 +84,8 @@ SqliteDataSet::SqliteDataSet(const std::string& database, const std::string& tab
   while (sqlite3_step(stmt) == SQLITE_ROW) {
     std::string name = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 1));
     const unsigned char* type = sqlite3_column_text(stmt, 2);
-    bool blob = type && upper_ascii(reinterpret_cast<const char*>(type)).find("BLOB") != std::string::npos;
+    bool blob =
+        type && upper_ascii(reinterpret_cast<const char*>(type)).find("BLOB") != std::string::npos;
     impl_->fields.push_back(std::make_unique<SqliteField>(name, blob, &impl_->editing));
   }
   sqlite3_finalize(stmt);
@@ -96,18 +98,22 @@ SqliteDataSet::SqliteDataSet(const std::string& database, const std::string& tab
   int rc = sqlite3_step(stmt);
   sqlite3_finalize(stmt);
   if (rc != SQLITE_ROW)
-    throw EDatabaseError("Record " + std::to_string(rowid) + " not found in table \"" + table + "\"");
+    throw EDatabaseError("Record " + std::to_string(rowid) + " not found in table \"" + table +
+                         "\"");
 }
 
 SqliteDataSet::~SqliteDataSet() = default;
 
 void SqliteDataSet::Edit() {
   if (impl_->editing) return;
-  for (auto& f : impl_->fields) f->reset();
+  for (auto& f : impl_->fields)
+    f->reset();
   impl_->editing = true;
 }
 
-bool SqliteDataSet::editing() const { return impl_->editing; }
+bool SqliteDataSet::editing() const {
+  return impl_->editing;
+}
 
 TField& SqliteDataSet::FieldByName(const std::string& name) {
   for (auto& f : impl_->fields)
@@ -136,10 +142,11 @@ void SqliteDataSet::Post() {
     sqlite3_finalize(stmt);
     if (rc != SQLITE_DONE) impl_->fail("Cannot post the record");
     if (sqlite3_changes(impl_->db) != 1)
-      throw EDatabaseError("Record " + std::to_string(impl_->rowid) + " no longer exists in table \"" +
-                           impl_->table + "\"");
+      throw EDatabaseError("Record " + std::to_string(impl_->rowid) +
+                           " no longer exists in table \"" + impl_->table + "\"");
   }
-  for (auto& f : impl_->fields) f->reset();
+  for (auto& f : impl_->fields)
+    f->reset();
   impl_->editing = false;
 }
 

@@ -47,7 +47,9 @@ std::shared_ptr<CertStore> open_store(const std::string& location) {
   return std::make_shared<FileCertStore>(location);
 }
 
-std::shared_ptr<CertStore> personal_store() { return open_store(store_location()); }
+std::shared_ptr<CertStore> personal_store() {
+  return open_store(store_location());
+}
 
 Certificate import_pkcs12(CertStore& store, const Bytes& pfx, const std::string& password) {
   crypto::Pkcs12Contents contents = crypto::read_pkcs12(pfx, password);

@@ -28,7 +28,8 @@ std::string date_time_text(std::chrono::sys_seconds t) {
   return FormatDateTime(dt);
 }
 
-std::string first_or(const std::vector<std::string>& values, const std::vector<std::string>& fallback) {
+std::string first_or(const std::vector<std::string>& values,
+                     const std::vector<std::string>& fallback) {
   if (!values.empty() && !values.front().empty()) return values.front();
   return fallback.empty() ? std::string() : fallback.front();
 }
@@ -37,14 +38,16 @@ std::string first_or(const std::vector<std::string>& values, const std::vector<s
 
 TfrmSelWinCert::TfrmSelWinCert() : TfrmSelWinCert(personal_store()) {}
 
-TfrmSelWinCert::TfrmSelWinCert(std::shared_ptr<CertStore> store) : WinCertStorage(std::move(store)) {}
+TfrmSelWinCert::TfrmSelWinCert(std::shared_ptr<CertStore> store)
+    : WinCertStorage(std::move(store)) {}
 
 TfrmSelWinCert::~TfrmSelWinCert() = default;
 
 std::string TfrmSelWinCert::UsageText(const Certificate& cert) {
-  static const char* kTexts[9] = {"Digital Signitare, ", "Non-repudiation, ", "Key Transport, ",
-                                  "Data Encipherment, ", "Key Agreement, ",  "Certificate Signing, ",
-                                  "CRL Signing, ",       "Encipher only, ",  "Decipher only, "};
+  static const char* kTexts[9] = {
+      "Digital Signitare, ", "Non-repudiation, ", "Key Transport, ",
+      "Data Encipherment, ", "Key Agreement, ",   "Certificate Signing, ",
+      "CRL Signing, ",       "Encipher only, ",   "Decipher only, "};
   auto ku = cert.key_usage();
   if (!ku) return "";
   std::string text;
@@ -64,12 +67,14 @@ void TfrmSelWinCert::UpdateCertificates() {
   for (const Certificate& cert : WinCertStorage->certificates()) {
     if (showCA && !(cert.has_key_usage(kDigitalSignature) && cert.has_key_usage(kKeyEncipherment)))
       continue;
-    Row row{{cert.display_serial(),
-             first_or(cert.subject_values(oid::kCommonName), cert.subject_values(oid::kOrganizationName)),
-             first_or(cert.issuer_values(oid::kCommonName), cert.issuer_values(oid::kOrganizationName)),
-             date_time_text(cert.not_before()), date_time_text(cert.not_after()),
-             WinCertStorage->has_private_key(cert) ? "Yes" : "No"},
-            cert};
+    Row row{
+        {cert.display_serial(),
+         first_or(cert.subject_values(oid::kCommonName),
+                  cert.subject_values(oid::kOrganizationName)),
+         first_or(cert.issuer_values(oid::kCommonName), cert.issuer_values(oid::kOrganizationName)),
+         date_time_text(cert.not_before()), date_time_text(cert.not_after()),
+         WinCertStorage->has_private_key(cert) ? "Yes" : "No"},
+        cert};
     rows_.push_back(std::move(row));
   }
 }
@@ -112,9 +117,13 @@ void TfrmSelWinCert::btnOKClick() {
   FormCloseQuery();
 }
 
-void TfrmSelWinCert::btnCancelClick() { modal_result_ = ModalResult::Cancel; }
+void TfrmSelWinCert::btnCancelClick() {
+  modal_result_ = ModalResult::Cancel;
+}
 
-void TfrmSelWinCert::close_box() { modal_result_ = ModalResult::Cancel; }
+void TfrmSelWinCert::close_box() {
+  modal_result_ = ModalResult::Cancel;
+}
 
 }  // namespace tessarel
 

@@ -4,7 +4,9 @@
 
 namespace tessarel {
 
-TPasswordRequestForm::~TPasswordRequestForm() { wipe(edtPassword); }
+TPasswordRequestForm::~TPasswordRequestForm() {
+  wipe(edtPassword);
+}
 
 void TPasswordRequestForm::edtPasswordKeyPress(char key) {
   if (key == 13) btnOkClick();

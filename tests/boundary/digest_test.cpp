@@ -34,7 +34,8 @@ std::string export_digest(const std::string& path, const char* previous = nullpt
 TEST(Digest, EmptyFileIsTheDigestOfNothingInUpperCase) {
   test::TempDir dir;
   test::write_file(dir / "empty", "");
-  EXPECT_EQ(export_digest(dir / "empty"), "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
+  EXPECT_EQ(export_digest(dir / "empty"),
+            "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
   std::string digest = "x";
   std::int64_t size = 7;
   HashFile(dir / "empty", digest, size);
@@ -49,7 +50,8 @@ TEST(Digest, LargeFileMatchesAnIndependentImplementation) {
     std::ofstream out(path, std::ios::binary);
     std::string block(1 << 20, '\0');
     for (int i = 0; i < 9; ++i) {
-      for (std::size_t j = 0; j < block.size(); ++j) block[j] = static_cast<char>((j * 31 + static_cast<std::size_t>(i) * 7) & 0xFF);
+      for (std::size_t j = 0; j < block.size(); ++j)
+        block[j] = static_cast<char>((j * 31 + static_cast<std::size_t>(i) * 7) & 0xFF);
       out.write(block.data(), static_cast<std::streamsize>(block.size()));
     }
     out.write("tail", 4);  // not a multiple of any buffer size
@@ -57,7 +59,8 @@ TEST(Digest, LargeFileMatchesAnIndependentImplementation) {
   auto r = test::run({"sha256sum", path});
   ASSERT_EQ(r.exit_code, 0);
   std::string expected = r.out.substr(0, 64);
-  for (auto& c : expected) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (auto& c : expected)
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   std::string digest;
   std::int64_t size = 0;
   HashFile(path, digest, size);
@@ -73,8 +76,9 @@ TEST(Digest, MissingFileRaisesTheExactTwoLineMessageAndEmptiesTheResult) {
     GetHashFileSHA256(&result, path.c_str());
     FAIL() << "no exception for a missing file";
   } catch (const Exception& e) {
-    EXPECT_EQ(std::string(e.what()), "File origine dei dati non trovato: " + path +
-                                         "\r\nIl file deve risiedere nella stessa cartella del file di firma");
+    EXPECT_EQ(std::string(e.what()),
+              "File origine dei dati non trovato: " + path +
+                  "\r\nIl file deve risiedere nella stessa cartella del file di firma");
   }
   ASSERT_NE(result, nullptr);
   EXPECT_STREQ(result, "");
@@ -87,7 +91,8 @@ TEST(Digest, AFolderIsNotAFile) {
     HashFileSHA256(dir.path());
     FAIL() << "a folder was digested";
   } catch (const Exception& e) {
-    EXPECT_NE(std::string(e.what()).find("File origine dei dati non trovato: " + dir.path()), std::string::npos);
+    EXPECT_NE(std::string(e.what()).find("File origine dei dati non trovato: " + dir.path()),
+              std::string::npos);
   }
 }
 
@@ -120,7 +125,9 @@ TEST(Digest, UnreadableFileGivesAnOpenErrorNamingThePath) {
       _exit(1);  // read what it must not
     } catch (const EFOpenError& e) {
       std::string m = e.what();
-      _exit(m.find(path) != std::string::npos && m.find("Permission denied") != std::string::npos ? 0 : 2);
+      _exit(m.find(path) != std::string::npos && m.find("Permission denied") != std::string::npos
+                ? 0
+                : 2);
     } catch (...) {
       _exit(4);
     }
@@ -128,7 +135,8 @@ TEST(Digest, UnreadableFileGivesAnOpenErrorNamingThePath) {
   int status = 0;
   waitpid(pid, &status, 0);
   ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: read it, 2: message without path/reason, 3: no user nobody, 4: other error";
+  EXPECT_EQ(WEXITSTATUS(status), 0)
+      << "1: read it, 2: message without path/reason, 3: no user nobody, 4: other error";
 }
 
 TEST(Digest, ReadErrorInTheMiddleIsAnInOutError) {

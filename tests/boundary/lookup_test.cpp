@@ -51,7 +51,7 @@ TEST(Lookup, AnEmptySnapshotIsReadAgainAFilledOneIsKept) {
   ASSERT_NE(CurrentSharedCertStorage(), nullptr);
   EXPECT_EQ(CurrentSharedCertStorage()->Count(), 0);
   open_store(store.path())->add(a.cert, a.pkcs8());  // filled behind the snapshot's back
-  EXPECT_NE(TrovaCertificato("31"), nullptr);         // the empty snapshot was rebuilt
+  EXPECT_NE(TrovaCertificato("31"), nullptr);        // the empty snapshot was rebuilt
 
   auto b = cert_with_serial({0x32}, "Later");
   open_store(store.path())->add(b.cert, b.pkcs8());
@@ -80,7 +80,8 @@ TEST(Lookup, KeyValidOnlyWhenPresentReadableAndMatching) {
   store.add(without, false);
   store.add(wrong, false);
   // Give "Wrong key" the key of another certificate behind the store's back.
-  test::write_file(store.path() + "/" + FileCertStore::entry_name(wrong.cert) + ".key", with_key.pkcs8());
+  test::write_file(store.path() + "/" + FileCertStore::entry_name(wrong.cert) + ".key",
+                   with_key.pkcs8());
   set_warning_handler([](const std::string&) {});
   EXPECT_TRUE(ChiaveValida("51"));
   EXPECT_FALSE(ChiaveValida("52"));

@@ -13,7 +13,8 @@ namespace {
 
 using test::run;
 
-test::CommandResult tessarel_cli(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+test::CommandResult tessarel_cli(const std::vector<std::string>& args,
+                                 const std::vector<std::string>& env = {}) {
   std::vector<std::string> argv{test::cli_path()};
   argv.insert(argv.end(), args.begin(), args.end());
   return run(argv, env);
@@ -22,7 +23,8 @@ test::CommandResult tessarel_cli(const std::vector<std::string>& args, const std
 bool valid_json(const std::string& text) {
   test::TempDir d;
   test::write_file(d / "j.json", text);
-  return test::run({"/usr/bin/python3", "-c", "import json,sys; json.load(open(sys.argv[1]))", d / "j.json"})
+  return test::run({"/usr/bin/python3", "-c", "import json,sys; json.load(open(sys.argv[1]))",
+                    d / "j.json"})
              .exit_code == 0;
 }
 
@@ -52,9 +54,11 @@ TEST(Cli, HashPrintsDataOnStdoutAndErrorsOnStderr) {
   test::write_file(d / "a.txt", "abc");
   auto r = tessarel_cli({"hash", d / "a.txt", d / "missing.txt", d / "a.txt"});
   EXPECT_EQ(r.exit_code, 1);
-  std::string line = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD  " + (d / "a.txt") + "\n";
+  std::string line =
+      "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD  " + (d / "a.txt") + "\n";
   EXPECT_EQ(r.out, line + line);
-  EXPECT_NE(r.err.find("File origine dei dati non trovato: " + (d / "missing.txt")), std::string::npos);
+  EXPECT_NE(r.err.find("File origine dei dati non trovato: " + (d / "missing.txt")),
+            std::string::npos);
 
   r = tessarel_cli({"--json", "hash", d / "a.txt"});
   EXPECT_EQ(r.exit_code, 0);
@@ -98,7 +102,8 @@ TEST_F(CliStore, ImportExportWithEveryPasswordSource) {
   EXPECT_EQ(r.out, "5E11\n");
 
   test::write_file(dir_ / "pw.txt", "exported pw\n");
-  r = cli({"cert", "export", "5E11", "-o", dir_ / "out.pfx", "--password", "file:" + (dir_ / "pw.txt")});
+  r = cli({"cert", "export", "5E11", "-o", dir_ / "out.pfx", "--password",
+           "file:" + (dir_ / "pw.txt")});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   struct stat st {};
   ASSERT_EQ(stat((dir_ / "out.pfx").c_str(), &st), 0);
@@ -108,8 +113,8 @@ TEST_F(CliStore, ImportExportWithEveryPasswordSource) {
   EXPECT_FALSE(std::filesystem::exists(dir_ / "out.pfx.tmp"));
 
   // fd:N reads the password from an open descriptor.
-  auto s = test::run_shell(test::cli_path() + " --store " + store_ + " cert export 5E11 -o " + (dir_ / "fd.pfx") +
-                           " --password fd:3 3<" + (dir_ / "pw.txt"));
+  auto s = test::run_shell(test::cli_path() + " --store " + store_ + " cert export 5E11 -o " +
+                           (dir_ / "fd.pfx") + " --password fd:3 3<" + (dir_ / "pw.txt"));
   ASSERT_EQ(s.exit_code, 0) << s.err;
   EXPECT_NO_THROW(crypto::read_pkcs12(test::read_bytes(dir_ / "fd.pfx"), "exported pw"));
 }

@@ -19,12 +19,14 @@
 namespace tessarel {
 namespace {
 
-constexpr std::uint16_t bit(KeyUsageBit b) { return static_cast<std::uint16_t>(1u << b); }
+constexpr std::uint16_t bit(KeyUsageBit b) {
+  return static_cast<std::uint16_t>(1u << b);
+}
 
 class Picker : public ::testing::Test {
  protected:
-  test::TestCert add(const std::string& cn, Bytes serial, std::optional<std::uint16_t> ku, bool key = true,
-                     const std::string& org = "") {
+  test::TestCert add(const std::string& cn, Bytes serial, std::optional<std::uint16_t> ku,
+                     bool key = true, const std::string& org = "") {
     test::CertSpec s;
     s.cn = cn;
     s.org = org;
@@ -36,7 +38,8 @@ class Picker : public ::testing::Test {
     store_.add(tc, key);
     return tc;
   }
-  std::string pick(bool show_ca, std::function<void(TfrmSelWinCert&)> action, const char* previous = "kept") {
+  std::string pick(bool show_ca, std::function<void(TfrmSelWinCert&)> action,
+                   const char* previous = "kept") {
     ui_->answer_picker(std::move(action));
     char* result = strdup(previous);
     SelezionaCertificato(&result, show_ca);
@@ -122,30 +125,33 @@ TEST_F(Picker, ConfirmedChoiceComesBackAsTheIdentifier) {
 
 TEST_F(Picker, CancelCloseBoxOrNothingSelectedLeaveTheResultUnchanged) {
   add("Primo", {0x0F, 0x01}, std::nullopt);
-  EXPECT_EQ(pick(false, [](TfrmSelWinCert& f) {
-              f.lvCerificatesChange(0);
-              f.btnCancelClick();
-            }),
+  EXPECT_EQ(pick(false,
+                 [](TfrmSelWinCert& f) {
+                   f.lvCerificatesChange(0);
+                   f.btnCancelClick();
+                 }),
             "kept");
   EXPECT_EQ(pick(false, [](TfrmSelWinCert& f) { f.lvCerificatesChange(0); }), "kept");  // close box
-  EXPECT_EQ(pick(false, [](TfrmSelWinCert& f) { f.btnOKClick(); }), "kept");           // OK, no row
+  EXPECT_EQ(pick(false, [](TfrmSelWinCert& f) { f.btnOKClick(); }), "kept");  // OK, no row
 }
 
 TEST_F(Picker, MissingNonRepudiationWarnsOnceUnlessShowCa) {
   add("Firma", {0x21}, bit(kDigitalSignature) | bit(kKeyEncipherment));
-  EXPECT_EQ(pick(false, [](TfrmSelWinCert& f) {
-              f.lvCerificatesChange(0);
-              f.btnOKClick();
-            }),
+  EXPECT_EQ(pick(false,
+                 [](TfrmSelWinCert& f) {
+                   f.lvCerificatesChange(0);
+                   f.btnOKClick();
+                 }),
             "21");
   ASSERT_EQ(ui_->messages().size(), 1u);
   EXPECT_EQ(ui_->messages()[0].text, "Attenzione il certificato non prevede il diritto di repudio");
   EXPECT_EQ(ui_->messages()[0].kind, MessageKind::Plain);
 
-  EXPECT_EQ(pick(true, [](TfrmSelWinCert& f) {
-              f.lvCerificatesChange(0);
-              f.btnOKClick();
-            }),
+  EXPECT_EQ(pick(true,
+                 [](TfrmSelWinCert& f) {
+                   f.lvCerificatesChange(0);
+                   f.btnOKClick();
+                 }),
             "21");
   EXPECT_EQ(ui_->messages().size(), 1u);  // none with showCA
 }

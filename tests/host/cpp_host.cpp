@@ -40,7 +40,9 @@ TEST(Host, OperationsOccupySlotsZeroToTen) {
   EXPECT_EQ(slot_of(&ISignEArchivia::FirmaPdf), 10);
 }
 
-void** vtable(ISignEArchivia* e) { return *reinterpret_cast<void***>(e); }
+void** vtable(ISignEArchivia* e) {
+  return *reinterpret_cast<void***>(e);
+}
 
 TEST(Host, CallsThroughRawSlotsReachTheRightOperations) {
   std::unique_ptr<ISignEArchivia> e(GetSignEArchivia());
@@ -51,8 +53,8 @@ TEST(Host, CallsThroughRawSlotsReachTheRightOperations) {
   EXPECT_FALSE(reinterpret_cast<IsKeyPresentFn>(vt[8])(e.get(), "00"));
 
   // Slot 1, ArchiviaFile, and slot 5, CancellaId: no index open.
-  using ArchiviaFn = void (*)(ISignEArchivia*, const std::string&, const std::string&, const std::string&,
-                              const std::string&, double);
+  using ArchiviaFn = void (*)(ISignEArchivia*, const std::string&, const std::string&,
+                              const std::string&, const std::string&, double);
   try {
     reinterpret_cast<ArchiviaFn>(vt[1])(e.get(), "/tmp/a", "", "", "Tipo", 0.0);
     ADD_FAILURE() << "slot 1 did not raise";
@@ -71,8 +73,9 @@ TEST(Host, ExceptionsAreCaughtByTypeAcrossTheLibraryBoundary) {
     GetHashFileSHA256(&result, "/nonexistent/file.xml");
     FAIL() << "no exception";
   } catch (const tessarel::Exception& e) {
-    EXPECT_NE(std::string(e.what()).find("File origine dei dati non trovato: /nonexistent/file.xml"),
-              std::string::npos);
+    EXPECT_NE(
+        std::string(e.what()).find("File origine dei dati non trovato: /nonexistent/file.xml"),
+        std::string::npos);
   }
   std::free(result);
   try {

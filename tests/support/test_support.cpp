@@ -40,10 +40,12 @@ TempDir::~TempDir() {
   // Folders a test made read-only must become writable again to be removed.
   for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
        !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-    if (it->is_directory(ec)) std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                                           std::filesystem::perm_options::add, ec);
+    if (it->is_directory(ec))
+      std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                   std::filesystem::perm_options::add, ec);
   }
-  std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
+                               std::filesystem::perm_options::add, ec);
   std::filesystem::remove_all(path_, ec);
 }
 
@@ -141,18 +143,25 @@ TestCert make_cert(const CertSpec& spec, const TestCert* issuer) {
   }
   X509_set_serialNumber(x.get(), sn);
   ASN1_INTEGER_free(sn);
-  X509_gmtime_adj(X509_getm_notBefore(x.get()), static_cast<long>(spec.not_before_offset_days) * 86400);
+  X509_gmtime_adj(X509_getm_notBefore(x.get()),
+                  static_cast<long>(spec.not_before_offset_days) * 86400);
   X509_gmtime_adj(X509_getm_notAfter(x.get()), static_cast<long>(spec.days) * 86400);
   X509_set_pubkey(x.get(), key.get());
   X509_NAME* name = X509_get_subject_name(x.get());
   if (!spec.country.empty())
-    X509_NAME_add_entry_by_txt(name, "C", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(spec.country.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "C", MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(spec.country.c_str()), -1, -1,
+                               0);
   if (!spec.org.empty())
-    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(spec.org.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(spec.org.c_str()), -1, -1, 0);
   if (!spec.cn.empty())
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(spec.cn.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(spec.cn.c_str()), -1, -1, 0);
   if (!spec.email.empty())
-    X509_NAME_add_entry_by_txt(name, "emailAddress", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(spec.email.c_str()), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "emailAddress", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>(spec.email.c_str()), -1, -1,
+                               0);
   X509* issuer_x = issuer ? crypto::x509_of(issuer->cert) : x.get();
   X509_set_issuer_name(x.get(), X509_get_subject_name(issuer_x));
   if (spec.ca) add_ext(x.get(), issuer_x, NID_basic_constraints, "critical,CA:TRUE");
@@ -189,7 +198,9 @@ ScopedStore::ScopedStore() : path_(dir_.path() + "/MY") {
   set_store_location(path_);
 }
 
-ScopedStore::~ScopedStore() { set_store_location(""); }
+ScopedStore::~ScopedStore() {
+  set_store_location("");
+}
 
 void ScopedStore::add(const TestCert& tc, bool with_key) {
   Bytes key = with_key ? tc.pkcs8() : Bytes{};
@@ -197,39 +208,48 @@ void ScopedStore::add(const TestCert& tc, bool with_key) {
   ResetSharedCertStorage();
 }
 
-ScopedUi::ScopedUi(std::shared_ptr<Ui> ui) { setUi(std::move(ui)); }
-ScopedUi::~ScopedUi() { setUi(nullptr); }
+ScopedUi::ScopedUi(std::shared_ptr<Ui> ui) {
+  setUi(std::move(ui));
+}
+ScopedUi::~ScopedUi() {
+  setUi(nullptr);
+}
 
 namespace {
 std::string drain(int fd) {
   std::string out;
   char buf[65536];
   ssize_t n;
-  while ((n = ::read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+  while ((n = ::read(fd, buf, sizeof buf)) > 0)
+    out.append(buf, static_cast<std::size_t>(n));
   return out;
 }
 }  // namespace
 
 CommandResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   int out_pipe[2], err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&fa, out_pipe[1], 1);
   posix_spawn_file_actions_adddup2(&fa, err_pipe[1], 2);
   std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  for (const auto& a : argv)
+    args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
   std::vector<std::string> env_strings;
-  for (char** e = environ; *e; ++e) env_strings.emplace_back(*e);
+  for (char** e = environ; *e; ++e)
+    env_strings.emplace_back(*e);
   for (const auto& e : env) {
     auto key = e.substr(0, e.find('=') + 1);
     std::erase_if(env_strings, [&](const std::string& s) { return s.rfind(key, 0) == 0; });
     env_strings.push_back(e);
   }
   std::vector<char*> envp;
-  for (auto& e : env_strings) envp.push_back(e.data());
+  for (auto& e : env_strings)
+    envp.push_back(e.data());
   envp.push_back(nullptr);
   pid_t pid;
   int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), envp.data());
@@ -256,12 +276,16 @@ CommandResult run(const std::vector<std::string>& argv, const std::vector<std::s
   return r;
 }
 
-CommandResult run_shell(const std::string& command) { return run({"/bin/sh", "-c", command}); }
+CommandResult run_shell(const std::string& command) {
+  return run({"/bin/sh", "-c", command});
+}
 
 bool have_program(const std::string& name) {
   return run_shell("command -v " + name + " >/dev/null 2>&1").exit_code == 0;
 }
 
-std::string cli_path() { return TESSAREL_CLI_PATH; }
+std::string cli_path() {
+  return TESSAREL_CLI_PATH;
+}
 
 }  // namespace tessarel::test

@@ -42,8 +42,8 @@ struct CertSpec {
   std::string country;
   std::string email;
   KeyKind kind = KeyKind::Rsa;
-  int bits = 2048;               // RSA/DSA bits; EC: 256 or 384
-  Bytes serial;                  // INTEGER content octets; empty: 16 random bytes
+  int bits = 2048;                         // RSA/DSA bits; EC: 256 or 384
+  Bytes serial;                            // INTEGER content octets; empty: 16 random bytes
   std::optional<std::uint16_t> key_usage;  // bits as in Certificate::key_usage()
   bool ca = false;
   int days = 365;

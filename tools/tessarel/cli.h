@@ -17,10 +17,10 @@
 namespace tessarel::cli {
 
 struct Globals {
-  std::string store;  // --store
-  std::string ui;     // --ui
-  bool json = false;  // --json
-  bool quiet = false; // --quiet
+  std::string store;   // --store
+  std::string ui;      // --ui
+  bool json = false;   // --json
+  bool quiet = false;  // --quiet
 };
 Globals& globals();
 
@@ -56,8 +56,8 @@ bool json();
 
 // The demo runs as a sequence of steps; each feature contributes its own.
 struct DemoContext {
-  std::string dir;    // the demo folder (created)
-  std::string store;  // its private certificate store
+  std::string dir;                            // the demo folder (created)
+  std::string store;                          // its private certificate store
   std::map<std::string, std::string> values;  // what steps hand to later steps
   std::vector<std::string> checks;            // commands a person can run to check the result
 };

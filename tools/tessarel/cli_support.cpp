@@ -19,7 +19,8 @@ std::string first_line_of_fd(int fd, const std::string& what) {
   while (true) {
     ssize_t r = ::read(fd, &c, 1);
     if (r < 0 && errno == EINTR) continue;
-    if (r < 0) throw Exception("Cannot read the password from " + what + ": " + std::strerror(errno));
+    if (r < 0)
+      throw Exception("Cannot read the password from " + what + ": " + std::strerror(errno));
     if (r == 0 || c == '\n') break;
     line.push_back(c);
   }
@@ -44,12 +45,14 @@ std::optional<std::string> read_password(const std::string& source, const std::s
   if (kind == "pass") return arg;
   if (kind == "env") {
     const char* v = std::getenv(arg.c_str());
-    if (!v) throw Exception("Environment variable " + arg + " (password for " + purpose + ") is not set");
+    if (!v)
+      throw Exception("Environment variable " + arg + " (password for " + purpose + ") is not set");
     return std::string(v);
   }
   if (kind == "file") {
     int fd = ::open(arg.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw Exception("Cannot open password file \"" + arg + "\": " + std::strerror(errno));
+    if (fd < 0)
+      throw Exception("Cannot open password file \"" + arg + "\": " + std::strerror(errno));
     std::string pw = first_line_of_fd(fd, "\"" + arg + "\"");
     ::close(fd);
     return pw;
@@ -57,7 +60,8 @@ std::optional<std::string> read_password(const std::string& source, const std::s
   if (kind == "fd") {
     char* end = nullptr;
     long fd = std::strtol(arg.c_str(), &end, 10);
-    if (arg.empty() || *end || fd < 0) throw Exception("Password source fd:" + arg + " is not a descriptor number");
+    if (arg.empty() || *end || fd < 0)
+      throw Exception("Password source fd:" + arg + " is not a descriptor number");
     return first_line_of_fd(static_cast<int>(fd), "descriptor " + arg);
   }
   throw Exception("Password source '" + kind + "' for " + purpose +
@@ -124,7 +128,8 @@ DemoStep::DemoStep(int order, std::string title, std::function<void(DemoContext&
 
 void run_demo(DemoContext& ctx) {
   auto& all = steps();
-  std::stable_sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.order < b.order; });
+  std::stable_sort(all.begin(), all.end(),
+                   [](const auto& a, const auto& b) { return a.order < b.order; });
   int n = 0;
   for (auto& step : all) {
     std::printf("\n== %d. %s ==\n", ++n, step.title.c_str());

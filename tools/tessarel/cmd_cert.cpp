@@ -17,10 +17,10 @@ std::string date_text(std::chrono::sys_seconds t) {
   std::chrono::year_month_day ymd{dp};
   std::chrono::hh_mm_ss<std::chrono::seconds> hms{t - dp};
   char buf[96];
-  std::snprintf(buf, sizeof buf, "%04d-%02u-%02u %02ld:%02ld:%02ld UTC", static_cast<int>(ymd.year()),
-                static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                static_cast<long>(hms.hours().count()), static_cast<long>(hms.minutes().count()),
-                static_cast<long>(hms.seconds().count()));
+  std::snprintf(buf, sizeof buf, "%04d-%02u-%02u %02ld:%02ld:%02ld UTC",
+                static_cast<int>(ymd.year()), static_cast<unsigned>(ymd.month()),
+                static_cast<unsigned>(ymd.day()), static_cast<long>(hms.hours().count()),
+                static_cast<long>(hms.minutes().count()), static_cast<long>(hms.seconds().count()));
   return buf;
 }
 
@@ -83,12 +83,13 @@ void list() {
     std::printf("[");
     for (std::size_t i = 0; i < certs.size(); ++i) {
       const auto& c = certs[i];
-      std::printf("%s\n  {\"id\": %s, \"subject\": %s, \"issuer\": %s, \"not_before\": %s, "
-                  "\"not_after\": %s, \"private_key\": %s}",
-                  i ? "," : "", json_string(c.id()).c_str(), json_string(c.subject_text()).c_str(),
-                  json_string(c.issuer_text()).c_str(), json_string(date_text(c.not_before())).c_str(),
-                  json_string(date_text(c.not_after())).c_str(),
-                  store->has_private_key(c) ? "true" : "false");
+      std::printf(
+          "%s\n  {\"id\": %s, \"subject\": %s, \"issuer\": %s, \"not_before\": %s, "
+          "\"not_after\": %s, \"private_key\": %s}",
+          i ? "," : "", json_string(c.id()).c_str(), json_string(c.subject_text()).c_str(),
+          json_string(c.issuer_text()).c_str(), json_string(date_text(c.not_before())).c_str(),
+          json_string(date_text(c.not_after())).c_str(),
+          store->has_private_key(c) ? "true" : "false");
     }
     std::printf("\n]\n");
     return;
@@ -111,18 +112,19 @@ void show(const std::string& id, bool pem) {
   bool key_ok = has_key && store->key_valid(*c);
   std::string ku = usage_text(*c);
   if (json()) {
-    std::printf("{\"id\": %s, \"serial\": %s, \"version\": %d, \"subject\": %s, \"issuer\": %s,\n"
-                " \"not_before\": %s, \"not_after\": %s, \"key\": %s, \"key_bits\": %d,\n"
-                " \"key_usage\": %s, \"ca\": %s, \"private_key\": %s, \"private_key_valid\": %s,\n"
-                " \"sha1\": %s, \"sha256\": %s}\n",
-                json_string(c->id()).c_str(), json_string(c->serial_decimal()).c_str(), c->version(),
-                json_string(c->subject_text()).c_str(), json_string(c->issuer_text()).c_str(),
-                json_string(date_text(c->not_before())).c_str(),
-                json_string(date_text(c->not_after())).c_str(), json_string(kind_name(c->key_kind())).c_str(),
-                c->key_bits(), json_string(ku).c_str(), c->is_ca() ? "true" : "false",
-                has_key ? "true" : "false", key_ok ? "true" : "false",
-                json_string(hex(c->fingerprint(DigestAlgorithm::SHA1))).c_str(),
-                json_string(hex(c->fingerprint(DigestAlgorithm::SHA256))).c_str());
+    std::printf(
+        "{\"id\": %s, \"serial\": %s, \"version\": %d, \"subject\": %s, \"issuer\": %s,\n"
+        " \"not_before\": %s, \"not_after\": %s, \"key\": %s, \"key_bits\": %d,\n"
+        " \"key_usage\": %s, \"ca\": %s, \"private_key\": %s, \"private_key_valid\": %s,\n"
+        " \"sha1\": %s, \"sha256\": %s}\n",
+        json_string(c->id()).c_str(), json_string(c->serial_decimal()).c_str(), c->version(),
+        json_string(c->subject_text()).c_str(), json_string(c->issuer_text()).c_str(),
+        json_string(date_text(c->not_before())).c_str(),
+        json_string(date_text(c->not_after())).c_str(),
+        json_string(kind_name(c->key_kind())).c_str(), c->key_bits(), json_string(ku).c_str(),
+        c->is_ca() ? "true" : "false", has_key ? "true" : "false", key_ok ? "true" : "false",
+        json_string(hex(c->fingerprint(DigestAlgorithm::SHA1))).c_str(),
+        json_string(hex(c->fingerprint(DigestAlgorithm::SHA256))).c_str());
     return;
   }
   std::printf("Identifier:   %s\n", c->id().c_str());
@@ -135,7 +137,9 @@ void show(const std::string& id, bool pem) {
   std::printf("Key:          %s %d bits\n", kind_name(c->key_kind()), c->key_bits());
   std::printf("Key usage:    %s\n", ku.empty() ? "(no extension)" : ku.c_str());
   std::printf("CA:           %s\n", c->is_ca() ? "yes" : "no");
-  std::printf("Private key:  %s\n", !has_key ? "none" : key_ok ? "present, matches" : "present, NOT usable");
+  std::printf("Private key:  %s\n", !has_key ? "none"
+                                    : key_ok ? "present, matches"
+                                             : "present, NOT usable");
   std::printf("SHA-1:        %s\n", hex(c->fingerprint(DigestAlgorithm::SHA1)).c_str());
   std::printf("SHA-256:      %s\n", hex(c->fingerprint(DigestAlgorithm::SHA256)).c_str());
 }
@@ -146,9 +150,9 @@ void remove(const std::string& id, bool yes) {
   if (!c) return;
   if (!yes) {
     std::string what = store->has_private_key(*c) ? " and its private key" : "";
-    auto answer = currentUi().message_box(MessageKind::Confirmation, MessageButtons::OkCancel,
-                                          "Remove certificate " + id + what + " (" + c->subject_text() +
-                                              ") from the store?");
+    auto answer = currentUi().message_box(
+        MessageKind::Confirmation, MessageButtons::OkCancel,
+        "Remove certificate " + id + what + " (" + c->subject_text() + ") from the store?");
     if (answer != ModalResult::Ok) {
       error("certificate not removed (confirm, or pass --yes)");
       return;
@@ -217,29 +221,34 @@ CommandRegistration reg(20, [](CLI::App& app) {
   auto* cert = app.add_subcommand("cert", "Certificates of the personal store");
   cert->require_subcommand(1);
 
-  auto* l = cert->add_subcommand("list", "List the certificates: identifier, key, end of validity, subject");
+  auto* l = cert->add_subcommand(
+      "list", "List the certificates: identifier, key, end of validity, subject");
   l->add_flag("--json", globals().json, "Output as JSON");
   on_run(l, [] { list(); });
 
   static std::string show_id;
   static bool show_pem = false;
   auto* s = cert->add_subcommand("show", "Show one certificate");
-  s->add_option("ID", show_id, "Certificate identifier (upper-case hexadecimal serial)")->required();
+  s->add_option("ID", show_id, "Certificate identifier (upper-case hexadecimal serial)")
+      ->required();
   s->add_flag("--pem", show_pem, "Print the certificate in PEM form");
   s->add_flag("--json", globals().json, "Output as JSON");
   on_run(s, [] { show(show_id, show_pem); });
 
   static std::string remove_id;
   static bool yes = false;
-  auto* r = cert->add_subcommand("remove", "Remove a certificate and its private key from the store");
+  auto* r =
+      cert->add_subcommand("remove", "Remove a certificate and its private key from the store");
   r->add_option("ID", remove_id, "Certificate identifier")->required();
   r->add_flag("-y,--yes", yes, "Do not ask for confirmation");
   on_run(r, [] { remove(remove_id, yes); });
 
   static std::string import_file, import_pw;
-  auto* i = cert->add_subcommand("import", "Import a certificate with its key from a PKCS#12 (.pfx) file");
+  auto* i = cert->add_subcommand("import",
+                                 "Import a certificate with its key from a PKCS#12 (.pfx) file");
   i->add_option("FILE", import_file, "PKCS#12 file")->required()->check(CLI::ExistingFile);
-  i->add_option("--password", import_pw, "Password source: pass:TEXT, env:VAR, file:PATH or fd:N (else asked)")
+  i->add_option("--password", import_pw,
+                "Password source: pass:TEXT, env:VAR, file:PATH or fd:N (else asked)")
       ->check(password_source());
   on_run(i, [] { import_pfx(import_file, import_pw); });
 
@@ -247,7 +256,8 @@ CommandRegistration reg(20, [](CLI::App& app) {
   auto* e = cert->add_subcommand("export", "Export a certificate with its key as PKCS#12 (.pfx)");
   e->add_option("ID", export_id, "Certificate identifier")->required();
   e->add_option("-o,--output", export_out, "Output file")->required();
-  e->add_option("--password", export_pw, "Password source: pass:TEXT, env:VAR, file:PATH or fd:N (else asked)")
+  e->add_option("--password", export_pw,
+                "Password source: pass:TEXT, env:VAR, file:PATH or fd:N (else asked)")
       ->check(password_source());
   on_run(e, [] { export_pfx(export_id, export_out, export_pw); });
 });

@@ -23,7 +23,8 @@ void run(std::string dir) {
   run_demo(ctx);
   if (!ctx.checks.empty()) {
     std::printf("\n== Check the results yourself ==\n");
-    for (const auto& c : ctx.checks) std::printf("  %s\n", c.c_str());
+    for (const auto& c : ctx.checks)
+      std::printf("  %s\n", c.c_str());
   }
   std::printf("\nDemo finished.\n");
 }

@@ -30,7 +30,8 @@ void run(const std::vector<std::string>& files) {
 }
 
 CommandRegistration reg(10, [](CLI::App& app) {
-  auto* cmd = app.add_subcommand("hash", "Print the SHA-256 digest of files (upper-case hexadecimal)");
+  auto* cmd =
+      app.add_subcommand("hash", "Print the SHA-256 digest of files (upper-case hexadecimal)");
   static std::vector<std::string> files;
   cmd->add_option("FILE", files, "Files to digest")->required();
   cmd->add_flag("--json", globals().json, "Output as JSON");

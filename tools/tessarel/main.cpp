@@ -105,7 +105,9 @@ void on_run(CLI::App* command, std::function<void()> action) {
 void set_exit_code(int code) {
   if (code > g_exit) g_exit = code;
 }
-int exit_code() { return g_exit; }
+int exit_code() {
+  return g_exit;
+}
 
 void info(const std::string& message) {
   if (!globals().quiet) std::fprintf(stderr, "%s\n", message.c_str());
@@ -116,26 +118,34 @@ void error(const std::string& message) {
   set_exit_code(1);
 }
 
-bool json() { return globals().json; }
+bool json() {
+  return globals().json;
+}
 
 }  // namespace tessarel::cli
 
 int main(int argc, char** argv) {
   using namespace tessarel::cli;
-  CLI::App app{"tessarel: sign files into CMS envelopes, keep a signed document archive, manage certificates"};
+  CLI::App app{
+      "tessarel: sign files into CMS envelopes, keep a signed document archive, manage "
+      "certificates"};
   app.set_version_flag("--version", std::string("tessarel ") + tessarel::version());
   app.require_subcommand(1);
   app.fallthrough();
-  app.add_option("--store", globals().store,
-                 "Certificate store folder (default: $TESSAREL_STORE, else ~/.local/share/tessarel/MY)");
-  app.add_option("--ui", globals().ui, "Dialogs: none, terminal or qt (default: terminal on a terminal, else none)")
+  app.add_option(
+      "--store", globals().store,
+      "Certificate store folder (default: $TESSAREL_STORE, else ~/.local/share/tessarel/MY)");
+  app.add_option("--ui", globals().ui,
+                 "Dialogs: none, terminal or qt (default: terminal on a terminal, else none)")
       ->check(CLI::IsMember({"none", "terminal", "qt"}));
   app.add_flag("--json", globals().json, "Structured output as JSON where the command has any");
   app.add_flag("-q,--quiet", globals().quiet, "No progress or informational messages");
 
   auto& entries = registry();
-  std::stable_sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.order < b.order; });
-  for (auto& e : entries) e.registrar(app);
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](const auto& a, const auto& b) { return a.order < b.order; });
+  for (auto& e : entries)
+    e.registrar(app);
 
   try {
     app.parse(argc, argv);

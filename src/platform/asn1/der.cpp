@@ -11,7 +11,8 @@ namespace tessarel::asn1 {
 std::size_t length_of_length(std::uint64_t length) {
   if (length < 0x80) return 1;
   std::size_t n = 0;
-  for (std::uint64_t v = length; v; v >>= 8) ++n;
+  for (std::uint64_t v = length; v; v >>= 8)
+    ++n;
   return 1 + n;
 }
 
@@ -22,7 +23,8 @@ void append_length(Bytes& out, std::uint64_t length) {
   }
   std::size_t n = length_of_length(length) - 1;
   out.push_back(static_cast<std::uint8_t>(0x80 | n));
-  for (std::size_t i = n; i-- > 0;) out.push_back(static_cast<std::uint8_t>(length >> (8 * i)));
+  for (std::size_t i = n; i-- > 0;)
+    out.push_back(static_cast<std::uint8_t>(length >> (8 * i)));
 }
 
 Bytes header(std::uint8_t tag, std::uint64_t n) {
@@ -37,7 +39,9 @@ Bytes tlv(std::uint8_t tag, const std::uint8_t* content, std::size_t n) {
   return out;
 }
 
-Bytes tlv(std::uint8_t tag, const Bytes& content) { return tlv(tag, content.data(), content.size()); }
+Bytes tlv(std::uint8_t tag, const Bytes& content) {
+  return tlv(tag, content.data(), content.size());
+}
 
 Bytes encode_oid(std::string_view dotted) {
   std::vector<std::uint64_t> arcs;
@@ -62,10 +66,12 @@ Bytes encode_oid(std::string_view dotted) {
       tmp[n++] = static_cast<std::uint8_t>(v & 0x7F);
       v >>= 7;
     } while (v);
-    while (n-- > 0) out.push_back(static_cast<std::uint8_t>(tmp[n] | (n ? 0x80 : 0)));
+    while (n-- > 0)
+      out.push_back(static_cast<std::uint8_t>(tmp[n] | (n ? 0x80 : 0)));
   };
   put(arcs[0] * 40 + arcs[1]);
-  for (std::size_t i = 2; i < arcs.size(); ++i) put(arcs[i]);
+  for (std::size_t i = 2; i < arcs.size(); ++i)
+    put(arcs[i]);
   return out;
 }
 
@@ -106,7 +112,8 @@ Bytes integer_content(std::uint64_t value) {
 
 Bytes unsigned_integer_content(const Bytes& magnitude) {
   std::size_t skip = 0;
-  while (skip + 1 < magnitude.size() && magnitude[skip] == 0) ++skip;
+  while (skip + 1 < magnitude.size() && magnitude[skip] == 0)
+    ++skip;
   Bytes out;
   out.reserve(magnitude.size() - skip + 1);
   if (magnitude.size() == skip) {
@@ -138,8 +145,12 @@ std::string time_text(std::chrono::sys_seconds t, bool four_digit_year) {
 }
 }  // namespace
 
-std::string utc_time_text(std::chrono::sys_seconds t) { return time_text(t, false); }
-std::string generalized_time_text(std::chrono::sys_seconds t) { return time_text(t, true); }
+std::string utc_time_text(std::chrono::sys_seconds t) {
+  return time_text(t, false);
+}
+std::string generalized_time_text(std::chrono::sys_seconds t) {
+  return time_text(t, true);
+}
 
 DerWriter& DerWriter::begin(std::uint8_t tag) {
   open_.push_back(out_.size());
@@ -183,7 +194,9 @@ DerWriter& DerWriter::raw(const std::uint8_t* der, std::size_t n) {
   return *this;
 }
 
-DerWriter& DerWriter::raw(const Bytes& der) { return raw(der.data(), der.size()); }
+DerWriter& DerWriter::raw(const Bytes& der) {
+  return raw(der.data(), der.size());
+}
 
 Bytes DerWriter::finish() {
   if (!open_.empty()) throw Exception("DER writer: element left open");
@@ -201,7 +214,8 @@ Bytes der_set_of(std::vector<Bytes> elements, std::uint8_t tag) {
     return false;
   });
   Bytes content;
-  for (const auto& e : elements) content.insert(content.end(), e.begin(), e.end());
+  for (const auto& e : elements)
+    content.insert(content.end(), e.begin(), e.end());
   return tlv(tag, content);
 }
 
@@ -219,7 +233,8 @@ Tlv read_tlv(const std::uint8_t* data, std::size_t size) {
     if (n == 0) throw Exception("DER: indefinite length");
     if (n > sizeof(std::size_t) || pos + n > size) throw Exception("DER: length octets truncated");
     std::size_t len = 0;
-    for (std::size_t i = 0; i < n; ++i) len = (len << 8) | data[pos + i];
+    for (std::size_t i = 0; i < n; ++i)
+      len = (len << 8) | data[pos + i];
     pos += n;
     t.length = len;
   }

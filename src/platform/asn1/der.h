@@ -33,8 +33,12 @@ enum : std::uint8_t {
 };
 
 // Context-specific tags: [n] IMPLICIT primitive, [n] constructed (EXPLICIT or IMPLICIT SET/SEQ).
-constexpr std::uint8_t context(unsigned n) { return static_cast<std::uint8_t>(0x80 | n); }
-constexpr std::uint8_t context_constructed(unsigned n) { return static_cast<std::uint8_t>(0xA0 | n); }
+constexpr std::uint8_t context(unsigned n) {
+  return static_cast<std::uint8_t>(0x80 | n);
+}
+constexpr std::uint8_t context_constructed(unsigned n) {
+  return static_cast<std::uint8_t>(0xA0 | n);
+}
 
 // The length octets of a definite length.
 void append_length(Bytes& out, std::uint64_t length);
@@ -48,7 +52,9 @@ Bytes header(std::uint8_t tag, std::uint64_t n);
 // OBJECT IDENTIFIER content octets for a dotted text, and back.
 Bytes encode_oid(std::string_view dotted);
 std::string decode_oid(const std::uint8_t* content, std::size_t n);
-inline std::string decode_oid(const Bytes& content) { return decode_oid(content.data(), content.size()); }
+inline std::string decode_oid(const Bytes& content) {
+  return decode_oid(content.data(), content.size());
+}
 
 // INTEGER content octets of a non-negative number (minimal, with a 00 when the top bit is set).
 Bytes integer_content(std::uint64_t value);
@@ -75,7 +81,9 @@ class DerWriter {
   DerWriter& integer(std::uint64_t value) { return primitive(kInteger, integer_content(value)); }
   // INTEGER with the given content octets, written unchanged.
   DerWriter& integer_bytes(const Bytes& content) { return primitive(kInteger, content); }
-  DerWriter& oid(std::string_view dotted) { return primitive(kObjectIdentifier, encode_oid(dotted)); }
+  DerWriter& oid(std::string_view dotted) {
+    return primitive(kObjectIdentifier, encode_oid(dotted));
+  }
   DerWriter& null() { return primitive(kNull, nullptr, 0); }
   DerWriter& boolean(bool v);
   DerWriter& octet_string(const Bytes& content) { return primitive(kOctetString, content); }

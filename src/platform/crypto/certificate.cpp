@@ -46,7 +46,8 @@ void split_tbs(const Bytes& der, Certificate::Impl& impl) {
   impl.issuer_der.assign(issuer.content - issuer.header_length, issuer.content + issuer.length);
   next("validity");
   Tlv subject = next("subject");
-  impl.subject_der.assign(subject.content - subject.header_length, subject.content + subject.length);
+  impl.subject_der.assign(subject.content - subject.header_length,
+                          subject.content + subject.length);
 }
 
 std::shared_ptr<Certificate::Impl> make_impl(crypto::X509Ptr x509) {
@@ -110,7 +111,8 @@ std::vector<std::string> values(const X509_NAME* name, const std::string& oid) {
 
 std::string name_text(const X509_NAME* name) {
   crypto::BioPtr bio(BIO_new(BIO_s_mem()));
-  X509_NAME_print_ex(bio.get(), name, 0, (XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB) | XN_FLAG_SEP_CPLUS_SPC);
+  X509_NAME_print_ex(bio.get(), name, 0,
+                     (XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB) | XN_FLAG_SEP_CPLUS_SPC);
   char* data = nullptr;
   long n = BIO_get_mem_data(bio.get(), &data);
   return std::string(data, static_cast<std::size_t>(n));
@@ -125,7 +127,9 @@ std::chrono::sys_seconds asn1_time(const ASN1_TIME* t) {
 }  // namespace
 
 namespace crypto {
-X509* x509_of(const Certificate& cert) { return cert.impl().x509.get(); }
+X509* x509_of(const Certificate& cert) {
+  return cert.impl().x509.get();
+}
 
 Certificate certificate_from_x509(X509* x509) {
   int len = i2d_X509(x509, nullptr);
@@ -166,7 +170,9 @@ Certificate Certificate::from_pem(const std::string& pem) {
   return Certificate(make_impl(crypto::X509Ptr(x)));
 }
 
-const Bytes& Certificate::der() const { return impl_->der; }
+const Bytes& Certificate::der() const {
+  return impl_->der;
+}
 
 std::string Certificate::pem() const {
   crypto::BioPtr bio(BIO_new(BIO_s_mem()));
@@ -176,9 +182,15 @@ std::string Certificate::pem() const {
   return std::string(data, static_cast<std::size_t>(n));
 }
 
-const Bytes& Certificate::serial() const { return impl_->serial; }
-std::string Certificate::id() const { return BinaryToString(impl_->serial); }
-std::string Certificate::display_serial() const { return BeautifyBinaryString(id(), ' '); }
+const Bytes& Certificate::serial() const {
+  return impl_->serial;
+}
+std::string Certificate::id() const {
+  return BinaryToString(impl_->serial);
+}
+std::string Certificate::display_serial() const {
+  return BeautifyBinaryString(id(), ' ');
+}
 
 std::string Certificate::serial_decimal() const {
   const ASN1_INTEGER* s = X509_get0_serialNumber(impl_->x509.get());
@@ -191,7 +203,9 @@ std::string Certificate::serial_decimal() const {
   return out;
 }
 
-int Certificate::version() const { return static_cast<int>(X509_get_version(impl_->x509.get())) + 1; }
+int Certificate::version() const {
+  return static_cast<int>(X509_get_version(impl_->x509.get())) + 1;
+}
 
 std::vector<NameAttribute> Certificate::subject() const {
   return attributes(X509_get_subject_name(impl_->x509.get()));
@@ -199,8 +213,12 @@ std::vector<NameAttribute> Certificate::subject() const {
 std::vector<NameAttribute> Certificate::issuer() const {
   return attributes(X509_get_issuer_name(impl_->x509.get()));
 }
-Bytes Certificate::subject_der() const { return impl_->subject_der; }
-Bytes Certificate::issuer_der() const { return impl_->issuer_der; }
+Bytes Certificate::subject_der() const {
+  return impl_->subject_der;
+}
+Bytes Certificate::issuer_der() const {
+  return impl_->issuer_der;
+}
 
 std::vector<std::string> Certificate::subject_values(const std::string& oid) const {
   return values(X509_get_subject_name(impl_->x509.get()), oid);
@@ -217,8 +235,12 @@ std::string Certificate::issuer_cn() const {
   auto v = issuer_values(oid::kCommonName);
   return v.empty() ? std::string() : v.front();
 }
-std::string Certificate::subject_text() const { return name_text(X509_get_subject_name(impl_->x509.get())); }
-std::string Certificate::issuer_text() const { return name_text(X509_get_issuer_name(impl_->x509.get())); }
+std::string Certificate::subject_text() const {
+  return name_text(X509_get_subject_name(impl_->x509.get()));
+}
+std::string Certificate::issuer_text() const {
+  return name_text(X509_get_issuer_name(impl_->x509.get()));
+}
 
 std::chrono::sys_seconds Certificate::not_before() const {
   return asn1_time(X509_get0_notBefore(impl_->x509.get()));
@@ -266,7 +288,9 @@ int Certificate::key_bits() const {
   return k ? EVP_PKEY_get_bits(k) : 0;
 }
 
-Bytes Certificate::public_key_der() const { return crypto::PublicKey::from_certificate(*this).spki_der(); }
+Bytes Certificate::public_key_der() const {
+  return crypto::PublicKey::from_certificate(*this).spki_der();
+}
 
 std::string Certificate::signature_algorithm_oid() const {
   const X509_ALGOR* alg = nullptr;
@@ -276,8 +300,12 @@ std::string Certificate::signature_algorithm_oid() const {
   return obj_text(obj);
 }
 
-Bytes Certificate::fingerprint(DigestAlgorithm alg) const { return crypto::digest(alg, impl_->der); }
+Bytes Certificate::fingerprint(DigestAlgorithm alg) const {
+  return crypto::digest(alg, impl_->der);
+}
 
-bool Certificate::operator==(const Certificate& other) const { return impl_->der == other.impl_->der; }
+bool Certificate::operator==(const Certificate& other) const {
+  return impl_->der == other.impl_->der;
+}
 
 }  // namespace tessarel

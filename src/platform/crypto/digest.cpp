@@ -46,7 +46,8 @@ const EVP_MD* evp_md(DigestAlgorithm alg) {
   });
   for (std::size_t i = 0; i < kDigests.size(); ++i) {
     if (kDigests[i].alg == alg) {
-      if (!cache[i]) throw Exception(std::string("Digest algorithm not available: ") + kDigests[i].display);
+      if (!cache[i])
+        throw Exception(std::string("Digest algorithm not available: ") + kDigests[i].display);
       return cache[i];
     }
   }
@@ -104,7 +105,8 @@ Bytes digest(DigestAlgorithm alg, const void* data, std::size_t n) {
 
 Bytes random_bytes(std::size_t n) {
   Bytes out(n);
-  if (n && RAND_bytes(out.data(), static_cast<int>(n)) != 1) throw_openssl("Random generator failed");
+  if (n && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
+    throw_openssl("Random generator failed");
   return out;
 }
 

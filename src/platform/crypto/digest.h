@@ -39,8 +39,12 @@ Bytes digest(DigestAlgorithm alg, const void* data, std::size_t n);
 inline Bytes digest(DigestAlgorithm alg, const Bytes& data) {
   return digest(alg, data.data(), data.size());
 }
-inline Bytes sha256(const Bytes& data) { return digest(DigestAlgorithm::SHA256, data); }
-inline Bytes sha1(const Bytes& data) { return digest(DigestAlgorithm::SHA1, data); }
+inline Bytes sha256(const Bytes& data) {
+  return digest(DigestAlgorithm::SHA256, data);
+}
+inline Bytes sha1(const Bytes& data) {
+  return digest(DigestAlgorithm::SHA1, data);
+}
 
 Bytes random_bytes(std::size_t n);
 

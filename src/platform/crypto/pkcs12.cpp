@@ -13,8 +13,9 @@ namespace tessarel::crypto {
 Bytes write_pkcs12(const Certificate& cert, const PrivateKey& key, const std::string& password,
                    const std::string& friendly_name) {
   if (!key.matches(cert)) throw Exception("The private key does not belong to the certificate");
-  PKCS12* p12 = PKCS12_create(password.c_str(), friendly_name.empty() ? nullptr : friendly_name.c_str(),
-                              key.get(), x509_of(cert), nullptr, 0, 0, 0, 0, 0);
+  PKCS12* p12 =
+      PKCS12_create(password.c_str(), friendly_name.empty() ? nullptr : friendly_name.c_str(),
+                    key.get(), x509_of(cert), nullptr, 0, 0, 0, 0, 0);
   if (!p12) throw_openssl("Cannot create PKCS#12");
   Pkcs12Ptr holder(p12);
   int len = i2d_PKCS12(p12, nullptr);
@@ -40,7 +41,7 @@ bool load_legacy_provider() {
 }
 
 bool parse(PKCS12* p12, const std::string& password, EVP_PKEY** key, X509** cert,
-           STACK_OF(X509)** ca) {
+           STACK_OF(X509) * *ca) {
   return PKCS12_parse(p12, password.c_str(), key, cert, ca) == 1;
 }
 }  // namespace
@@ -70,11 +71,13 @@ Pkcs12Contents read_pkcs12(const Bytes& pfx, const std::string& password) {
   EvpPkeyPtr key_holder(key);
   X509Ptr cert_holder(cert);
   std::vector<Certificate> chain;
-  for (int i = 0; ca && i < sk_X509_num(ca); ++i) chain.push_back(certificate_from_x509(sk_X509_value(ca, i)));
+  for (int i = 0; ca && i < sk_X509_num(ca); ++i)
+    chain.push_back(certificate_from_x509(sk_X509_value(ca, i)));
   sk_X509_pop_free(ca, X509_free);
   if (!cert) throw Exception("The PKCS#12 (PFX) file holds no certificate");
   if (!key) throw Exception("The PKCS#12 (PFX) file holds no private key");
-  Pkcs12Contents out{certificate_from_x509(cert), PrivateKey(std::move(key_holder)), std::move(chain)};
+  Pkcs12Contents out{certificate_from_x509(cert), PrivateKey(std::move(key_holder)),
+                     std::move(chain)};
   if (!out.key.matches(out.certificate))
     throw Exception("The private key in the PKCS#12 (PFX) file does not belong to its certificate");
   return out;

@@ -56,7 +56,8 @@ void configure(EVP_PKEY_CTX* ctx, EVP_PKEY* key, DigestAlgorithm alg, bool pss,
     int padding = (pss || kind == KeyKind::RsaPss) ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING;
     if (EVP_PKEY_CTX_set_rsa_padding(ctx, padding) <= 0) throw_openssl("Cannot set RSA padding");
     if (padding == RSA_PKCS1_PSS_PADDING) {
-      if (EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt_len < 0 ? RSA_PSS_SALTLEN_DIGEST : salt_len) <= 0 ||
+      if (EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt_len < 0 ? RSA_PSS_SALTLEN_DIGEST : salt_len) <=
+              0 ||
           EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, evp_md(mgf_alg)) <= 0)
         throw_openssl("Cannot set RSA-PSS parameters");
     }
@@ -77,27 +78,48 @@ PublicKey PublicKey::from_spki_der(const Bytes& spki) {
   return PublicKey(EvpPkeyPtr(key));
 }
 
-int PublicKey::bits() const { return EVP_PKEY_get_bits(key_.get()); }
+int PublicKey::bits() const {
+  return EVP_PKEY_get_bits(key_.get());
+}
 
-Bytes PublicKey::spki_der() const { return spki_of(key_.get()); }
+Bytes PublicKey::spki_der() const {
+  return spki_of(key_.get());
+}
 
-bool PublicKey::verify_digest(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature) const {
-  auto ctx = new_ctx(key_.get());
+namespace {
+bool verify_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, const Bytes& signature, bool pss,
+                 DigestAlgorithm mgf_alg, int salt_len) {
+  auto ctx = new_ctx(key);
   if (EVP_PKEY_verify_init(ctx.get()) <= 0) throw_openssl("Cannot start verification");
-  configure(ctx.get(), key_.get(), alg, false, alg, -1);
+  configure(ctx.get(), key, alg, pss, mgf_alg, salt_len);
   int rc = EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size());
   openssl_errors();  // a failed verification leaves reasons in the queue
   return rc == 1;
 }
 
+Bytes sign_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, bool pss, DigestAlgorithm mgf_alg,
+                int salt_len) {
+  auto ctx = new_ctx(key);
+  if (EVP_PKEY_sign_init(ctx.get()) <= 0) throw_openssl("Cannot start signing");
+  configure(ctx.get(), key, alg, pss, mgf_alg, salt_len);
+  std::size_t len = 0;
+  if (EVP_PKEY_sign(ctx.get(), nullptr, &len, digest.data(), digest.size()) <= 0)
+    throw_openssl("Signing failed");
+  Bytes sig(len);
+  if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, digest.data(), digest.size()) <= 0)
+    throw_openssl("Signing failed");
+  sig.resize(len);
+  return sig;
+}
+}  // namespace
+
+bool PublicKey::verify_digest(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature) const {
+  return verify_with(key_.get(), alg, digest, signature, false, alg, -1);
+}
+
 bool PublicKey::verify_digest_pss(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature,
                                   DigestAlgorithm mgf_alg, int salt_len) const {
-  auto ctx = new_ctx(key_.get());
-  if (EVP_PKEY_verify_init(ctx.get()) <= 0) throw_openssl("Cannot start verification");
-  configure(ctx.get(), key_.get(), alg, true, mgf_alg, salt_len);
-  int rc = EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size());
-  openssl_errors();
-  return rc == 1;
+  return verify_with(key_.get(), alg, digest, signature, true, mgf_alg, salt_len);
 }
 
 Bytes PublicKey::bn_param(const char* name) const {
@@ -112,12 +134,24 @@ Bytes PublicKey::bn_param(const char* name) const {
   return out;
 }
 
-Bytes PublicKey::rsa_modulus() const { return bn_param(OSSL_PKEY_PARAM_RSA_N); }
-Bytes PublicKey::rsa_exponent() const { return bn_param(OSSL_PKEY_PARAM_RSA_E); }
-Bytes PublicKey::dsa_p() const { return bn_param(OSSL_PKEY_PARAM_FFC_P); }
-Bytes PublicKey::dsa_q() const { return bn_param(OSSL_PKEY_PARAM_FFC_Q); }
-Bytes PublicKey::dsa_g() const { return bn_param(OSSL_PKEY_PARAM_FFC_G); }
-Bytes PublicKey::dsa_y() const { return bn_param(OSSL_PKEY_PARAM_PUB_KEY); }
+Bytes PublicKey::rsa_modulus() const {
+  return bn_param(OSSL_PKEY_PARAM_RSA_N);
+}
+Bytes PublicKey::rsa_exponent() const {
+  return bn_param(OSSL_PKEY_PARAM_RSA_E);
+}
+Bytes PublicKey::dsa_p() const {
+  return bn_param(OSSL_PKEY_PARAM_FFC_P);
+}
+Bytes PublicKey::dsa_q() const {
+  return bn_param(OSSL_PKEY_PARAM_FFC_Q);
+}
+Bytes PublicKey::dsa_g() const {
+  return bn_param(OSSL_PKEY_PARAM_FFC_G);
+}
+Bytes PublicKey::dsa_y() const {
+  return bn_param(OSSL_PKEY_PARAM_PUB_KEY);
+}
 
 PrivateKey PrivateKey::from_pkcs8_der(const Bytes& der) {
   const unsigned char* p = der.data();
@@ -129,7 +163,9 @@ PrivateKey PrivateKey::from_pkcs8_der(const Bytes& der) {
   return PrivateKey(EvpPkeyPtr(key));
 }
 
-int PrivateKey::bits() const { return EVP_PKEY_get_bits(key_.get()); }
+int PrivateKey::bits() const {
+  return EVP_PKEY_get_bits(key_.get());
+}
 
 Bytes PrivateKey::to_pkcs8_der() const {
   PKCS8_PRIV_KEY_INFO* info = EVP_PKEY2PKCS8(key_.get());
@@ -145,7 +181,9 @@ Bytes PrivateKey::to_pkcs8_der() const {
   return out;
 }
 
-Bytes PrivateKey::public_spki_der() const { return spki_of(key_.get()); }
+Bytes PrivateKey::public_spki_der() const {
+  return spki_of(key_.get());
+}
 
 bool PrivateKey::matches(const Certificate& cert) const {
   auto pub = certificate_public_key(cert);
@@ -155,32 +193,12 @@ bool PrivateKey::matches(const Certificate& cert) const {
 }
 
 Bytes PrivateKey::sign_digest(DigestAlgorithm alg, const Bytes& digest) const {
-  auto ctx = new_ctx(key_.get());
-  if (EVP_PKEY_sign_init(ctx.get()) <= 0) throw_openssl("Cannot start signing");
-  configure(ctx.get(), key_.get(), alg, false, alg, -1);
-  std::size_t len = 0;
-  if (EVP_PKEY_sign(ctx.get(), nullptr, &len, digest.data(), digest.size()) <= 0)
-    throw_openssl("Signing failed");
-  Bytes sig(len);
-  if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, digest.data(), digest.size()) <= 0)
-    throw_openssl("Signing failed");
-  sig.resize(len);
-  return sig;
+  return sign_with(key_.get(), alg, digest, false, alg, -1);
 }
 
 Bytes PrivateKey::sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
                                   int salt_len) const {
-  auto ctx = new_ctx(key_.get());
-  if (EVP_PKEY_sign_init(ctx.get()) <= 0) throw_openssl("Cannot start signing");
-  configure(ctx.get(), key_.get(), alg, true, mgf_alg, salt_len);
-  std::size_t len = 0;
-  if (EVP_PKEY_sign(ctx.get(), nullptr, &len, digest.data(), digest.size()) <= 0)
-    throw_openssl("Signing failed");
-  Bytes sig(len);
-  if (EVP_PKEY_sign(ctx.get(), sig.data(), &len, digest.data(), digest.size()) <= 0)
-    throw_openssl("Signing failed");
-  sig.resize(len);
-  return sig;
+  return sign_with(key_.get(), alg, digest, true, mgf_alg, salt_len);
 }
 
 }  // namespace tessarel::crypto

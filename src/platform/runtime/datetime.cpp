@@ -21,8 +21,8 @@ DateTime EncodeDateTime(const CivilTime& t) {
       t.second > 59 || t.millisecond < 0 || t.millisecond > 999)
     throw EConvertError("Invalid argument to date encode");
   double days = static_cast<double>((sys_days{ymd} - kEpoch).count());
-  double frac = (t.hour * 3600000.0 + t.minute * 60000.0 + t.second * 1000.0 + t.millisecond) /
-                kMsPerDay;
+  double frac =
+      (t.hour * 3600000.0 + t.minute * 60000.0 + t.second * 1000.0 + t.millisecond) / kMsPerDay;
   // Before the epoch the integer part counts days back and the fraction still adds time.
   return days >= 0 ? days + frac : days - frac;
 }
@@ -52,12 +52,10 @@ DateTime DateTimeFromSys(sys_seconds t) {
   auto dp = floor<days>(t);
   year_month_day ymd{dp};
   hh_mm_ss<seconds> hms{t - dp};
-  return EncodeDateTime({static_cast<int>(ymd.year()),
-                         static_cast<int>(static_cast<unsigned>(ymd.month())),
-                         static_cast<int>(static_cast<unsigned>(ymd.day())),
-                         static_cast<int>(hms.hours().count()),
-                         static_cast<int>(hms.minutes().count()),
-                         static_cast<int>(hms.seconds().count()), 0});
+  return EncodeDateTime(
+      {static_cast<int>(ymd.year()), static_cast<int>(static_cast<unsigned>(ymd.month())),
+       static_cast<int>(static_cast<unsigned>(ymd.day())), static_cast<int>(hms.hours().count()),
+       static_cast<int>(hms.minutes().count()), static_cast<int>(hms.seconds().count()), 0});
 }
 
 sys_seconds SysFromDateTime(DateTime dt) {
@@ -75,9 +73,13 @@ DateTime LocalDateTime(system_clock::time_point now) {
                          std::min(tm.tm_sec, 59), static_cast<int>(ms_total % 1000)});
 }
 
-DateTime Now() { return LocalDateTime(system_clock::now()); }
+DateTime Now() {
+  return LocalDateTime(system_clock::now());
+}
 
-DateTime Date() { return std::trunc(Now()); }
+DateTime Date() {
+  return std::trunc(Now());
+}
 
 DateTime UTCNow() {
   auto now = system_clock::now();
@@ -106,6 +108,8 @@ std::string FormatIsoDate(DateTime dt) {
   return buf;
 }
 
-std::string FormatDateTime(DateTime dt) { return FormatShortDate(dt) + " " + FormatTime(dt); }
+std::string FormatDateTime(DateTime dt) {
+  return FormatShortDate(dt) + " " + FormatTime(dt);
+}
 
 }  // namespace tessarel

@@ -22,9 +22,9 @@ CivilTime DecodeDateTime(DateTime dt);
 DateTime DateTimeFromSys(std::chrono::sys_seconds t);
 std::chrono::sys_seconds SysFromDateTime(DateTime dt);
 
-DateTime Now();      // local time
-DateTime Date();     // today, local, no time part
-DateTime UTCNow();   // current UTC time
+DateTime Now();     // local time
+DateTime Date();    // today, local, no time part
+DateTime UTCNow();  // current UTC time
 // Local wall-clock time of a point in time.
 DateTime LocalDateTime(std::chrono::system_clock::time_point t);
 

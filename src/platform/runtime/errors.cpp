@@ -31,6 +31,8 @@ void wipe(Bytes& secret) noexcept {
   secret.clear();
 }
 
-const char* version() { return "0.1.0"; }
+const char* version() {
+  return "0.1.0";
+}
 
 }  // namespace tessarel

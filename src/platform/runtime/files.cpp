@@ -17,7 +17,9 @@
 namespace tessarel {
 
 namespace {
-std::string reason(int err) { return std::strerror(err); }
+std::string reason(int err) {
+  return std::strerror(err);
+}
 
 [[noreturn]] void throw_open(const std::string& path, int err) {
   throw EFOpenError("Cannot open file \"" + path + "\". " + reason(err));
@@ -143,7 +145,9 @@ OutputFile::~OutputFile() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-void OutputFile::write(const void* data, std::size_t n) { write_all(fd_, data, n, path_); }
+void OutputFile::write(const void* data, std::size_t n) {
+  write_all(fd_, data, n, path_);
+}
 
 void OutputFile::sync() {
   if (::fsync(fd_) != 0) throw_io("writing", path_, errno);
@@ -161,7 +165,8 @@ mode_t CurrentUmask() {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line)) {
-      if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::strtol(line.c_str() + 6, nullptr, 8));
+      if (line.rfind("Umask:", 0) == 0)
+        return static_cast<mode_t>(std::strtol(line.c_str() + 6, nullptr, 8));
     }
     return static_cast<mode_t>(022);
   }();
@@ -191,7 +196,9 @@ AtomicFileWriter::~AtomicFileWriter() {
   if (!committed_) ::unlink(temp_.c_str());
 }
 
-void AtomicFileWriter::write(const void* data, std::size_t n) { write_all(fd_, data, n, target_); }
+void AtomicFileWriter::write(const void* data, std::size_t n) {
+  write_all(fd_, data, n, target_);
+}
 
 void AtomicFileWriter::commit() {
   if (::fsync(fd_) != 0) throw_io("writing", target_, errno);
@@ -241,7 +248,8 @@ void CopyFileStream(const std::string& source, const std::string& dest) {
   InputFile in(source);
   OutputFile out(dest);
   std::vector<char> buf(1 << 20);
-  while (std::size_t n = in.read(buf.data(), buf.size())) out.write(buf.data(), n);
+  while (std::size_t n = in.read(buf.data(), buf.size()))
+    out.write(buf.data(), n);
   out.close();
 }
 

@@ -34,7 +34,8 @@ int nibble(char c) {
 }  // namespace
 
 Bytes HexToBinary(std::string_view hex) {
-  if (hex.size() % 2) throw EConvertError("'" + std::string(hex) + "' is not a valid hexadecimal text");
+  if (hex.size() % 2)
+    throw EConvertError("'" + std::string(hex) + "' is not a valid hexadecimal text");
   Bytes out(hex.size() / 2);
   for (std::size_t i = 0; i < out.size(); ++i) {
     int hi = nibble(hex[2 * i]), lo = nibble(hex[2 * i + 1]);

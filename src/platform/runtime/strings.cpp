@@ -47,13 +47,15 @@ std::string& StringList::at(int i) {
 
 std::string lower_ascii(std::string_view s) {
   std::string out(s);
-  for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (auto& c : out)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return out;
 }
 
 std::string upper_ascii(std::string_view s) {
   std::string out(s);
-  for (auto& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (auto& c : out)
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return out;
 }
 
@@ -78,13 +80,19 @@ std::string replace_all(std::string_view s, std::string_view from, std::string_v
 
 std::string trim(std::string_view s) {
   std::size_t b = 0, e = s.size();
-  while (b < e && static_cast<unsigned char>(s[b]) <= ' ') ++b;
-  while (e > b && static_cast<unsigned char>(s[e - 1]) <= ' ') --e;
+  while (b < e && static_cast<unsigned char>(s[b]) <= ' ')
+    ++b;
+  while (e > b && static_cast<unsigned char>(s[e - 1]) <= ' ')
+    --e;
   return std::string(s.substr(b, e - b));
 }
 
-bool starts_with(std::string_view s, std::string_view prefix) { return s.starts_with(prefix); }
-bool ends_with(std::string_view s, std::string_view suffix) { return s.ends_with(suffix); }
+bool starts_with(std::string_view s, std::string_view prefix) {
+  return s.starts_with(prefix);
+}
+bool ends_with(std::string_view s, std::string_view suffix) {
+  return s.ends_with(suffix);
+}
 
 std::string join(const std::vector<std::string>& parts, std::string_view sep) {
   std::string out;

@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "platform/crypto/digest.h"
 #include "platform/crypto/pkcs12.h"
@@ -64,12 +64,14 @@ class FileCertStore::Lock {
  public:
   explicit Lock(const std::string& path) {
     fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd_ < 0) throw EFCreateError("Cannot create file \"" + path + "\". " + std::strerror(errno));
+    if (fd_ < 0)
+      throw EFCreateError("Cannot create file \"" + path + "\". " + std::strerror(errno));
     while (::flock(fd_, LOCK_EX) != 0) {
       if (errno != EINTR) {
         int err = errno;
         ::close(fd_);
-        throw EInOutError("Cannot lock the certificate store \"" + path + "\": " + std::strerror(err));
+        throw EInOutError("Cannot lock the certificate store \"" + path +
+                          "\": " + std::strerror(err));
       }
     }
   }
@@ -82,7 +84,8 @@ class FileCertStore::Lock {
 };
 
 FileCertStore::FileCertStore(std::string folder) : folder_(std::move(folder)) {
-  while (folder_.size() > 1 && folder_.back() == '/') folder_.pop_back();
+  while (folder_.size() > 1 && folder_.back() == '/')
+    folder_.pop_back();
   if (folder_.empty()) throw Exception("Certificate store location is empty");
 }
 
@@ -109,7 +112,8 @@ std::vector<std::string> FileCertStore::read_manifest() const {
 
 void FileCertStore::write_manifest(const std::vector<std::string>& entries) {
   std::string text = std::string(kManifestHeader) + "\n";
-  for (const auto& e : entries) text += e + "\n";
+  for (const auto& e : entries)
+    text += e + "\n";
   WriteFileAtomic(path(kManifest), text.data(), text.size(), 0600);
 }
 
@@ -188,7 +192,8 @@ void FileCertStore::remove_orphans(const std::vector<std::string>& entries) {
       doomed.push_back(f);
   }
   ::closedir(dir);
-  for (const auto& f : doomed) ::unlink(path(f).c_str());
+  for (const auto& f : doomed)
+    ::unlink(path(f).c_str());
 }
 
 void FileCertStore::add(const Certificate& cert, const Bytes& pkcs8_key) {
@@ -227,7 +232,8 @@ bool FileCertStore::remove(const Certificate& cert) {
 
 Bytes FileCertStore::export_pkcs12(const Certificate& cert, const std::string& password) {
   auto key = load_key(path(entry_name(cert) + ".key"));
-  if (!key) throw Exception("The certificate " + cert.id() + " has no usable private key in the store");
+  if (!key)
+    throw Exception("The certificate " + cert.id() + " has no usable private key in the store");
   return crypto::write_pkcs12(cert, *key, password, cert.subject_cn());
 }
 

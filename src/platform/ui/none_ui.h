@@ -9,7 +9,8 @@ namespace tessarel {
 class NoneUi : public Ui {
  public:
   const char* name() const override { return "none"; }
-  ModalResult message_box(MessageKind kind, MessageButtons buttons, const std::string& text) override;
+  ModalResult message_box(MessageKind kind, MessageButtons buttons,
+                          const std::string& text) override;
   ModalResult password(TPasswordRequestForm& form) override;
   void overwrite_choice(TSignFileOverriteDlg& dlg) override;
   ModalResult record_deletion(TSignCancRegDlg& dlg) override;

@@ -16,13 +16,16 @@ void ScriptedUi::answer_password(std::string text, ModalResult r) {
   passwords_.push_back({std::move(text), r});
 }
 
-void ScriptedUi::answer_overwrite(int item, bool close_box) { overwrites_.push_back({item, close_box}); }
+void ScriptedUi::answer_overwrite(int item, bool close_box) {
+  overwrites_.push_back({item, close_box});
+}
 
 void ScriptedUi::answer_deletion(int type_index, std::string id, ModalResult r) {
   deletions_.push_back({type_index, std::move(id), r});
 }
 
-ModalResult ScriptedUi::message_box(MessageKind kind, MessageButtons buttons, const std::string& text) {
+ModalResult ScriptedUi::message_box(MessageKind kind, MessageButtons buttons,
+                                    const std::string& text) {
   shown.push_back({"message", kind, buttons, text});
   if (buttons == MessageButtons::Ok) return ModalResult::Ok;
   if (messages_.empty()) no_answer("message box", text);
@@ -32,7 +35,8 @@ ModalResult ScriptedUi::message_box(MessageKind kind, MessageButtons buttons, co
 }
 
 ModalResult ScriptedUi::password(TPasswordRequestForm& form) {
-  shown.push_back({"password", MessageKind::Plain, MessageButtons::OkCancel, TPasswordRequestForm::kCaption});
+  shown.push_back(
+      {"password", MessageKind::Plain, MessageButtons::OkCancel, TPasswordRequestForm::kCaption});
   if (passwords_.empty()) no_answer("password form", "");
   PasswordAnswer a = std::move(passwords_.front());
   passwords_.pop_front();
@@ -46,7 +50,8 @@ ModalResult ScriptedUi::password(TPasswordRequestForm& form) {
 }
 
 void ScriptedUi::overwrite_choice(TSignFileOverriteDlg& dlg) {
-  shown.push_back({"overwrite", MessageKind::Plain, MessageButtons::Ok, TSignFileOverriteDlg::kCaption});
+  shown.push_back(
+      {"overwrite", MessageKind::Plain, MessageButtons::Ok, TSignFileOverriteDlg::kCaption});
   if (overwrites_.empty()) no_answer("overwrite question", "");
   OverwriteAnswer a = overwrites_.front();
   overwrites_.pop_front();
@@ -58,7 +63,8 @@ void ScriptedUi::overwrite_choice(TSignFileOverriteDlg& dlg) {
 }
 
 ModalResult ScriptedUi::record_deletion(TSignCancRegDlg& dlg) {
-  shown.push_back({"deletion", MessageKind::Plain, MessageButtons::OkCancel, TSignCancRegDlg::kCaption});
+  shown.push_back(
+      {"deletion", MessageKind::Plain, MessageButtons::OkCancel, TSignCancRegDlg::kCaption});
   if (deletions_.empty()) no_answer("record deletion", "");
   DeletionAnswer a = std::move(deletions_.front());
   deletions_.pop_front();

@@ -43,7 +43,8 @@ class ScriptedUi : public Ui {
     wizards_.push_back(std::move(action));
   }
 
-  ModalResult message_box(MessageKind kind, MessageButtons buttons, const std::string& text) override;
+  ModalResult message_box(MessageKind kind, MessageButtons buttons,
+                          const std::string& text) override;
   ModalResult password(TPasswordRequestForm& form) override;
   void overwrite_choice(TSignFileOverriteDlg& dlg) override;
   ModalResult record_deletion(TSignCancRegDlg& dlg) override;

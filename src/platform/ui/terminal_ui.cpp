@@ -4,16 +4,16 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 
 #include "platform/runtime/strings.h"
 #include "platform/ui/none_ui.h"
-#include "tessarel/picker.h"
 #include "tessarel/errors.h"
+#include "tessarel/picker.h"
 #include "tessarel/types.h"
 
 namespace tessarel {
@@ -129,7 +129,8 @@ std::optional<ModalResult> TerminalUi::ask_buttons(MessageButtons buttons) {
   }
 }
 
-ModalResult TerminalUi::message_box(MessageKind kind, MessageButtons buttons, const std::string& text) {
+ModalResult TerminalUi::message_box(MessageKind kind, MessageButtons buttons,
+                                    const std::string& text) {
   write(message_line(kind, text) + "\n");
   auto r = ask_buttons(buttons);
   if (r) return *r;
@@ -153,8 +154,8 @@ ModalResult TerminalUi::password(TPasswordRequestForm& form) {
 }
 
 void TerminalUi::overwrite_choice(TSignFileOverriteDlg& dlg) {
-  write(std::string("== ") + TSignFileOverriteDlg::kCaption + " ==\n" + TSignFileOverriteDlg::kLabel +
-        "\n" + TSignFileOverriteDlg::kGroupTitle + ":\n");
+  write(std::string("== ") + TSignFileOverriteDlg::kCaption + " ==\n" +
+        TSignFileOverriteDlg::kLabel + "\n" + TSignFileOverriteDlg::kGroupTitle + ":\n");
   for (std::size_t i = 0; i < TSignFileOverriteDlg::kItems.size(); ++i)
     write("  " + std::string(static_cast<int>(i) == dlg.ItemIndex ? "*" : " ") + "[" +
           std::to_string(i) + "] " + TSignFileOverriteDlg::kItems[i] + "\n");
@@ -227,23 +228,28 @@ ModalResult TerminalUi::certificate_picker(TfrmSelWinCert& picker) {
   picker.FormShow();
   while (picker.modal_result() == ModalResult::None) {
     std::array<std::size_t, 6> widths{};
-    for (std::size_t c = 0; c < 6; ++c) widths[c] = std::string(TfrmSelWinCert::kColumns[c].caption).size();
+    for (std::size_t c = 0; c < 6; ++c)
+      widths[c] = std::string(TfrmSelWinCert::kColumns[c].caption).size();
     for (const auto& row : picker.rows())
-      for (std::size_t c = 0; c < 6; ++c) widths[c] = std::max(widths[c], row.cells[c].size());
-    std::string screen = std::string("== ") + TfrmSelWinCert::kCaption + " ==\n" + TfrmSelWinCert::kLabel1 + "\n";
+      for (std::size_t c = 0; c < 6; ++c)
+        widths[c] = std::max(widths[c], row.cells[c].size());
+    std::string screen =
+        std::string("== ") + TfrmSelWinCert::kCaption + " ==\n" + TfrmSelWinCert::kLabel1 + "\n";
     screen += "     ";
-    for (std::size_t c = 0; c < 6; ++c) screen += pad(TfrmSelWinCert::kColumns[c].caption, widths[c] + 2);
+    for (std::size_t c = 0; c < 6; ++c)
+      screen += pad(TfrmSelWinCert::kColumns[c].caption, widths[c] + 2);
     screen += "\n";
     for (std::size_t r = 0; r < picker.rows().size(); ++r) {
       bool sel = static_cast<int>(r) == picker.selected_row();
       screen += std::string(sel ? "> " : "  ") + pad(std::to_string(r), 3);
-      for (std::size_t c = 0; c < 6; ++c) screen += pad(picker.rows()[r].cells[c], widths[c] + 2);
+      for (std::size_t c = 0; c < 6; ++c)
+        screen += pad(picker.rows()[r].cells[c], widths[c] + 2);
       screen += "\n";
     }
     screen += std::string(TfrmSelWinCert::kLbPrivateKey) + picker.dlbPrivateKey() + "\n" +
               TfrmSelWinCert::kLbUsage + picker.dlbUsage() + "\n" +
-              "[number] select   r = " + TfrmSelWinCert::kRemoveItem + "   o = " + TfrmSelWinCert::kOk +
-              "   c = " + TfrmSelWinCert::kCancel + "\n> ";
+              "[number] select   r = " + TfrmSelWinCert::kRemoveItem +
+              "   o = " + TfrmSelWinCert::kOk + "   c = " + TfrmSelWinCert::kCancel + "\n> ";
     write(screen);
     auto line = read_line();
     if (!line) {
@@ -275,6 +281,8 @@ void TerminalUi::progress_text(const std::string& text) {
   std::fprintf(stderr, "%s\n", text.c_str());
 }
 
-void TerminalUi::beep() { write("\a"); }
+void TerminalUi::beep() {
+  write("\a");
+}
 
 }  // namespace tessarel

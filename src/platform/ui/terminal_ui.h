@@ -20,7 +20,8 @@ class TerminalUi : public Ui {
   ~TerminalUi() override;
 
   const char* name() const override { return "terminal"; }
-  ModalResult message_box(MessageKind kind, MessageButtons buttons, const std::string& text) override;
+  ModalResult message_box(MessageKind kind, MessageButtons buttons,
+                          const std::string& text) override;
   ModalResult password(TPasswordRequestForm& form) override;
   void overwrite_choice(TSignFileOverriteDlg& dlg) override;
   ModalResult record_deletion(TSignCancRegDlg& dlg) override;

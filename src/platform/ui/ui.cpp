@@ -50,14 +50,18 @@ ModalResult NoneUi::password(TPasswordRequestForm& form) {
   return form.modal_result();
 }
 
-void NoneUi::overwrite_choice(TSignFileOverriteDlg& dlg) { dlg.close_box(); }
+void NoneUi::overwrite_choice(TSignFileOverriteDlg& dlg) {
+  dlg.close_box();
+}
 
 ModalResult NoneUi::record_deletion(TSignCancRegDlg& dlg) {
   dlg.CancelBtnClick();
   return dlg.modal_result();
 }
 
-ModalResult NoneUi::certificate_picker(TfrmSelWinCert&) { return ModalResult::Cancel; }
+ModalResult NoneUi::certificate_picker(TfrmSelWinCert&) {
+  return ModalResult::Cancel;
+}
 
 void NoneUi::certificate_wizard(TfrmGenerateCert&) {}
 

@@ -11,7 +11,9 @@ struct Document::Impl {
   }
 };
 
-Document::Document() : impl_(std::make_unique<Impl>()) { impl_->doc = xmlNewDoc(BAD_CAST "1.0"); }
+Document::Document() : impl_(std::make_unique<Impl>()) {
+  impl_->doc = xmlNewDoc(BAD_CAST "1.0");
+}
 Document::~Document() = default;
 
 }  // namespace tessarel::xml

@@ -25,7 +25,7 @@ TEST(StringList, LineBreakRules) {
   const Case cases[] = {
       {"", {}},
       {"a", {"a"}},
-      {"a\r\n", {"a"}},                        // a final break adds no entry
+      {"a\r\n", {"a"}},  // a final break adds no entry
       {"a\r\nb", {"a", "b"}},
       {"a\rb\nc\r\nd", {"a", "b", "c", "d"}},  // CR, LF and CR LF mixed
       {"a\n\nb", {"a", "", "b"}},              // an empty line is an empty entry

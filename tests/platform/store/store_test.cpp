@@ -38,7 +38,8 @@ std::vector<TestCert> ec_certs(int n) {
 
 std::vector<std::string> ids(const std::vector<Certificate>& certs) {
   std::vector<std::string> out;
-  for (const auto& c : certs) out.push_back(c.id());
+  for (const auto& c : certs)
+    out.push_back(c.id());
   return out;
 }
 
@@ -62,9 +63,11 @@ TEST(FileStore, KeepsInsertionOrderAcrossInstancesAndProcesses) {
   std::string path = dir / "MY";
   auto certs = ec_certs(5);
   FileCertStore store(path);
-  for (const auto& c : certs) store.add(c.cert, c.pkcs8());
+  for (const auto& c : certs)
+    store.add(c.cert, c.pkcs8());
   std::vector<std::string> expected;
-  for (const auto& c : certs) expected.push_back(c.cert.id());
+  for (const auto& c : certs)
+    expected.push_back(c.cert.id());
   EXPECT_EQ(ids(FileCertStore(path).certificates()), expected);
 
   // Another process lists the same order.
@@ -72,7 +75,8 @@ TEST(FileStore, KeepsInsertionOrderAcrossInstancesAndProcesses) {
   ASSERT_EQ(r.exit_code, 0) << r.err;
   std::vector<std::string> listed;
   std::istringstream lines(r.out);
-  for (std::string line; std::getline(lines, line);) listed.push_back(line.substr(0, line.find(' ')));
+  for (std::string line; std::getline(lines, line);)
+    listed.push_back(line.substr(0, line.find(' ')));
   EXPECT_EQ(listed, expected);
 }
 
@@ -95,7 +99,8 @@ TEST(FileStore, AddingTwiceKeepsOneEntryAndAddsAMissingKey) {
   store.add(certs[1].cert, certs[1].pkcs8());
   EXPECT_FALSE(store.has_private_key(certs[0].cert));
   store.add(certs[0].cert, certs[0].pkcs8());
-  EXPECT_EQ(ids(store.certificates()), (std::vector<std::string>{certs[0].cert.id(), certs[1].cert.id()}));
+  EXPECT_EQ(ids(store.certificates()),
+            (std::vector<std::string>{certs[0].cert.id(), certs[1].cert.id()}));
   EXPECT_TRUE(store.key_valid(certs[0].cert));
 }
 
@@ -146,16 +151,19 @@ TEST(FileStore, SignsWithTheStoredKey) {
   Bytes digest(32, 0x5A);
   Bytes sig = key->sign_digest(DigestAlgorithm::SHA256, digest);
   EXPECT_EQ(sig.size(), 256u);
-  EXPECT_TRUE(crypto::PublicKey::from_certificate(rsa.cert).verify_digest(DigestAlgorithm::SHA256, digest, sig));
+  EXPECT_TRUE(crypto::PublicKey::from_certificate(rsa.cert).verify_digest(DigestAlgorithm::SHA256,
+                                                                          digest, sig));
   digest[0] ^= 1;
-  EXPECT_FALSE(crypto::PublicKey::from_certificate(rsa.cert).verify_digest(DigestAlgorithm::SHA256, digest, sig));
+  EXPECT_FALSE(crypto::PublicKey::from_certificate(rsa.cert).verify_digest(DigestAlgorithm::SHA256,
+                                                                           digest, sig));
 }
 
 TEST(FileStore, RemoveKeepsTheOthersInOrder) {
   TempDir dir;
   FileCertStore store(dir / "MY");
   auto certs = ec_certs(4);
-  for (auto& c : certs) store.add(c.cert, c.pkcs8());
+  for (auto& c : certs)
+    store.add(c.cert, c.pkcs8());
   EXPECT_TRUE(store.remove(certs[1].cert));
   EXPECT_FALSE(store.remove(certs[1].cert));
   EXPECT_EQ(ids(store.certificates()),
@@ -170,7 +178,8 @@ TEST(FileStore, ForeignAndDamagedFilesAreSkippedWithAWarning) {
   std::string path = dir / "MY";
   FileCertStore store(path);
   auto certs = ec_certs(3);
-  for (auto& c : certs) store.add(c.cert, c.pkcs8());
+  for (auto& c : certs)
+    store.add(c.cert, c.pkcs8());
   test::write_file(path + "/notes.txt", "not a certificate");
   test::write_file(path + "/" + std::string(40, 'A') + ".crt", "garbage");
   // The middle entry's certificate is truncated.
@@ -182,9 +191,11 @@ TEST(FileStore, ForeignAndDamagedFilesAreSkippedWithAWarning) {
   std::ofstream(path + "/manifest", std::ios::app) << "../../etc/passwd\n";
 
   WarningCatcher warnings;
-  EXPECT_EQ(ids(store.certificates()), (std::vector<std::string>{certs[0].cert.id(), certs[2].cert.id()}));
+  EXPECT_EQ(ids(store.certificates()),
+            (std::vector<std::string>{certs[0].cert.id(), certs[2].cert.id()}));
   std::string all;
-  for (auto& w : warnings.seen) all += w + "\n";
+  for (auto& w : warnings.seen)
+    all += w + "\n";
   EXPECT_NE(all.find("notes.txt"), std::string::npos) << all;
   EXPECT_NE(all.find(middle), std::string::npos) << all;
   EXPECT_NE(all.find("../../etc/passwd"), std::string::npos) << all;
@@ -228,7 +239,9 @@ TEST(FileStore, ConcurrentWritersLoseNothing) {
   for (int p = 0; p < kProcs; ++p) {
     long last = -1;
     for (int i = 0; i < kEach; ++i) {
-      auto pos = std::find(listed.begin(), listed.end(), certs[static_cast<std::size_t>(p * kEach + i)].cert.id()) - listed.begin();
+      auto pos = std::find(listed.begin(), listed.end(),
+                           certs[static_cast<std::size_t>(p * kEach + i)].cert.id()) -
+                 listed.begin();
       EXPECT_GT(pos, last);
       last = pos;
     }
@@ -246,7 +259,8 @@ TEST(FileStore, AKilledWriterNeverLeavesAHalfEntry) {
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-      for (auto& c : certs) FileCertStore(path).add(c.cert, c.pkcs8());
+      for (auto& c : certs)
+        FileCertStore(path).add(c.cert, c.pkcs8());
       _exit(0);
     }
     usleep(std::uniform_int_distribution<useconds_t>(500, 15000)(rng));
@@ -258,7 +272,8 @@ TEST(FileStore, AKilledWriterNeverLeavesAHalfEntry) {
     auto listed = store.certificates();
     EXPECT_GE(listed.size(), added_before);
     added_before = listed.size();
-    for (auto& c : listed) EXPECT_TRUE(store.key_valid(c)) << c.id();
+    for (auto& c : listed)
+      EXPECT_TRUE(store.key_valid(c)) << c.id();
   }
   for (auto& w : warnings.seen) {
     EXPECT_EQ(w.find("unreadable"), std::string::npos) << w;
@@ -308,8 +323,8 @@ TEST(Pkcs12, LegacyEncryptedFilesImport) {
   auto tc = test::make_cert(CertSpec{});
   test::write_pem(tc.cert, dir / "c.pem");
   test::write_key_pem(tc.key, dir / "k.pem");
-  auto r = test::run({"openssl", "pkcs12", "-export", "-legacy", "-in", dir / "c.pem", "-inkey", dir / "k.pem",
-                      "-passout", "pass:old", "-out", dir / "legacy.pfx"});
+  auto r = test::run({"openssl", "pkcs12", "-export", "-legacy", "-in", dir / "c.pem", "-inkey",
+                      dir / "k.pem", "-passout", "pass:old", "-out", dir / "legacy.pfx"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   FileCertStore store(dir / "MY");
   EXPECT_EQ(import_pkcs12(store, test::read_bytes(dir / "legacy.pfx"), "old"), tc.cert);

@@ -19,8 +19,10 @@ TEST(NoneUi, EveryDialogEndsAsIfClosedWithoutAnAnswer) {
   NoneUi ui;
   testing::internal::CaptureStderr();
   EXPECT_EQ(ui.message_box(MessageKind::Error, MessageButtons::Ok, "boom"), ModalResult::Ok);
-  EXPECT_EQ(ui.message_box(MessageKind::Confirmation, MessageButtons::OkCancel, "sure?"), ModalResult::Cancel);
-  EXPECT_EQ(ui.message_box(MessageKind::Confirmation, MessageButtons::YesNo, "sure?"), ModalResult::No);
+  EXPECT_EQ(ui.message_box(MessageKind::Confirmation, MessageButtons::OkCancel, "sure?"),
+            ModalResult::Cancel);
+  EXPECT_EQ(ui.message_box(MessageKind::Confirmation, MessageButtons::YesNo, "sure?"),
+            ModalResult::No);
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_NE(err.find("boom"), std::string::npos);
 
@@ -41,7 +43,8 @@ TEST(ScriptedUi, AnswersInOrderAndRefusesUnexpectedQuestions) {
   ui.answer_password("pw", ModalResult::Ok);
   ui.answer_overwrite(3);
   EXPECT_EQ(ui.message_box(MessageKind::Information, MessageButtons::Ok, "info"), ModalResult::Ok);
-  EXPECT_EQ(ui.message_box(MessageKind::Confirmation, MessageButtons::OkCancel, "q"), ModalResult::Ok);
+  EXPECT_EQ(ui.message_box(MessageKind::Confirmation, MessageButtons::OkCancel, "q"),
+            ModalResult::Ok);
   TPasswordRequestForm pw;
   EXPECT_EQ(ui.password(pw), ModalResult::Ok);
   EXPECT_EQ(pw.edtPassword, "pw");
@@ -49,7 +52,8 @@ TEST(ScriptedUi, AnswersInOrderAndRefusesUnexpectedQuestions) {
   ui.overwrite_choice(ow);
   EXPECT_EQ(ow.ItemIndex, 3);
   EXPECT_TRUE(ui.all_answers_used());
-  EXPECT_THROW(ui.message_box(MessageKind::Confirmation, MessageButtons::YesNo, "unexpected"), std::logic_error);
+  EXPECT_THROW(ui.message_box(MessageKind::Confirmation, MessageButtons::YesNo, "unexpected"),
+               std::logic_error);
   ASSERT_EQ(ui.messages().size(), 3u);
   EXPECT_EQ(ui.messages()[2].text, "unexpected");
 }
@@ -91,7 +95,9 @@ class PtyTerminal : public ::testing::Test {
     ::close(master_);
     ::close(slave_);
   }
-  void type(const std::string& s) { ASSERT_EQ(::write(master_, s.data(), s.size()), static_cast<ssize_t>(s.size())); }
+  void type(const std::string& s) {
+    ASSERT_EQ(::write(master_, s.data(), s.size()), static_cast<ssize_t>(s.size()));
+  }
   // Everything the terminal displayed so far (waits briefly for output to settle).
   std::string screen() {
     std::string out;
@@ -113,7 +119,8 @@ TEST_F(PtyTerminal, PasswordIsReadWithoutEcho) {
   ModalResult result = ModalResult::None;
   std::thread t([&] { result = ui.password(form); });
   std::string prompt;
-  for (int i = 0; i < 20 && prompt.find("Inserire la Password:") == std::string::npos; ++i) prompt += screen();
+  for (int i = 0; i < 20 && prompt.find("Inserire la Password:") == std::string::npos; ++i)
+    prompt += screen();
   type("hunter2 secret\n");
   t.join();
   std::string shown = prompt + screen();
