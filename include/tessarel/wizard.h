@@ -1,0 +1,166 @@
+// The certificate generation wizard: three pages that collect the subject and the validity
+// period of a new self-signed certificate, then generate it on a worker thread and put it,
+// with its private key, into the personal store. Toolkit-independent model; a front end
+// draws it (see Ui::certificate_wizard).
+//
+// A front end's part: draw the current page() with its fields and buttons (enabled or not),
+// pass the user's actions to the btn*Click() methods and the field setters, and, while the
+// wizard is open, call ProcessMessages() regularly: it runs the progress timer and the
+// generation's completion on the calling thread. The wizard is over when modal_result() is
+// no longer ModalResult::None.
+#ifndef TESSAREL_WIZARD_H
+#define TESSAREL_WIZARD_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tessarel/dialogs.h"
+#include "tessarel/export.h"
+#include "tessarel/store.h"
+#include "tessarel/types.h"
+
+namespace tessarel {
+
+class TESSAREL_API TfrmGenerateCert {
+ public:
+  enum class Page { tsEnterFields, tsSpecifyPeriod, tsGenerate };
+
+  static constexpr const char* kCaption = "Certificate generation";
+  static constexpr const char* kHintEnterFields = "Soggetto del nuovo certificato";
+  static constexpr const char* kHintSpecifyPeriod = "Specify certificate validity period";
+  static constexpr const char* kHintGenerate =
+      "Certificate generation\r\nPlease be patient while certifcate are generating";
+  static constexpr const char* kHeadingFields =
+      "Specificare i valori dei campi Soggetto del nuovo certificato :";
+  static constexpr const char* kGroupSubject = "Parametri Soggetto";
+  static constexpr const char* kLabelCommonName = "Nome certificato:";
+  static constexpr const char* kLabelLocality = "Città: ";
+  static constexpr const char* kLabelState = "Provincia:";
+  static constexpr const char* kLabelCountry = "Nazione:";
+  static constexpr const char* kLabelOrganization = "Nome Organizzazione:";
+  static constexpr const char* kLabelEmail = "Email:";
+  static constexpr const char* kHeadingPeriod = "Specificare il periodo di validtà";
+  static constexpr const char* kGroupPeriod = "Validity period:";
+  static constexpr const char* kLabelFrom = "Dal:";
+  static constexpr const char* kLabelTo = "Al:";
+  static constexpr const char* kGenerateText =
+      "The certificate will be generated now. This process can take long time, depending on the "
+      "key length.";
+  static constexpr const char* kGenerateButton = "Genera";
+  static constexpr const char* kGenerateNote =
+      "Nella richiesta successiva lasciare il livello di sicurezza Medio, che non richiede l'uso "
+      "di password ad ogni operazione di firma.\r\n\r\nSe invece su vuole utilizzare per ogni uso "
+      "del certificato una password utilizzare il livello di sicurezza alto.";
+  static constexpr const char* kBack = "< &Indietro";
+  static constexpr const char* kNext = "&Avanti>";
+  static constexpr const char* kCancel = "Annulla";
+  static constexpr const char* kMissingFields = "Compilare tutti i campi con l'asterisco.";
+  static constexpr const char* kConfirmCancel = "Sei sicuro di voler annullare l'operazione?";
+  static constexpr const char* kPeriodReversed =
+      "La data di fine validità (Al) precede quella di inizio (Dal).";
+
+  // Date pickers accept 31 December 1999 to 31 December 2100.
+  static const DateTime kMinDate;
+  static const DateTime kMaxDate;
+  // Upper bounds of the subject fields (X.520 / PKCS#9), in characters.
+  static constexpr std::size_t kMaxCommonName = 64, kMaxLocality = 128, kMaxState = 128,
+                               kMaxOrganization = 64, kMaxEmail = 255;
+  // The wizard's fixed key settings.
+  static constexpr int kKeyBits = 1024;
+
+  // Created with today's date and 48 months, "Italia" selected, on the personal store.
+  TfrmGenerateCert();
+  explicit TfrmGenerateCert(std::shared_ptr<CertStore> store);
+  // Stops a generation still running and waits for its thread: nothing is left behind.
+  ~TfrmGenerateCert();
+  TfrmGenerateCert(const TfrmGenerateCert&) = delete;
+  TfrmGenerateCert& operator=(const TfrmGenerateCert&) = delete;
+
+  // The class-level entry: runs the wizard modally through the installed Ui; returns the new
+  // certificate's display name, or "" when nothing was generated.
+  static std::string DoCreateCertificate();
+
+  // Subject fields (UTF-8).
+  std::string edtCommonName, edtLocality, edtState, edtOrganization, EdtEmail;
+  // The country drop-down: its entries and the selected index (-1 for none).
+  std::vector<std::string> cbCountryItems;
+  int cbCountryIndex = -1;
+  // Selects a country by its displayed name; false (and nothing changes) when it is not listed.
+  bool select_country(const std::string& name);
+  std::string country_text() const;
+  // Validity period (dates; the time part is ignored). Clamped to the pickers' range.
+  void set_dtpFrom(DateTime d);
+  void set_dtpTo(DateTime d);
+  DateTime dtpFrom() const { return dtp_from_; }
+  DateTime dtpTo() const { return dtp_to_; }
+
+  Page page() const { return page_; }
+  const std::string& lblInfo() const { return lbl_info_; }
+  const std::string& lbGenerate() const { return lb_generate_; }
+  bool BackEnabled() const { return back_enabled_; }
+  bool NextEnabled() const { return next_enabled_; }
+  bool CancelEnabled() const { return cancel_enabled_; }
+  bool GenerateEnabled() const { return generate_enabled_; }
+  bool Generating() const;
+  bool ProgressVisible() const { return progress_visible_; }
+  int ProgressPosition() const { return progress_position_; }
+  bool Busy() const { return busy_; }
+
+  void btnBackClick() {}  // Back stays disabled on every page
+  void btnNextClick();
+  void btnCancelClick();
+  void btnGenerateClick();
+  // The window's close box: ends the wizard like Cancel, without the question; a running
+  // generation is stopped and its result discarded.
+  void close_box();
+  // The page control reported a change of page (only a toolkit that shows tabs does that).
+  void pcMainChange();
+
+  // Runs, on the calling thread, what is due: progress ticks every 200 ms and the
+  // generation's completion. Waits at most max_wait for something to happen.
+  void ProcessMessages(std::chrono::milliseconds max_wait = std::chrono::milliseconds(0));
+
+  ModalResult modal_result() const { return modal_result_; }
+  // Display name of the stored certificate: common names joined by " / ", else the
+  // organizations, else the e-mail addresses. Empty unless a certificate was stored.
+  const std::string& cert_commonName() const { return cert_common_name_; }
+  // The certificate stored by the wizard, when one was.
+  const Bytes& generated_certificate() const { return generated_der_; }
+
+  // Test hook: called on the worker thread before the key is generated (for example to
+  // slow a generation down so that progress and cancellation can be observed).
+  void set_before_generation(std::function<void()> hook);
+  // The key length used by Genera (the wizard's is 1024; tests may raise it).
+  void set_key_bits(int bits) { key_bits_ = bits; }
+
+  struct Impl;
+
+ private:
+  bool SubjectValid();
+  void StartGeneration();
+  void StopProgress();
+  void OnGenerationDone();
+  void FinishClosed(ModalResult r);
+
+  std::shared_ptr<CertStore> store_;
+  Page page_ = Page::tsEnterFields;
+  std::string lbl_info_;
+  std::string lb_generate_;
+  DateTime dtp_from_ = 0, dtp_to_ = 0;
+  bool back_enabled_ = false, next_enabled_ = true, cancel_enabled_ = true, generate_enabled_ = true;
+  bool progress_visible_ = false;
+  int progress_position_ = 0;
+  bool busy_ = false;
+  int key_bits_ = kKeyBits;
+  ModalResult modal_result_ = ModalResult::None;
+  std::string cert_common_name_;
+  Bytes generated_der_;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tessarel
+
+#endif

@@ -1,0 +1,100 @@
+#include "archive/archive_paths.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
+
+#include "platform/runtime/datetime.h"
+#include "platform/runtime/strings.h"
+#include "tessarel/errors.h"
+
+namespace tessarel {
+
+namespace {
+
+bool name_start(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || c >= 0x80;
+}
+bool name_char(unsigned char c) {
+  return name_start(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
+
+std::vector<std::string> split_components(const std::string& s, char sep) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (true) {
+    std::size_t pos = s.find(sep, start);
+    parts.push_back(s.substr(start, pos == std::string::npos ? std::string::npos : pos - start));
+    if (pos == std::string::npos) break;
+    start = pos + 1;
+  }
+  return parts;
+}
+
+}  // namespace
+
+bool IsXmlName(const std::string& name) {
+  if (name.empty() || !name_start(static_cast<unsigned char>(name[0]))) return false;
+  for (unsigned char c : name)
+    if (!name_char(c)) return false;
+  return true;
+}
+
+void CheckTipo(const std::string& tipo) {
+  if (tipo.empty()) throw Exception("Tipo di documento vuoto");
+  if (tipo.find('\0') != std::string::npos)
+    throw Exception("Tipo di documento non valido (carattere NUL)");
+  if (tipo == "." || tipo == ".." || tipo.find('/') != std::string::npos ||
+      tipo.find('\\') != std::string::npos)
+    throw Exception("Tipo di documento non valido: \"" + tipo +
+                    "\" deve essere un solo nome di cartella");
+  if (!IsXmlName(tipo))
+    throw Exception("Tipo di documento non valido: \"" + tipo + "\" non è un nome di elemento XML");
+}
+
+std::string RelativeFolder(const std::string& tipo, DateTime data) {
+  CivilTime c = DecodeDateTime(data);
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%04d\\%.2d\\", c.year, c.month);
+  return tipo + "\\" + buf;
+}
+
+std::string LinkToPath(const std::string& archive_dir, const std::string& link) {
+  if (link.empty()) throw Exception("Collegamento vuoto nel record dell'indice");
+  if (link.find('\0') != std::string::npos)
+    throw Exception("Collegamento non valido (carattere NUL): " + link);
+  if (link[0] == '\\' || link[0] == '/' || (link.size() > 1 && link[1] == ':'))
+    throw Exception("Collegamento assoluto non ammesso nell'archivio: " + link);
+  std::string path = archive_dir;
+  if (!path.empty() && path.back() != '/') path += '/';
+  auto parts = split_components(link, '\\');
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    const std::string& p = parts[i];
+    if (p.empty() || p == "." || p == ".." || p.find('/') != std::string::npos)
+      throw Exception("Collegamento che esce dall'archivio o non valido: " + link);
+    path += p;
+    if (i + 1 < parts.size()) path += '/';
+  }
+  return path;
+}
+
+void CheckInsideArchive(const std::string& archive_dir, const std::string& path) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::path root = fs::weakly_canonical(fs::path(archive_dir), ec);
+  if (ec) throw Exception("Impossibile accedere alla cartella: " + archive_dir);
+  // weakly_canonical resolves the symbolic links of every existing component.
+  fs::path target = fs::weakly_canonical(fs::path(path), ec);
+  if (ec) throw Exception("Percorso non valido: " + path);
+  auto r = root.begin(), t = target.begin();
+  for (; r != root.end(); ++r, ++t) {
+    if (r->empty()) continue;
+    if (t == target.end() || *r != *t)
+      throw Exception("Il percorso " + path + " è fuori dalla cartella dell'archivio " +
+                      archive_dir);
+  }
+}
+
+}  // namespace tessarel
