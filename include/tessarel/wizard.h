@@ -150,7 +150,8 @@ class TESSAREL_API TfrmGenerateCert {
   std::string lbl_info_;
   std::string lb_generate_;
   DateTime dtp_from_ = 0, dtp_to_ = 0;
-  bool back_enabled_ = false, next_enabled_ = true, cancel_enabled_ = true, generate_enabled_ = true;
+  bool back_enabled_ = false, next_enabled_ = true, cancel_enabled_ = true,
+       generate_enabled_ = true;
   bool progress_visible_ = false;
   int progress_position_ = 0;
   bool busy_ = false;

@@ -1,0 +1,365 @@
+#include "certgen/x509_certificate_ex.h"
+
+#include <openssl/core_names.h>
+
+#include <algorithm>
+
+#include "platform/asn1/der.h"
+#include "platform/crypto/digest.h"
+#include "platform/crypto/keygen.h"
+#include "tessarel/errors.h"
+
+namespace tessarel {
+
+namespace {
+
+constexpr const char* kSubjectKeyIdentifier = "2.5.29.14";
+constexpr const char* kAuthorityKeyIdentifier = "2.5.29.35";
+
+[[noreturn]] void cert_error(int code, const std::string& message) {
+  throw EElCertificateError(code, message);
+}
+
+bool is_rsa_signature(CertAlgorithm a) {
+  switch (a) {
+    case CertAlgorithm::Md2WithRsa:
+    case CertAlgorithm::Md5WithRsa:
+    case CertAlgorithm::Sha1WithRsa:
+    case CertAlgorithm::Sha224WithRsa:
+    case CertAlgorithm::Sha256WithRsa:
+    case CertAlgorithm::Sha384WithRsa:
+    case CertAlgorithm::Sha512WithRsa:
+    case CertAlgorithm::Ripemd160WithRsa:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool is_ecdsa_signature(CertAlgorithm a) {
+  return a == CertAlgorithm::EcdsaWithSha1 || a == CertAlgorithm::EcdsaWithSha224 ||
+         a == CertAlgorithm::EcdsaWithSha256 || a == CertAlgorithm::EcdsaWithSha384 ||
+         a == CertAlgorithm::EcdsaWithSha512;
+}
+
+bool same_pss(const crypto::PssParams& a, const crypto::PssParams& b) {
+  return a.hash == b.hash && a.mgf1_hash == b.mgf1_hash && a.salt_length == b.salt_length &&
+         a.trailer_field == b.trailer_field;
+}
+
+// Whether a key of the signing-key algorithm can make the signature algorithm.
+void check_pairing(const TElAlgorithmIdentifier& key, const TElAlgorithmIdentifier& sig) {
+  CertAlgorithm k = key.algorithm(), s = sig.algorithm();
+  bool ok = false;
+  switch (k) {
+    case CertAlgorithm::Rsa:
+      ok = is_rsa_signature(s) || s == CertAlgorithm::RsaPss || s == CertAlgorithm::RsaOaep;
+      break;
+    case CertAlgorithm::RsaPss:
+      ok = s == CertAlgorithm::RsaPss && same_pss(key.pss, sig.pss);
+      break;
+    case CertAlgorithm::RsaOaep:
+      ok = s == CertAlgorithm::RsaOaep && same_pss(key.pss, sig.pss);
+      break;
+    case CertAlgorithm::Dsa:
+      ok = s == CertAlgorithm::DsaWithSha1;
+      break;
+    case CertAlgorithm::Ec:
+      ok = is_ecdsa_signature(s);
+      break;
+    case CertAlgorithm::Gost94:
+      ok = s == CertAlgorithm::Gost3411With3410_94;
+      break;
+    case CertAlgorithm::Gost2001:
+      ok = s == CertAlgorithm::Gost3411With3410_2001;
+      break;
+    default:
+      break;
+  }
+  if (!ok)
+    cert_error(kCertErrorCannotPair,
+               "A " + AlgorithmName(k) + " key cannot make a " + AlgorithmName(s) + " signature");
+}
+
+const char* gost_key_type(CertAlgorithm a) {
+  return a == CertAlgorithm::Gost94 ? "gost94" : "gost2001";
+}
+
+crypto::PrivateKey generate_key(TElAlgorithmIdentifier& alg, int bits,
+                                const std::atomic<bool>* cancel) {
+  switch (alg.algorithm()) {
+    case CertAlgorithm::Rsa:
+    case CertAlgorithm::RsaOaep:
+      return crypto::generate_rsa(bits, cancel);
+    case CertAlgorithm::RsaPss:
+      return crypto::generate_rsa_pss(bits, alg.pss, cancel);
+    case CertAlgorithm::Dsa:
+      return crypto::generate_dsa(bits, cancel);
+    case CertAlgorithm::Ec: {
+      if (alg.curve_oid.empty()) alg.curve_oid = CurveOidForBits(bits);
+      std::string group = CurveGroupName(alg.curve_oid);
+      if (group.empty())
+        cert_error(kCertErrorUnsupported, "Unsupported elliptic curve " + alg.curve_oid);
+      return crypto::generate_ec(group, cancel);
+    }
+    case CertAlgorithm::Gost94:
+    case CertAlgorithm::Gost2001:
+      if (!crypto::key_type_available(gost_key_type(alg.algorithm())))
+        cert_error(kCertErrorUnsupported, AlgorithmName(alg.algorithm()) +
+                                              " keys are not supported by the installed OpenSSL");
+      cert_error(kCertErrorUnsupported, AlgorithmName(alg.algorithm()) + " keys are not supported");
+    default:
+      cert_error(kCertErrorUnsupported, AlgorithmName(alg.algorithm()) + " keys are not supported");
+  }
+}
+
+// The BIT STRING contents of SubjectPublicKeyInfo for the identifier's kind; empty when
+// key and identifier are of different kinds.
+Bytes public_key_bits(const TElAlgorithmIdentifier& alg, const crypto::PrivateKey& key) {
+  KeyKind kind = key.kind();
+  switch (alg.algorithm()) {
+    case CertAlgorithm::Rsa:
+    case CertAlgorithm::RsaPss:
+    case CertAlgorithm::RsaOaep:
+      if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss) return {};
+      return crypto::rsa_public_key_pkcs1(key);
+    case CertAlgorithm::Dsa:
+    case CertAlgorithm::Dh:
+      if (kind != KeyKind::Dsa) return {};
+      return asn1::tlv(asn1::kInteger,
+                       asn1::unsigned_integer_content(crypto::bn_of(key, OSSL_PKEY_PARAM_PUB_KEY)));
+    case CertAlgorithm::Ec:
+      if (kind != KeyKind::Ec) return {};
+      return crypto::ec_public_point(key);
+    default:
+      return {};
+  }
+}
+
+Bytes encode_validity(std::chrono::sys_seconds from, std::chrono::sys_seconds to) {
+  using namespace std::chrono;
+  const sys_seconds y2050 = sys_days{year{2050} / 1 / 1};
+  asn1::DerWriter w;
+  w.begin(asn1::kSequence);
+  for (auto t : {from, to}) {
+    if (t >= y2050)
+      w.generalized_time(t);
+    else
+      w.utc_time(t);
+  }
+  w.end();
+  return w.finish();
+}
+
+Bytes encode_extensions(const std::vector<CertExtension>& extensions) {
+  asn1::DerWriter w;
+  w.begin(asn1::context_constructed(3)).begin(asn1::kSequence);
+  for (const auto& e : extensions) {
+    w.begin(asn1::kSequence).oid(e.oid);
+    if (e.critical) w.boolean(true);
+    w.octet_string(e.value).end();
+  }
+  w.end().end();
+  return w.finish();
+}
+
+Bytes sign_tbs(const TElAlgorithmIdentifier& sig, const crypto::PrivateKey& key, const Bytes& tbs) {
+  CertAlgorithm s = sig.algorithm();
+  if (s == CertAlgorithm::Md2WithRsa)
+    cert_error(kCertErrorUnsupported, "MD2 is not available for signing in the installed OpenSSL");
+  if (is_rsa_signature(s) || s == CertAlgorithm::DsaWithSha1 || is_ecdsa_signature(s))
+    return crypto::sign_message(key, sig.hash(), tbs);
+  if (s == CertAlgorithm::RsaPss) return crypto::sign_message(key, sig.pss.hash, tbs, &sig.pss);
+  cert_error(kCertErrorUnsupported, "No signer for " + AlgorithmName(s));
+}
+
+TElAlgorithmIdentifier identifier_of_key(const crypto::PrivateKey& key) {
+  switch (key.kind()) {
+    case KeyKind::Rsa:
+      return TElAlgorithmIdentifier::CreateByAlgorithm(CertAlgorithm::Rsa);
+    case KeyKind::RsaPss:
+      return TElAlgorithmIdentifier::CreateByAlgorithm(CertAlgorithm::RsaPss);
+    case KeyKind::Dsa:
+      return TElAlgorithmIdentifier::CreateByAlgorithm(CertAlgorithm::Dsa);
+    case KeyKind::Ec: {
+      auto id = TElAlgorithmIdentifier::CreateByAlgorithm(CertAlgorithm::Ec);
+      std::string group = crypto::ec_curve_name(key);
+      for (const char* oid : {"1.2.840.10045.3.1.1", "1.3.132.0.33", "1.2.840.10045.3.1.7",
+                              "1.3.132.0.34", "1.3.132.0.35"})
+        if (CurveGroupName(oid) == group) id.curve_oid = oid;
+      return id;
+    }
+    default:
+      cert_error(kCertErrorUnsupported, "Unsupported key kind for certificate generation");
+  }
+}
+
+}  // namespace
+
+Bytes TElRelativeDistinguishedName::Encode(bool utf8_strings) const {
+  asn1::DerWriter w;
+  w.begin(asn1::kSequence);
+  for (const auto& a : attributes) {
+    std::uint8_t tag = static_cast<std::uint8_t>(a.tag);
+    if (a.tag == 0) {
+      if (a.oid == oid::kEmailAddress)
+        tag = asn1::kIa5String;
+      else
+        tag = utf8_strings ? asn1::kUtf8String : asn1::kPrintableString;
+    }
+    w.begin(asn1::kSet).begin(asn1::kSequence).oid(a.oid).primitive(tag, a.value).end().end();
+  }
+  w.end();
+  return w.finish();
+}
+
+TElX509CertificateEx::TElX509CertificateEx(const Certificate& cert,
+                                           std::optional<crypto::PrivateKey> key)
+    : cert_(cert), key_(std::move(key)) {
+  Bytes spki = cert.public_key_der();
+  asn1::Tlv outer = asn1::read_tlv(spki.data(), spki.size());
+  asn1::Tlv alg = asn1::read_tlv(outer.content, outer.length);
+  asn1::Tlv bits = asn1::read_tlv(alg.content + alg.length, outer.length - alg.total());
+  Bytes key_bits(bits.content + 1, bits.content + bits.length);
+  key_identifier_ = crypto::sha1(key_bits);
+  if (key_) public_key_algorithm_ = identifier_of_key(*key_);
+}
+
+const Certificate& TElX509CertificateEx::certificate() const {
+  if (!cert_) throw Exception("No certificate has been generated");
+  return *cert_;
+}
+
+const crypto::PrivateKey& TElX509CertificateEx::private_key() const {
+  if (!key_) throw Exception("The certificate has no private key");
+  return *key_;
+}
+
+TElAlgorithmIdentifier TElX509CertificateEx::PublicKeyAlgorithm() const {
+  if (public_key_algorithm_) return *public_key_algorithm_;
+  if (key_) return identifier_of_key(*key_);
+  cert_error(kCertErrorUnsupported, "The certificate's key algorithm is not known");
+}
+
+void TElX509CertificateEx::Generate(const TElAlgorithmIdentifier& public_key_algorithm,
+                                    const TElAlgorithmIdentifier& signature_algorithm, int bits,
+                                    const std::atomic<bool>* cancel) {
+  DoGenerate(nullptr, public_key_algorithm, signature_algorithm, bits, cancel);
+}
+
+void TElX509CertificateEx::Generate(const TElX509CertificateEx& issuer,
+                                    const TElAlgorithmIdentifier& public_key_algorithm,
+                                    const TElAlgorithmIdentifier& signature_algorithm, int bits,
+                                    const std::atomic<bool>* cancel) {
+  if (!issuer.HasPrivateKey())
+    cert_error(kCertErrorNoIssuerKey, "The issuing certificate has no private key");
+  DoGenerate(&issuer, public_key_algorithm, signature_algorithm, bits, cancel);
+}
+
+void TElX509CertificateEx::DoGenerate(const TElX509CertificateEx* issuer,
+                                      TElAlgorithmIdentifier pub, const TElAlgorithmIdentifier& sig,
+                                      int bits, const std::atomic<bool>* cancel) {
+  struct Mark {
+    bool& flag;
+    explicit Mark(bool& f) : flag(f) { flag = true; }
+    ~Mark() { flag = false; }
+  } mark(FGenerate);
+
+  // The signing key is the issuer's when there is one.
+  TElAlgorithmIdentifier signing = issuer ? issuer->PublicKeyAlgorithm() : pub;
+  check_pairing(signing, sig);
+  if (!sig.is_signature() && sig.algorithm() != CertAlgorithm::RsaPss &&
+      sig.algorithm() != CertAlgorithm::RsaOaep)
+    cert_error(kCertErrorCannotPair,
+               AlgorithmName(sig.algorithm()) + " is not a signature algorithm");
+
+  crypto::PrivateKey key = [&] {
+    if (!FPreserveKeyMaterial) return generate_key(pub, bits, cancel);
+    if (!key_) cert_error(kCertErrorNoKeyToPreserve, "There is no private key to keep");
+    return crypto::PrivateKey::from_pkcs8_der(key_->to_pkcs8_der());
+  }();
+  // A kept EC key names its own curve.
+  if (pub.algorithm() == CertAlgorithm::Ec && pub.curve_oid.empty() && key.kind() == KeyKind::Ec)
+    pub.curve_oid = identifier_of_key(key).curve_oid;
+  // Key and identifier agree on the DSA domain parameters.
+  if (pub.algorithm() == CertAlgorithm::Dsa) {
+    pub.dsa_p = crypto::bn_of(key, OSSL_PKEY_PARAM_FFC_P);
+    pub.dsa_q = crypto::bn_of(key, OSSL_PKEY_PARAM_FFC_Q);
+    pub.dsa_g = crypto::bn_of(key, OSSL_PKEY_PARAM_FFC_G);
+  }
+  const crypto::PrivateKey& signing_key = issuer ? issuer->private_key() : key;
+
+  Bytes key_bits = public_key_bits(pub, key);
+  Bytes own_key_id = crypto::sha1(key_bits);
+  std::vector<CertExtension> extensions = Extensions;
+  for (auto& e : extensions) {
+    if (!e.value.empty()) continue;
+    if (e.oid == kSubjectKeyIdentifier) e.value = asn1::tlv(asn1::kOctetString, own_key_id);
+    if (e.oid == kAuthorityKeyIdentifier)
+      e.value =
+          asn1::tlv(asn1::kSequence,
+                    asn1::tlv(asn1::context(0), issuer ? issuer->KeyIdentifier() : own_key_id));
+  }
+
+  int version = Version == 0 ? 1 : Version;
+  if (!extensions.empty() && version < 3) version = 3;
+  version = std::min(version, 4);
+
+  Bytes serial = SerialNumber;
+  if (serial.empty()) {
+    serial = crypto::random_bytes(16);
+    serial[0] = static_cast<std::uint8_t>((serial[0] & 0x7F) | 0x01);
+  }
+
+  TElRelativeDistinguishedName issuer_name = IssuerRDN;
+  if (issuer && issuer_name.attributes.empty()) {
+    for (const auto& a : issuer->certificate().subject())
+      issuer_name.attributes.push_back({a.oid, a.tag, a.value});
+  }
+
+  Bytes sig_alg = sig.WriteToDER();
+  asn1::DerWriter tbs;
+  tbs.begin(asn1::kSequence);
+  tbs.begin(asn1::context_constructed(0)).integer(static_cast<std::uint64_t>(version - 1)).end();
+  tbs.integer_bytes(serial);
+  tbs.raw(sig_alg);
+  tbs.raw(issuer_name.Encode(UseUTF8Strings));
+  tbs.raw(encode_validity(ValidFrom, ValidTo));
+  tbs.raw(SubjectRDN.Encode(UseUTF8Strings));
+  tbs.begin(asn1::kSequence).raw(pub.WriteToDER()).bit_string(key_bits).end();
+  if (!extensions.empty()) tbs.raw(encode_extensions(extensions));
+  tbs.end();
+  Bytes tbs_der = tbs.finish();
+
+  Bytes signature = sign_tbs(sig, signing_key, tbs_der);
+  asn1::DerWriter cert;
+  cert.begin(asn1::kSequence).raw(tbs_der).raw(sig_alg).bit_string(signature).end();
+  Bytes der = cert.finish();
+
+  Bytes key_der = key.to_pkcs8_der();
+  std::size_t key_size = key_der.size();
+  wipe(key_der);
+  if (der.size() > kBufferSize || key_size > kBufferSize)
+    cert_error(kCertErrorTooLarge,
+               "The certificate or its key does not fit " + std::to_string(kBufferSize) + " bytes");
+
+  cert_ = Certificate::from_der(der);
+  key_ = std::move(key);
+  public_key_algorithm_ = pub;
+  key_identifier_ = FAltKeyID.empty() ? own_key_id : FAltKeyID;
+}
+
+Bytes NewSerialNumber(CertStore& store) {
+  std::vector<Certificate> existing = store.certificates();
+  while (true) {
+    Bytes serial = crypto::random_bytes(16);
+    serial[0] &= 0x7F;
+    // A zero first byte would make the INTEGER encoding non-minimal.
+    if (serial[0] == 0) continue;
+    bool used = std::any_of(existing.begin(), existing.end(),
+                            [&](const Certificate& c) { return c.serial() == serial; });
+    if (!used) return serial;
+  }
+}
+
+}  // namespace tessarel
