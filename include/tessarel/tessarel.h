@@ -10,6 +10,7 @@
 #include "tessarel/export.h"
 #include "tessarel/exports.h"
 #include "tessarel/picker.h"
+#include "tessarel/wizard.h"
 #include "tessarel/sign_e_archivia.h"
 #include "tessarel/store.h"
 #include "tessarel/types.h"

@@ -130,9 +130,13 @@ class TESSAREL_API TfrmGenerateCert {
   // The certificate stored by the wizard, when one was.
   const Bytes& generated_certificate() const { return generated_der_; }
 
+  // Called on the dialog's thread at every progress tick, with the new position.
+  std::function<void(int)> OnProgress;
   // Test hook: called on the worker thread before the key is generated (for example to
   // slow a generation down so that progress and cancellation can be observed).
   void set_before_generation(std::function<void()> hook);
+  // The generation's worker thread is running.
+  bool worker_running() const;
   // The key length used by Genera (the wizard's is 1024; tests may raise it).
   void set_key_bits(int bits) { key_bits_ = bits; }
 

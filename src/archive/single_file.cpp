@@ -1,6 +1,7 @@
 // Operations on single files that need no open archive: signing, content extraction,
 // verification report, certificate wizard.
 #include "archive/sign_e_archivia.h"
+#include "tessarel/wizard.h"
 
 namespace tessarel {
 
@@ -16,8 +17,6 @@ void TSignEArchivia::VerificaFirma(const std::string&) {
   NotAvailableYet("VerificaFirma");
 }
 
-std::string TSignEArchivia::GeneraCertificato() {
-  NotAvailableYet("GeneraCertificato");
-}
+std::string TSignEArchivia::GeneraCertificato() { return TfrmGenerateCert::DoCreateCertificate(); }
 
 }  // namespace tessarel

@@ -6,12 +6,33 @@ namespace tessarel::cli {
 namespace {
 
 struct NewArgs {
+  bool interactive = false;
   NewCertificateOptions o;
   std::string key = "rsa";
   std::string digest = "sha256";
 };
 
+void run_wizard() {
+  if (std::string(currentUi().name()) == "none") {
+    error("the certificate wizard needs a terminal (stdin is not one, or --ui none was given)");
+    return;
+  }
+  TfrmGenerateCert wizard(personal_store());
+  currentUi().certificate_wizard(wizard);
+  if (wizard.generated_certificate().empty()) {
+    error("no certificate generated");
+    return;
+  }
+  Certificate c = Certificate::from_der(wizard.generated_certificate());
+  std::printf("%s\n", c.id().c_str());
+  info("added \"" + wizard.cert_commonName() + "\" to " + personal_store()->location());
+}
+
 void run(NewArgs& a) {
+  if (a.interactive) {
+    run_wizard();
+    return;
+  }
   a.o.key = a.key == "ec"        ? KeyKind::Ec
             : a.key == "dsa"     ? KeyKind::Dsa
             : a.key == "rsa-pss" ? KeyKind::RsaPss
@@ -31,7 +52,10 @@ CommandRegistration reg(21, [](CLI::App& app) {
   auto* cert = app.get_subcommand("cert");
   auto* cmd = cert->add_subcommand(
       "new", "Generate a key pair and a self-signed certificate into the store");
-  cmd->add_option("--cn", args.o.common_name, "Common name (the holder's name)")->required();
+  cmd->add_flag("--interactive", args.interactive,
+                "Run the certificate wizard on the terminal instead");
+  cmd->add_option("--cn", args.o.common_name,
+                  "Common name (the holder's name); required without --interactive");
   cmd->add_option("--org", args.o.organization, "Organization");
   cmd->add_option("--ou", args.o.organizational_unit, "Organizational unit");
   cmd->add_option("--country", args.o.country, "Country, two upper-case letters (IT, DE, ...)");
@@ -46,6 +70,7 @@ CommandRegistration reg(21, [](CLI::App& app) {
   cmd->add_option("--days", args.o.days, "Validity in days (default 48 months)");
   // Bad option values are usage errors, found before any key is generated.
   cmd->callback([] {
+    if (args.interactive) return;
     NewCertificateOptions o = args.o;
     o.key = args.key == "ec" ? KeyKind::Ec : args.key == "dsa" ? KeyKind::Dsa : KeyKind::Rsa;
     std::string problem = CheckNewCertificateOptions(o);

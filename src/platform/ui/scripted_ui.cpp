@@ -2,6 +2,7 @@
 
 #include "tessarel/picker.h"
 #include "tessarel/types.h"
+#include "tessarel/wizard.h"
 
 namespace tessarel {
 
@@ -94,6 +95,8 @@ void ScriptedUi::certificate_wizard(TfrmGenerateCert& wizard) {
   auto action = std::move(wizards_.front());
   wizards_.pop_front();
   action(wizard);
+  // A wizard the script left open is closed with its close box.
+  if (wizard.modal_result() == ModalResult::None) wizard.close_box();
 }
 
 std::vector<ScriptedUi::Shown> ScriptedUi::messages() const {

@@ -1,6 +1,7 @@
 #include "platform/ui/terminal_ui.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -10,11 +11,13 @@
 #include <csignal>
 #include <cstdio>
 
+#include "platform/runtime/datetime.h"
 #include "platform/runtime/strings.h"
 #include "platform/ui/none_ui.h"
 #include "tessarel/errors.h"
 #include "tessarel/picker.h"
 #include "tessarel/types.h"
+#include "tessarel/wizard.h"
 
 namespace tessarel {
 
@@ -275,7 +278,122 @@ ModalResult TerminalUi::certificate_picker(TfrmSelWinCert& picker) {
   return picker.modal_result();
 }
 
-void TerminalUi::certificate_wizard(TfrmGenerateCert&) {}
+namespace {
+std::optional<DateTime> parse_date(const std::string& text) {
+  int d = 0, m = 0, y = 0;
+  char tail = 0;
+  if (std::sscanf(text.c_str(), "%d/%d/%d%c", &d, &m, &y, &tail) != 3) return std::nullopt;
+  try {
+    return EncodeDateTime({y, m, d});
+  } catch (const Exception&) {
+    return std::nullopt;
+  }
+}
+}  // namespace
+
+void TerminalUi::certificate_wizard(TfrmGenerateCert& w) {
+  using W = TfrmGenerateCert;
+  // Asks one field; an empty answer keeps its value. false at end of input.
+  auto ask = [&](const std::string& label, std::string& field) {
+    write(label + " [" + field + "]: ");
+    auto line = read_line();
+    if (!line) return false;
+    if (!line->empty()) field = *line;
+    return true;
+  };
+  // Back stays disabled on every page: Next or Cancel. false at end of input.
+  auto navigate = [&](bool next_enabled) {
+    write(next_enabled ? "[a] " + std::string(W::kNext) + "   [n] " + W::kCancel + ": "
+                       : "[n] " + std::string(W::kCancel) + ": ");
+    auto line = read_line();
+    if (!line) return false;
+    std::string a = lower_ascii(trim(*line));
+    if (next_enabled && (a.empty() || a == "a"))
+      w.btnNextClick();
+    else if (a == "n")
+      w.btnCancelClick();
+    return true;
+  };
+  while (w.modal_result() == ModalResult::None) {
+    write(std::string("\n== ") + W::kCaption + " ==\n" + w.lblInfo() + "\n\n");
+    bool ok = true;
+    switch (w.page()) {
+      case W::Page::tsEnterFields: {
+        write(std::string(W::kHeadingFields) + "\n" + W::kGroupSubject + "\n");
+        ok = ask(std::string("* ") + W::kLabelCommonName, w.edtCommonName) &&
+             ask(std::string("* ") + W::kLabelLocality, w.edtLocality) &&
+             ask(std::string("  ") + W::kLabelState, w.edtState);
+        while (ok) {
+          write(std::string("* ") + W::kLabelCountry + " [" + w.country_text() + "]: ");
+          auto line = read_line();
+          if (!line) {
+            ok = false;
+          } else if (line->empty() || w.select_country(*line)) {
+            break;
+          } else {
+            write("  (not in the list: type a country name exactly as listed, e.g. Italia)\n");
+          }
+        }
+        ok = ok && ask(std::string("* ") + W::kLabelOrganization, w.edtOrganization) &&
+             ask(std::string("* ") + W::kLabelEmail, w.EdtEmail) && navigate(w.NextEnabled());
+        break;
+      }
+      case W::Page::tsSpecifyPeriod: {
+        write(std::string(W::kHeadingPeriod) + "\n" + W::kGroupPeriod + " (dd/mm/yyyy)\n");
+        for (int which = 0; ok && which < 2; ++which) {
+          std::string text = FormatShortDate(which == 0 ? w.dtpFrom() : w.dtpTo());
+          if (!ask(which == 0 ? W::kLabelFrom : W::kLabelTo, text)) {
+            ok = false;
+            break;
+          }
+          auto d = parse_date(trim(text));
+          if (!d) {
+            write("  (not a date: dd/mm/yyyy)\n");
+            --which;
+            continue;
+          }
+          if (which == 0)
+            w.set_dtpFrom(*d);
+          else
+            w.set_dtpTo(*d);
+        }
+        ok = ok && navigate(w.NextEnabled());
+        break;
+      }
+      case W::Page::tsGenerate: {
+        write(w.lbGenerate() + "\n\n" + replace_all(W::kGenerateNote, "\r\n", "\n") + "\n\n[g] " +
+              W::kGenerateButton + "   [n] " + W::kCancel + ": ");
+        auto line = read_line();
+        if (!line) {
+          ok = false;
+          break;
+        }
+        std::string a = lower_ascii(trim(*line));
+        if (a == "n") {
+          w.btnCancelClick();
+          break;
+        }
+        if (a != "g") break;
+        w.btnGenerateClick();
+        if (w.Generating()) write("(q: close the window and stop)\n");
+        while (w.Generating() && w.modal_result() == ModalResult::None) {
+          w.ProcessMessages(std::chrono::milliseconds(200));
+          int pos = w.ProgressPosition();
+          write("\r[" + std::string(static_cast<std::size_t>(pos / 5), '#') +
+                std::string(static_cast<std::size_t>(20 - pos / 5), '.') + "]");
+          pollfd p{in_, POLLIN, 0};
+          if (poll(&p, 1, 0) > 0) {
+            auto typed = read_line();
+            if (!typed || lower_ascii(trim(*typed)) == "q") w.close_box();
+          }
+        }
+        write("\n");
+        break;
+      }
+    }
+    if (!ok) w.close_box();
+  }
+}
 
 void TerminalUi::progress_text(const std::string& text) {
   std::fprintf(stderr, "%s\n", text.c_str());

@@ -1,0 +1,33 @@
+#include "certgen/generation_thread.h"
+
+namespace tessarel {
+
+TCertificateGenerationThread::~TCertificateGenerationThread() {
+  cancel_ = true;
+  WaitFor();
+}
+
+void TCertificateGenerationThread::Resume() {
+  running_ = true;
+  thread_ = std::thread([this] { Execute(); });
+}
+
+void TCertificateGenerationThread::WaitFor() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void TCertificateGenerationThread::Execute() {
+  try {
+    if (BeforeGeneration) BeforeGeneration();
+    if (FCACert)
+      FCert->Generate(*FCACert, FKeyAlgorithm, FSignatureAlgorithm, FBits, &cancel_);
+    else
+      FCert->Generate(FKeyAlgorithm, FSignatureAlgorithm, FBits, &cancel_);
+  } catch (...) {
+    error_ = std::current_exception();
+  }
+  running_ = false;
+  if (OnTerminate) OnTerminate();
+}
+
+}  // namespace tessarel

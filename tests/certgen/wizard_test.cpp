@@ -1,0 +1,349 @@
+// The certificate wizard driven as a user would: through the scripted front end and by
+// typing on a pseudo-terminal. Generation runs on a real worker thread with real keys.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "certgen/wizard_internal.h"
+#include "platform/runtime/datetime.h"
+#include "platform/ui/scripted_ui.h"
+#include "platform/ui/terminal_ui.h"
+#include "tessarel/exports.h"
+#include "tessarel/sign_e_archivia.h"
+#include "tessarel/wizard.h"
+#include "test_support.h"
+
+namespace tessarel {
+namespace {
+
+using namespace std::chrono_literals;
+using W = TfrmGenerateCert;
+
+int thread_count() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+void fill(W& w) {
+  w.edtCommonName = "Paolo Conte";
+  w.edtLocality = "Asti";
+  w.edtState = "AT";
+  w.edtOrganization = "Studio Conte";
+  w.EdtEmail = "paolo@example.org";
+}
+
+// Runs the wizard's message loop until it closes (or a limit is reached).
+void pump_until_closed(W& w, std::chrono::seconds limit = 120s) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (w.modal_result() == ModalResult::None && std::chrono::steady_clock::now() < end)
+    w.ProcessMessages(50ms);
+}
+
+class Wizard : public ::testing::Test {
+ protected:
+  test::ScopedStore store_;
+  std::shared_ptr<ScriptedUi> ui_ = std::make_shared<ScriptedUi>();
+  test::ScopedUi scoped_{ui_};
+};
+
+TEST_F(Wizard, OpensOnTheSubjectPageWithItaliaAndFortyEightMonths) {
+  W w;
+  EXPECT_EQ(w.page(), W::Page::tsEnterFields);
+  EXPECT_EQ(w.lblInfo(), "Soggetto del nuovo certificato");
+  EXPECT_FALSE(w.BackEnabled());
+  EXPECT_TRUE(w.NextEnabled());
+  EXPECT_EQ(w.cbCountryItems.size(), 245u);
+  EXPECT_EQ(w.country_text(), "Italia");
+  EXPECT_DOUBLE_EQ(w.dtpFrom(), Date());
+  using namespace std::chrono;
+  year_month_day today{floor<days>(SysFromDateTime(Date()))};
+  year_month later = year_month{today.year(), today.month()} + months{48};
+  auto last = year_month_day_last{later.year(), month_day_last{later.month()}}.day();
+  EXPECT_EQ(SysFromDateTime(w.dtpTo()), sys_days{later / std::min(today.day(), last)});
+}
+
+TEST_F(Wizard, EveryRequiredFieldIsCheckedButTheProvinceMayBeEmpty) {
+  std::vector<std::string W::*> required{&W::edtCommonName, &W::edtLocality, &W::edtOrganization,
+                                         &W::EdtEmail};
+  for (auto field : required) {
+    W w;
+    fill(w);
+    w.*field = "";
+    w.btnNextClick();
+    EXPECT_EQ(w.page(), W::Page::tsEnterFields);
+  }
+  EXPECT_EQ(ui_->messages().size(), required.size());
+  for (const auto& m : ui_->messages())
+    EXPECT_EQ(m.text, "Compilare tutti i campi con l'asterisco.");
+
+  W no_country;
+  fill(no_country);
+  no_country.cbCountryIndex = -1;
+  no_country.btnNextClick();
+  EXPECT_EQ(no_country.page(), W::Page::tsEnterFields);
+  EXPECT_FALSE(no_country.select_country("Italy"));  // not in the list: nothing changes
+  EXPECT_EQ(no_country.cbCountryIndex, -1);
+
+  W ok;
+  fill(ok);
+  ok.edtState = "";
+  ok.btnNextClick();
+  EXPECT_EQ(ok.page(), W::Page::tsSpecifyPeriod);
+  EXPECT_EQ(ok.lblInfo(),
+            "Soggetto del nuovo certificato");  // the buttons' page changes leave the banner
+  ok.pcMainChange();
+  EXPECT_EQ(ok.lblInfo(), "Specify certificate validity period");
+}
+
+TEST_F(Wizard, OverLongFieldsAndAReversedPeriodAreRefused) {
+  W w;
+  fill(w);
+  w.edtCommonName = std::string(65, 'x');
+  w.btnNextClick();
+  EXPECT_EQ(w.page(), W::Page::tsEnterFields);
+  ASSERT_EQ(ui_->messages().size(), 1u);
+  EXPECT_NE(ui_->messages()[0].text.find("Nome certificato"), std::string::npos);
+  w.edtCommonName = "Paolo Conte";
+  w.btnNextClick();
+  w.set_dtpTo(w.dtpFrom() - 1);
+  w.btnNextClick();
+  EXPECT_EQ(w.page(), W::Page::tsSpecifyPeriod);
+  EXPECT_EQ(ui_->messages().back().text, W::kPeriodReversed);
+  w.set_dtpFrom(EncodeDateTime({1990, 1, 1}));  // the pickers stop at 31/12/1999
+  EXPECT_DOUBLE_EQ(w.dtpFrom(), EncodeDateTime({1999, 12, 31}));
+  EXPECT_TRUE(open_store(store_.path())->certificates().empty());
+}
+
+TEST_F(Wizard, CancelAsksFirstAndNoChangesNothing) {
+  W w;
+  ui_->answer_message(ModalResult::No);
+  w.btnCancelClick();
+  EXPECT_EQ(w.modal_result(), ModalResult::None);
+  EXPECT_EQ(ui_->messages().back().text, "Sei sicuro di voler annullare l'operazione?");
+  EXPECT_EQ(ui_->messages().back().buttons, MessageButtons::YesNo);
+  ui_->answer_message(ModalResult::Yes);
+  w.btnCancelClick();
+  EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
+
+  ui_->answer_wizard([](W& wiz) {
+    fill(wiz);
+    wiz.close_box();
+  });
+  char* result = strdup("previous");
+  CreaCertificatoPrivato(&result);
+  EXPECT_STREQ(result, "");
+  std::free(result);
+  EXPECT_TRUE(open_store(store_.path())->certificates().empty());
+}
+
+TEST_F(Wizard, ACompletedGenerationStoresTheCertificateWithItsKey) {
+  ui_->answer_wizard([](W& w) {
+    fill(w);
+    w.btnNextClick();
+    w.btnNextClick();
+    EXPECT_EQ(w.page(), W::Page::tsGenerate);
+    EXPECT_FALSE(w.NextEnabled());
+    EXPECT_EQ(w.lbGenerate(), W::kGenerateText);
+    w.btnGenerateClick();
+    EXPECT_TRUE(w.Generating());
+    EXPECT_FALSE(w.CancelEnabled() || w.GenerateEnabled() || w.BackEnabled() || w.NextEnabled());
+    EXPECT_TRUE(w.Busy());
+    pump_until_closed(w);
+    EXPECT_FALSE(w.Busy());
+    EXPECT_FALSE(w.worker_running());
+  });
+  std::unique_ptr<ISignEArchivia> engine(GetSignEArchivia());
+  EXPECT_EQ(engine->GeneraCertificato(), "Paolo Conte");
+  EXPECT_EQ(ui_->busy_log, (std::vector<bool>{true, false}));
+
+  auto store = open_store(store_.path());
+  auto certs = store->certificates();
+  ASSERT_EQ(certs.size(), 1u);
+  const Certificate& c = certs[0];
+  EXPECT_TRUE(store->key_valid(c));
+  EXPECT_EQ(c.key_kind(), KeyKind::Rsa);
+  EXPECT_EQ(c.key_bits(), 1024);
+  EXPECT_EQ(c.signature_algorithm_oid(), "1.2.840.113549.1.1.13");
+  EXPECT_TRUE(c.self_signed());
+  EXPECT_EQ(c.version(), 1);
+  EXPECT_EQ(c.serial().size(), 16u);
+  // Six attributes, one per RDN, in this order, all PrintableString in the subject; the
+  // issuer's e-mail address is an IA5String.
+  const std::vector<std::pair<std::string, std::string>> expected{
+      {oid::kCountryName, "IT"},         {oid::kStateOrProvinceName, "AT"},
+      {oid::kLocalityName, "Asti"},      {oid::kOrganizationName, "Studio Conte"},
+      {oid::kCommonName, "Paolo Conte"}, {oid::kEmailAddress, "paolo@example.org"}};
+  auto subject = c.subject();
+  auto issuer = c.issuer();
+  ASSERT_EQ(subject.size(), 6u);
+  ASSERT_EQ(issuer.size(), 6u);
+  for (std::size_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(subject[i].oid, expected[i].first);
+    EXPECT_EQ(subject[i].value, expected[i].second);
+    EXPECT_EQ(subject[i].tag, 19) << i;
+    EXPECT_EQ(subject[i].rdn, static_cast<int>(i));
+    EXPECT_EQ(issuer[i].tag, i == 5 ? 22 : 19) << i;
+  }
+  using namespace std::chrono;
+  EXPECT_EQ(c.not_before(), SysFromDateTime(Date()));
+
+  test::TempDir d;
+  test::write_pem(c, d / "c.pem");
+  auto r = test::run({"openssl", "x509", "-in", d / "c.pem", "-noout", "-text"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.out.find("Signature Algorithm: sha512WithRSAEncryption"), std::string::npos);
+  EXPECT_NE(r.out.find("Public-Key: (1024 bit)"), std::string::npos);
+  EXPECT_NE(r.out.find("Subject: C = IT, ST = AT, L = Asti, O = Studio Conte, CN = Paolo Conte, "
+                       "emailAddress = paolo@example.org"),
+            std::string::npos)
+      << r.out;
+  r = test::run({"openssl", "verify", "-CAfile", d / "c.pem", d / "c.pem"});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+}
+
+TEST_F(Wizard, ProgressTicksArriveOnTheDialogThreadInStepsOfFiveAndWrap) {
+  W w;
+  fill(w);
+  w.btnNextClick();
+  w.btnNextClick();
+  w.set_before_generation([] { std::this_thread::sleep_for(4600ms); });  // 23 ticks
+  std::vector<int> positions;
+  std::vector<std::thread::id> threads;
+  w.OnProgress = [&](int p) {
+    positions.push_back(p);
+    threads.push_back(std::this_thread::get_id());
+  };
+  w.btnGenerateClick();
+  EXPECT_TRUE(w.ProgressVisible());
+  EXPECT_EQ(w.ProgressPosition(), 0);
+  pump_until_closed(w);
+  EXPECT_EQ(w.modal_result(), ModalResult::Ok);
+  EXPECT_FALSE(w.ProgressVisible());
+  ASSERT_GE(positions.size(), 21u);
+  for (std::size_t i = 0; i < positions.size(); ++i) {
+    int previous = i ? positions[i - 1] : 0;
+    EXPECT_EQ(positions[i], previous + 5 >= 100 ? 0 : previous + 5) << i;
+    EXPECT_EQ(threads[i], std::this_thread::get_id());
+  }
+  EXPECT_NE(std::find(positions.begin(), positions.end(), 0), positions.end())
+      << "never wrapped at 100";
+}
+
+TEST_F(Wizard, ClosingDuringGenerationStopsTheWorkerAndStoresNothing) {
+  int threads_before = thread_count();
+  {
+    W w;
+    fill(w);
+    w.btnNextClick();
+    w.btnNextClick();
+    w.set_key_bits(15360);  // minutes of prime search unless stopped
+    w.btnGenerateClick();
+    w.ProcessMessages(300ms);
+    EXPECT_TRUE(w.worker_running());
+    w.btnCancelClick();  // disabled while generating: no question, no effect
+    EXPECT_EQ(w.modal_result(), ModalResult::None);
+    auto start = std::chrono::steady_clock::now();
+    w.close_box();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+    EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
+    EXPECT_FALSE(w.worker_running());
+    EXPECT_EQ(w.cert_commonName(), "");
+  }
+  {
+    W destroyed_while_running;
+    fill(destroyed_while_running);
+    destroyed_while_running.btnNextClick();
+    destroyed_while_running.btnNextClick();
+    destroyed_while_running.set_key_bits(15360);
+    destroyed_while_running.btnGenerateClick();
+    destroyed_while_running.ProcessMessages(100ms);
+  }
+  EXPECT_EQ(thread_count(), threads_before);
+  EXPECT_TRUE(open_store(store_.path())->certificates().empty());
+  EXPECT_TRUE(ui_->messages().empty());
+}
+
+TEST_F(Wizard, AStoreThatCannotBeWrittenIsReportedAndTheWizardStaysOpen) {
+  test::TempDir d;
+  test::write_file(d / "not-a-folder", "x");
+  W w(open_store(d / "not-a-folder/MY"));
+  fill(w);
+  w.btnNextClick();
+  w.btnNextClick();
+  w.btnGenerateClick();
+  auto end = std::chrono::steady_clock::now() + 60s;
+  while (w.Generating() && std::chrono::steady_clock::now() < end)
+    w.ProcessMessages(50ms);
+  EXPECT_EQ(w.modal_result(), ModalResult::None);
+  ASSERT_EQ(ui_->messages().size(), 1u);
+  EXPECT_EQ(ui_->messages()[0].kind, MessageKind::Error);
+  EXPECT_EQ(ui_->messages()[0].text.rfind("Error: ", 0), 0u);
+  EXPECT_TRUE(w.CancelEnabled());
+  EXPECT_TRUE(w.GenerateEnabled());
+  EXPECT_FALSE(w.Busy());
+  EXPECT_EQ(w.cert_commonName(), "");
+}
+
+TEST(WizardNames, DisplayNameFallsBackFromCommonNameToOrganizationToEmail) {
+  test::CertSpec s;
+  s.kind = KeyKind::Ec;
+  s.bits = 256;
+  s.cn = "Solo";
+  s.org = "Org";
+  EXPECT_EQ(CertificateDisplayName(test::make_cert(s).cert), "Solo");
+  s.cn = "";
+  EXPECT_EQ(CertificateDisplayName(test::make_cert(s).cert), "Org");
+  s.org = "";
+  s.email = "only@example.org";
+  EXPECT_EQ(CertificateDisplayName(test::make_cert(s).cert), "only@example.org");
+}
+
+TEST(WizardTerminal, CompletedByTyping) {
+  test::ScopedStore store;
+  int master = -1, slave = -1;
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  test::ScopedUi scoped(std::make_shared<TerminalUi>(slave, slave, false));
+  std::string result;
+  std::thread t([&] { result = W::DoCreateCertificate(); });
+  // Subject page: an empty e-mail first (refused), then complete; the period page keeps
+  // its dates; the last page generates.
+  const std::string keys =
+      "Anna Rossi\nTorino\n\nItaly\nItalia\nRossi Srl\n\na\n"
+      "\n\n\n\n\nanna@example.org\na\n"
+      "\n\na\n"
+      "g\n";
+  ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  std::string screen;
+  char buf[8192];
+  auto end = std::chrono::steady_clock::now() + 60s;
+  while (std::chrono::steady_clock::now() < end) {
+    pollfd p{master, POLLIN, 0};
+    if (poll(&p, 1, 100) > 0) {
+      ssize_t n = ::read(master, buf, sizeof buf);
+      if (n > 0) screen.append(buf, static_cast<std::size_t>(n));
+    } else if (!result.empty()) {
+      break;
+    }
+  }
+  t.join();
+  ::close(master);
+  ::close(slave);
+  EXPECT_EQ(result, "Anna Rossi") << screen;
+  EXPECT_NE(screen.find("Compilare tutti i campi con l'asterisco."), std::string::npos);
+  EXPECT_NE(screen.find("not in the list"), std::string::npos);
+  auto certs = open_store(store.path())->certificates();
+  ASSERT_EQ(certs.size(), 1u);
+  EXPECT_EQ(certs[0].subject_values(oid::kCountryName), std::vector<std::string>{"IT"});
+}
+
+}  // namespace
+}  // namespace tessarel
