@@ -95,6 +95,10 @@ class TESSAREL_API Certificate {
   std::string signature_algorithm_oid() const;
 
   Bytes fingerprint(DigestAlgorithm alg) const;
+  // The subject key identifier extension's value, empty when absent.
+  Bytes subject_key_identifier() const;
+  // True when the two Name encodings denote the same name (compared as X.509 does).
+  static bool same_name(const Bytes& name_der_a, const Bytes& name_der_b);
 
   bool operator==(const Certificate& other) const;
 

@@ -12,6 +12,7 @@
 #include "tessarel/picker.h"
 #include "tessarel/wizard.h"
 #include "tessarel/sign_e_archivia.h"
+#include "tessarel/signing.h"
 #include "tessarel/store.h"
 #include "tessarel/types.h"
 #include "tessarel/ui.h"

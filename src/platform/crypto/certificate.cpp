@@ -300,6 +300,26 @@ std::string Certificate::signature_algorithm_oid() const {
   return obj_text(obj);
 }
 
+Bytes Certificate::subject_key_identifier() const {
+  const ASN1_OCTET_STRING* ski = X509_get0_subject_key_id(impl_->x509.get());
+  crypto::openssl_errors();
+  if (!ski) return {};
+  return Bytes(ASN1_STRING_get0_data(ski), ASN1_STRING_get0_data(ski) + ASN1_STRING_length(ski));
+}
+
+bool Certificate::same_name(const Bytes& a, const Bytes& b) {
+  if (a == b) return true;
+  const unsigned char* pa = a.data();
+  const unsigned char* pb = b.data();
+  X509_NAME* na = d2i_X509_NAME(nullptr, &pa, static_cast<long>(a.size()));
+  X509_NAME* nb = d2i_X509_NAME(nullptr, &pb, static_cast<long>(b.size()));
+  bool same = na && nb && X509_NAME_cmp(na, nb) == 0;
+  X509_NAME_free(na);
+  X509_NAME_free(nb);
+  crypto::openssl_errors();
+  return same;
+}
+
 Bytes Certificate::fingerprint(DigestAlgorithm alg) const {
   return crypto::digest(alg, impl_->der);
 }

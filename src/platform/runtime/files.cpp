@@ -200,13 +200,14 @@ void AtomicFileWriter::write(const void* data, std::size_t n) {
   write_all(fd_, data, n, target_);
 }
 
-void AtomicFileWriter::commit() {
-  if (::fsync(fd_) != 0) throw_io("writing", target_, errno);
+void AtomicFileWriter::commit(bool durable) {
+  if (durable && ::fsync(fd_) != 0) throw_io("writing", target_, errno);
   int fd = fd_;
   fd_ = -1;
   if (::close(fd) != 0) throw_io("writing", target_, errno);
   if (::rename(temp_.c_str(), target_.c_str()) != 0) throw_create(target_, errno);
   committed_ = true;
+  if (!durable) return;
   std::string dir = ExtractFileDir(target_);
   SyncDirectory(dir.empty() ? "." : dir);
 }

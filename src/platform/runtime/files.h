@@ -83,8 +83,9 @@ class AtomicFileWriter {
   void write(const void* data, std::size_t n);
   void write(const Bytes& data) { write(data.data(), data.size()); }
   void write(const std::string& data) { write(data.data(), data.size()); }
-  // fsync, rename over the target, fsync the folder.
-  void commit();
+  // fsync, rename over the target, fsync the folder. With durable false the data is not
+  // forced to disk first (the rename is still atomic for every reader and for errors).
+  void commit(bool durable = true);
   const std::string& temp_path() const { return temp_; }
 
  private:

@@ -1,0 +1,199 @@
+#include "cms/cms_verify.h"
+
+#include <map>
+
+#include "cms/cades.h"
+#include "platform/asn1/der.h"
+#include "platform/crypto/digest.h"
+#include "platform/crypto/pkey.h"
+
+namespace tessarel {
+
+namespace {
+
+using asn1::BerNode;
+
+struct ParsedValue {
+  Bytes bytes;
+  asn1::MemorySource src;
+  BerNode root;
+  explicit ParsedValue(Bytes b) : bytes(std::move(b)), src(bytes), root(asn1::ParseBer(src)) {}
+};
+
+std::optional<Certificate> find_certificate(const TElSignedCMSMessage& m, const TElPKCS7Signer& s) {
+  for (const Certificate& c : m.Certificates()) {
+    if (!s.SubjectKeyIdentifier.empty()) {
+      if (c.subject_key_identifier() == s.SubjectKeyIdentifier) return c;
+    } else if (c.serial() == s.SerialNumber && Certificate::same_name(c.issuer_der(), s.Issuer)) {
+      return c;
+    }
+  }
+  return std::nullopt;
+}
+
+// RSASSA-PSS-params: hash, MGF1 hash, salt length (defaults SHA-1, SHA-1, 20).
+bool pss_params(const Bytes& params, DigestAlgorithm& hash, DigestAlgorithm& mgf, int& salt) {
+  hash = mgf = DigestAlgorithm::SHA1;
+  salt = 20;
+  if (params.empty()) return true;
+  try {
+    ParsedValue p(params);
+    if (!p.root.is_universal(16)) return p.root.is_universal(asn1::kNull);
+    for (const auto& f : p.root.children) {
+      if (!f.is_context(0) && !f.is_context(1) && !f.is_context(2) && !f.is_context(3))
+        return false;
+      if (f.children.empty()) return false;
+      const BerNode& inner = f.children[0];
+      if (f.tag_number == 0) {
+        hash = crypto::digest_from_oid(asn1::ReadOid(p.src, inner.children.at(0)));
+      } else if (f.tag_number == 1) {
+        const BerNode& mgf_alg = inner.children.at(1);
+        mgf = crypto::digest_from_oid(asn1::ReadOid(p.src, mgf_alg.children.at(0)));
+      } else if (f.tag_number == 2) {
+        salt = static_cast<int>(asn1::ReadSmallInteger(p.src, inner));
+      }
+    }
+    return hash != DigestAlgorithm::Unknown && mgf != DigestAlgorithm::Unknown && salt >= 0;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool verify_value(const Certificate& cert, const TElPKCS7Signer& s, DigestAlgorithm digest_alg,
+                  const Bytes& data_digest, std::string& problem) {
+  crypto::PublicKey key = crypto::PublicKey::from_certificate(cert);
+  const std::string& alg = s.DigestEncryptionAlgorithm;
+  try {
+    if (alg == cms_oid::kRsaPss) {
+      DigestAlgorithm h, mgf;
+      int salt;
+      if (!pss_params(s.DigestEncryptionAlgorithmParams, h, mgf, salt)) {
+        problem = "unreadable RSASSA-PSS parameters";
+        return false;
+      }
+      if (h != digest_alg) {
+        problem = "the RSASSA-PSS hash differs from the digest algorithm";
+        return false;
+      }
+      return key.verify_digest_pss(digest_alg, data_digest, s.EncryptedDigest, mgf, salt);
+    }
+    KeyKind kind = key.kind();
+    bool rsa_alg = alg == cms_oid::kRsaEncryption || alg.rfind("1.2.840.113549.1.1.", 0) == 0;
+    bool ec_alg = alg == cms_oid::kEcPublicKey || alg.rfind("1.2.840.10045.4.", 0) == 0;
+    bool dsa_alg = alg == cms_oid::kDsa || alg == "1.2.840.10040.4.3" ||
+                   alg.rfind("2.16.840.1.101.3.4.3.", 0) == 0;
+    if ((rsa_alg && kind == KeyKind::Rsa) || (ec_alg && kind == KeyKind::Ec) ||
+        (dsa_alg && kind == KeyKind::Dsa))
+      return key.verify_digest(digest_alg, data_digest, s.EncryptedDigest);
+    problem = "signature algorithm " + alg + " does not fit the certificate's key";
+    return false;
+  } catch (const Exception& e) {
+    problem = e.what();
+    return false;
+  }
+}
+
+}  // namespace
+
+bool CmsVerification::ok() const {
+  if (!problems.empty() || signers.empty()) return false;
+  for (const auto& s : signers)
+    if (!s.ok()) return false;
+  return true;
+}
+
+CmsVerification VerifySignedMessage(TElSignedCMSMessage& m, const TElCMSContent* external) {
+  CmsVerification out;
+  const TElCMSContent* content = m.FContent.get();
+  out.detached = m.FDetached;
+  if (m.FDetached) {
+    if (!external)
+      out.problems.push_back("the envelope carries no content and no content file was given");
+    else
+      content = external;
+  }
+  out.content_size = content ? content->Size() : 0;
+  if (m.SignatureCount() == 0) out.problems.push_back("the envelope has no signer");
+  std::map<DigestAlgorithm, Bytes> digests;
+  for (int i = 0; i < m.SignatureCount(); ++i) {
+    TElCMSSignature& sig = *m.GetSignature(i);
+    const TElPKCS7Signer& s = sig.FPKCS7Signer;
+    SignerVerification v;
+    v.index = i;
+    v.digest = sig.GetDigestAlgorithm();
+    v.signing_time = sig.FSigningTime;
+    v.signed_attributes = !s.AuthenticatedAttributes.empty();
+    v.cades_bes = TElCAdESSignatureProcessor(&sig).IsBES();
+    v.certificate = find_certificate(m, s);
+    if (!v.certificate) v.problems.push_back("the signer's certificate is not in the envelope");
+    if (v.digest == DigestAlgorithm::Unknown) {
+      v.problems.push_back("unsupported digest algorithm " + s.DigestAlgorithm);
+      out.signers.push_back(std::move(v));
+      continue;
+    }
+    Bytes content_digest;
+    bool have_content = m.FDetached ? external != nullptr : true;
+    if (have_content) {
+      auto it = digests.find(v.digest);
+      if (it == digests.end())
+        it = digests.emplace(v.digest, DigestContent(content, v.digest)).first;
+      content_digest = it->second;
+    }
+    Bytes signed_digest;
+    if (v.signed_attributes) {
+      v.digest_matches =
+          have_content && !sig.FMessageDigest.empty() && sig.FMessageDigest == content_digest;
+      if (sig.FMessageDigest.empty())
+        v.problems.push_back("no message-digest attribute");
+      else if (have_content && !v.digest_matches)
+        v.problems.push_back("the content does not match the signed message digest");
+      v.content_type_matches = !sig.FContentType.empty() && sig.FContentType == m.FContentType;
+      if (!v.content_type_matches)
+        v.problems.push_back("the content-type attribute is missing or differs from the content");
+      signed_digest = crypto::digest(v.digest, s.AuthenticatedAttributesPlain);
+    } else {
+      v.digest_matches = have_content;
+      v.content_type_matches = true;
+      signed_digest = content_digest;
+    }
+    if (v.certificate && !signed_digest.empty()) {
+      std::string problem;
+      v.signature_valid = verify_value(*v.certificate, s, v.digest, signed_digest, problem);
+      if (!v.signature_valid)
+        v.problems.push_back(
+            problem.empty() ? "the signature value does not verify with the signer's certificate"
+                            : "the signature value does not verify: " + problem);
+    }
+    const TElCMSSigningCertificate& sc = sig.FSigningCertificate;
+    v.signing_certificate_present = sc.FIncluded && !sc.FCertIDs.empty();
+    if (v.signing_certificate_present && v.certificate) {
+      const TElCMSSignerIdentifier& id = sc.FCertIDs.front();
+      bool ok = id.FHash.FHashAlgorithm != DigestAlgorithm::Unknown &&
+                v.certificate->fingerprint(id.FHash.FHashAlgorithm) == id.FHash.FHashValue;
+      if (ok && !id.FSerialNumber.empty()) ok = id.FSerialNumber == v.certificate->serial();
+      if (ok && !id.FIssuer.empty()) {
+        // GeneralNames: the directoryName [4] holds the issuer Name.
+        try {
+          ParsedValue p(id.FIssuer);
+          bool found = false;
+          for (const auto& gn : p.root.children)
+            if (gn.is_context(4) && !gn.children.empty() &&
+                Certificate::same_name(asn1::ElementBytes(p.src, gn.children[0]),
+                                       v.certificate->issuer_der()))
+              found = true;
+          ok = found;
+        } catch (const std::exception&) {
+          ok = false;
+        }
+      }
+      v.signing_certificate_matches = ok;
+      if (!ok)
+        v.problems.push_back(
+            "the signing-certificate attribute does not name the signer's certificate");
+    }
+    out.signers.push_back(std::move(v));
+  }
+  return out;
+}
+
+}  // namespace tessarel
