@@ -1,0 +1,128 @@
+// FirmaFiles: which files are signed, the names it writes, what it returns and shows.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "boundary/batch_signer.h"
+#include "cms/cms_verify.h"
+#include "cms_support.h"
+#include "platform/crypto/digest.h"
+#include "platform/ui/scripted_ui.h"
+
+namespace tessarel {
+namespace {
+
+class BatchSigner : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test::CertSpec s;
+    s.cn = "Batch";
+    s.serial = {0x0B, 0xA7};
+    tc_ = std::make_unique<test::TestCert>(test::make_cert(s));
+    store_.add(*tc_);
+  }
+  std::string file(const std::string& name, const std::string& content) {
+    test::write_file(dir_ / name, content);
+    return dir_ / name;
+  }
+  CmsVerification verify(const std::string& envelope, const std::string& data = "") {
+    auto m = std::make_unique<TElSignedCMSMessage>();
+    m->Open(std::make_shared<asn1::FileSource>(envelope));
+    std::unique_ptr<TElCMSContent> ext;
+    if (!data.empty()) {
+      auto src = std::make_shared<asn1::FileSource>(data);
+      ext = std::make_unique<TElCMSContent>();
+      ext->Init(src, 0, src->size());
+    }
+    return VerifySignedMessage(*m, ext.get());
+  }
+  test::TempDir dir_;
+  test::ScopedStore store_;
+  std::unique_ptr<test::TestCert> tc_;
+  std::shared_ptr<ScriptedUi> ui_ = std::make_shared<ScriptedUi>();
+  test::ScopedUi scoped_{ui_};
+};
+
+TEST_F(BatchSigner, OneFileGivesExactlyItsEnvelopePath) {
+  std::string doc = file("doc.xml", "<a/>");
+  auto r = FirmaFiles(doc, doc, "0BA7", false, nullptr);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(*r, doc + ".p7m");
+  EXPECT_TRUE(verify(doc + ".p7m").ok());
+}
+
+TEST_F(BatchSigner, SeveralFilesGiveTheListWithCrLfAndMissingOnesKeepTheirName) {
+  std::string a = file("a.txt", "A"), c = file("c.txt", "C");
+  std::string b = dir_ / "b-missing.txt";
+  std::string list = a + "\r\n" + b + "\n" + c;
+  auto r = FirmaFiles(list, list, "0BA7", true, nullptr);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(*r, a + ".p7s\r\n" + b + "\r\n" + c + ".p7s\r\n");
+  EXPECT_FALSE(std::filesystem::exists(b + ".p7s"));
+  EXPECT_TRUE(verify(a + ".p7s", a).ok());
+  EXPECT_TRUE(verify(c + ".p7s", c).ok());
+}
+
+TEST_F(BatchSigner, ProgressTextsAndTheEndText) {
+  std::vector<std::string> files;
+  std::string list;
+  for (int i = 1; i <= 4; ++i) {
+    files.push_back(file("f" + std::to_string(i), std::string(static_cast<std::size_t>(i), 'x')));
+    list += files.back() + "\n";
+  }
+  ASSERT_TRUE(FirmaFiles(list, list, "0BA7", false, ui_.get()));
+  EXPECT_EQ(ui_->progress,
+            (std::vector<std::string>{"1/4 " + files[0], "2/4 " + files[1], "3/4 " + files[2],
+                                      "4/4 " + files[3], "Firma Terminata"}));
+}
+
+TEST_F(BatchSigner, AnExistingEnvelopeIsReplacedWithoutAQuestion) {
+  std::string doc = file("doc.txt", "new content");
+  test::write_file(doc + ".p7m", "old envelope");
+  ASSERT_TRUE(FirmaFiles(doc, doc, "0BA7", false, nullptr));
+  EXPECT_TRUE(verify(doc + ".p7m").ok());
+  EXPECT_TRUE(ui_->shown.empty());
+}
+
+TEST_F(BatchSigner, UnknownCertificateOrUnusableKeySignsNothingSilently) {
+  std::string doc = file("doc.txt", "x");
+  EXPECT_FALSE(FirmaFiles(doc, doc, "0ba7", false, ui_.get()));
+  EXPECT_FALSE(FirmaFiles(doc, doc, "FFFF", false, ui_.get()));
+  test::CertSpec s;
+  s.serial = {0x77};
+  store_.add(test::make_cert(s), false);
+  EXPECT_FALSE(FirmaFiles(doc, doc, "77", false, ui_.get()));
+  EXPECT_FALSE(std::filesystem::exists(doc + ".p7m"));
+  EXPECT_TRUE(ui_->shown.empty());
+  EXPECT_TRUE(ui_->progress.empty());
+}
+
+TEST_F(BatchSigner, AFileAboveTheStreamingThresholdIsSignedFromDisk) {
+  std::string big = dir_ / "big.bin";
+  {
+    std::ofstream out(big, std::ios::binary);
+    std::string block(1 << 20, 'z');
+    for (std::uint64_t i = 0; i < kStreamingThreshold / block.size() + 2; ++i)
+      out.write(block.data(), 1 << 20);
+  }
+  ASSERT_TRUE(FirmaFiles(big, big, "0BA7", false, nullptr));
+  auto v = verify(big + ".p7m");
+  EXPECT_TRUE(v.ok());
+  EXPECT_EQ(v.content_size, kStreamingThreshold + (2u << 20));
+  std::filesystem::remove(big + ".p7m");
+  std::filesystem::remove(big);
+}
+
+TEST_F(BatchSigner, AnUnreadableOutputFolderRaisesAndKeepsEarlierEnvelopes) {
+  std::string a = file("a.txt", "A");
+  std::filesystem::create_directories(dir_ / "sub");
+  std::string b = dir_ / "sub/b.txt";
+  test::write_file(b, "B");
+  std::string outputs = a + "\n" + dir_.path() + "/no-such-folder/b.txt";
+  EXPECT_THROW(FirmaFiles(a + "\n" + b, outputs, "0BA7", false, nullptr), EFCreateError);
+  EXPECT_TRUE(std::filesystem::exists(a + ".p7m"));
+}
+
+}  // namespace
+}  // namespace tessarel
