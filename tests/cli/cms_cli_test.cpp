@@ -1,0 +1,90 @@
+// tessarel sign, verify and extract as scripts use them.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/crypto/pkcs12.h"
+#include "test_support.h"
+
+namespace tessarel {
+namespace {
+
+class CmsCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store_ = dir_ / "MY";
+    auto r = cli({"cert", "new", "--cn", "Firma Da Riga", "--key", "ec"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    id_ = r.out.substr(0, r.out.size() - 1);
+    test::write_file(dir_ / "a.txt", "alpha\n");
+    test::write_file(dir_ / "b.txt", "beta\n");
+  }
+  test::CommandResult cli(std::vector<std::string> args) {
+    args.insert(args.begin(), {test::cli_path(), "--store", store_});
+    return test::run(args);
+  }
+  test::TempDir dir_;
+  std::string store_;
+  std::string id_;
+};
+
+TEST_F(CmsCli, SignVerifyExtractRoundTrip) {
+  auto r = cli({"sign", "--cert", id_, dir_ / "a.txt", dir_ / "b.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, dir_ / "a.txt.p7m\n" + dir_ / "b.txt.p7m\n");
+  EXPECT_NE(r.err.find("2/2 "), std::string::npos) << "progress on stderr";
+  EXPECT_NE(r.err.find("Firma Terminata"), std::string::npos);
+
+  r = cli({"verify", dir_ / "a.txt.p7m"});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_EQ(r.out.rfind("VALID", 0), 0u) << r.out;
+
+  r = cli({"verify", "--json", dir_ / "a.txt.p7m"});
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_NE(r.out.find("\"valid\": true"), std::string::npos);
+  EXPECT_NE(r.out.find("\"cades_bes\": true"), std::string::npos);
+  EXPECT_NE(r.out.find("\"certificate\": \"" + id_ + "\""), std::string::npos);
+
+  std::filesystem::rename(dir_ / "a.txt", dir_ / "a.orig");
+  r = cli({"extract", dir_ / "a.txt.p7m"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, dir_ / "a.txt\n");
+  EXPECT_EQ(test::read_file(dir_ / "a.txt"), "alpha\n");
+  r = cli({"extract", dir_ / "b.txt.p7m", "-o", dir_ / "elsewhere.txt"});
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_EQ(test::read_file(dir_ / "elsewhere.txt"), "beta\n");
+}
+
+TEST_F(CmsCli, DetachedSignaturesFindTheirDataAndTamperingExitsOne) {
+  auto r = cli({"sign", "--detached", dir_ / "a.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, dir_ / "a.txt.p7s\n");
+  EXPECT_EQ(cli({"verify", dir_ / "a.txt.p7s"}).exit_code, 0);
+  test::write_file(dir_ / "a.txt", "alpha changed\n");
+  r = cli({"verify", dir_ / "a.txt.p7s"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("does not match"), std::string::npos) << r.out;
+  r = cli({"verify", dir_ / "a.txt.p7s", "--content", dir_ / "b.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  r = cli({"extract", dir_ / "a.txt.p7s"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("carries no content"), std::string::npos) << r.err;
+}
+
+TEST_F(CmsCli, MissingFilesAndBadEnvelopesAreClearErrors) {
+  auto r = cli({"sign", dir_ / "a.txt", dir_ / "none.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.out, dir_ / "a.txt.p7m\n");
+  EXPECT_NE(r.err.find("no such file: " + (dir_ / "none.txt")), std::string::npos) << r.err;
+  test::write_file(dir_ / "junk.p7m", "this is not an envelope");
+  r = cli({"verify", dir_ / "junk.p7m"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Failed to load CMS message, error"), std::string::npos) << r.err;
+  r = cli({"sign", "--cert", "ABCDEF", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("ABCDEF"), std::string::npos);
+  EXPECT_EQ(cli({"verify", dir_ / "no-such.p7m"}).exit_code, 2);  // a missing argument file is a usage error
+}
+
+}  // namespace
+}  // namespace tessarel
