@@ -25,8 +25,10 @@ hyperfine --warmup 1 --runs 7 --export-json "$work/h.json" \
 read -r ours_s ref_s < <(python3 -c "
 import json,sys; r=json.load(open('$work/h.json'))['results']
 print(r[0]['median'], r[1]['median'])")
-rss_kib=$( { /usr/bin/time -f '%M' "$bin" "$file" > /dev/null; } 2>&1 | tail -n1)
-ref_rss_kib=$( { /usr/bin/time -f '%M' openssl dgst -sha256 "$file" > /dev/null; } 2>&1 | tail -n1)
+/usr/bin/time -f '%M' -o "$work/rss" "$bin" "$file" > /dev/null
+rss_kib=$(tail -n1 "$work/rss")
+/usr/bin/time -f '%M' -o "$work/rss" openssl dgst -sha256 "$file" > /dev/null
+ref_rss_kib=$(tail -n1 "$work/rss")
 python3 - <<PY
 ours, ref = $ours_s, $ref_s
 print(f"file: {$size_mib} MiB")

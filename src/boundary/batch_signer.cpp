@@ -69,7 +69,7 @@ std::optional<std::string> FirmaFiles(
     out += detached ? ".p7s" : ".p7m";
     // Written under a temporary name and renamed: an existing envelope is replaced whole.
     AtomicFileWriter writer(out);
-    message.Save([&](const std::uint8_t* p, std::size_t n) { writer.write(p, n); });
+    message.SaveToFile(writer.fd(), writer.target());
     writer.commit(false);
     message.Clear();
   }

@@ -1,6 +1,9 @@
 #include "cms/cms.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -576,6 +579,47 @@ std::vector<Certificate> TElSignedCMSMessage::Certificates() const {
 }
 
 void TElSignedCMSMessage::Save(const std::function<void(const std::uint8_t*, std::size_t)>& sink) {
+  SaveParts(sink, nullptr);
+}
+
+void TElSignedCMSMessage::SaveToFile(int out_fd, const std::string& out_name) {
+  auto write_all = [&](const std::uint8_t* p, std::size_t n) {
+    while (n) {
+      ssize_t w = ::write(out_fd, p, n);
+      if (w < 0) {
+        if (errno == EINTR) continue;
+        throw EInOutError("I/O error writing \"" + out_name + "\": " + std::strerror(errno));
+      }
+      p += w;
+      n -= static_cast<std::size_t>(w);
+    }
+  };
+  // Returns false when the kernel cannot copy between these files (the caller falls back).
+  auto copy_range = [&](int in_fd, std::uint64_t offset, std::uint64_t length) {
+    loff_t in_off = static_cast<loff_t>(offset);
+    std::uint64_t left = length;
+    while (left) {
+      ssize_t n =
+          ::copy_file_range(in_fd, &in_off, out_fd, nullptr,
+                            static_cast<std::size_t>(std::min<std::uint64_t>(left, 1u << 30)), 0);
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        if (left == length &&
+            (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP))
+          return false;
+        throw EInOutError("I/O error writing \"" + out_name + "\": " + std::strerror(errno));
+      }
+      if (n == 0) throw EElCMSError("Unexpected end of data");
+      left -= static_cast<std::uint64_t>(n);
+    }
+    return true;
+  };
+  SaveParts(write_all, copy_range);
+}
+
+void TElSignedCMSMessage::SaveParts(
+    const std::function<void(const std::uint8_t*, std::size_t)>& sink,
+    const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range) {
   if (!sink) return;
   // SignerInfos, digest algorithms and version from the signatures.
   std::vector<Bytes> signer_infos;
@@ -638,6 +682,8 @@ void TElSignedCMSMessage::Save(const std::function<void(const std::uint8_t*, std
         if (s.size) sink(s.memory, static_cast<std::size_t>(s.size));
         continue;
       }
+      if (copy_range && s.stream->fd() >= 0 && copy_range(s.stream->fd(), s.offset, s.size))
+        continue;
       buffer.resize(1 << 20);
       for (std::uint64_t at = 0; at < s.size;) {
         std::size_t n =

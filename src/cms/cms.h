@@ -192,6 +192,9 @@ class TElSignedCMSMessage {
   int SignatureCount() const { return static_cast<int>(FSignatures.size()); }
   // Writes the message (DER) through sink.
   void Save(const std::function<void(const std::uint8_t*, std::size_t)>& sink);
+  // Writes the message into a file being written (descriptor out_fd, at its current end);
+  // content read from a file is copied inside the kernel. The same bytes as Save.
+  void SaveToFile(int out_fd, const std::string& out_name);
   Bytes SaveToBytes();
   void Clear();
 
@@ -214,6 +217,10 @@ class TElSignedCMSMessage {
   std::vector<std::string> FDigestAlgorithms;
 
   std::vector<std::unique_ptr<TElCMSSignature>> FSignatures;
+
+ private:
+  void SaveParts(const std::function<void(const std::uint8_t*, std::size_t)>& sink,
+                 const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range);
 };
 
 // The digest of the content with the signature's algorithm, read in blocks.

@@ -25,6 +25,8 @@ class ByteSource {
   virtual void read(std::uint64_t offset, void* buffer, std::size_t n) const = 0;
   // The whole input when it is in memory, else null.
   virtual const std::uint8_t* data() const { return nullptr; }
+  // A descriptor to copy from inside the kernel, or -1.
+  virtual int fd() const { return -1; }
 };
 
 class MemorySource : public ByteSource {
@@ -48,6 +50,7 @@ class FileSource : public ByteSource {
   void read(std::uint64_t offset, void* buffer, std::size_t n) const override;
   const std::string& path() const { return file_.path(); }
   InputFile& file() const { return file_; }
+  int fd() const override { return file_.fd(); }
 
  private:
   mutable InputFile file_;

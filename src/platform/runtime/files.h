@@ -87,6 +87,9 @@ class AtomicFileWriter {
   // forced to disk first (the rename is still atomic for every reader and for errors).
   void commit(bool durable = true);
   const std::string& temp_path() const { return temp_; }
+  // The temporary file's descriptor, for writers that copy inside the kernel.
+  int fd() const { return fd_; }
+  const std::string& target() const { return target_; }
 
  private:
   std::string target_;
