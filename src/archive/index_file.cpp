@@ -1,16 +1,180 @@
-// The archive index: opening, closing and signing index.xml.
+// The archive index: opening (or creating) index.xml, closing and signing it.
+#include <sys/file.h>
+
+#include <filesystem>
+
 #include "archive/sign_e_archivia.h"
-#include "platform/xml/dom.h"
+#include "boundary/cert_lookup.h"
+#include "boundary/xml_signature_removal.h"
+#include "platform/runtime/datetime.h"
+#include "platform/runtime/files.h"
+#include "platform/runtime/strings.h"
+#include "tessarel/errors.h"
+#include "tessarel/ui.h"
+#include "xmlsig/xml_signature.h"
 
 namespace tessarel {
 
-void TSignEArchivia::ApriIndice(const std::string&, const std::string&, bool) {
-  NotAvailableYet("ApriIndice");
+namespace {
+
+constexpr const char* kRootName = "IndiceFile";
+
+// The index location: empty means beside the program; a value whose file name is not
+// index.xml (in any case) is a folder.
+std::string index_location(const std::string& patharchivia) {
+  std::string path = patharchivia.empty() ? ExecutableDir() + "/archiviazione/index.xml" : patharchivia;
+  if (lower_ascii(ExtractFileName(path)) != "index.xml") {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    path += "/index.xml";
+  }
+  return path;
+}
+
+// Reads the index while other writers are kept out (an advisory shared lock).
+std::unique_ptr<xml::Document> read_index(const std::string& path) {
+  InputFile in(path);
+  ::flock(in.fd(), LOCK_SH);
+  std::uint64_t size = in.size();
+  xml::ParseLimits limits;
+  if (size > limits.max_bytes)
+    throw EElXMLSecurityError("XML document " + path + " of " + std::to_string(size) + " bytes is larger than the limit of " +
+                              std::to_string(limits.max_bytes));
+  Bytes data(static_cast<std::size_t>(size));
+  if (size) in.pread_exact(data.data(), data.size(), 0);
+  return xml::Document::Parse(data.data(), data.size(), "utf-8", limits);
+}
+
+// Temporary files of a writer that was killed while replacing the index.
+void remove_stale_temporaries(const std::string& index_path) {
+  std::error_code ec;
+  std::string prefix = "." + ExtractFileName(index_path) + ".tmp-";
+  for (auto it = std::filesystem::directory_iterator(ExtractFileDir(index_path), ec);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    std::string name = it->path().filename().string();
+    if (name.rfind(prefix, 0) == 0 && name.size() == prefix.size() + 6) std::filesystem::remove(it->path(), ec);
+  }
+}
+
+}  // namespace
+
+std::string TSignEArchivia::archive_folder() const { return ExtractFileDir(Fpatharchivia); }
+
+void TSignEArchivia::IndentElement(xml::Node element, int level) {
+  std::string w = "\n" + std::string(static_cast<std::size_t>(level + 1), '\t');
+  for (xml::Node c = element.first_child(); c; c = c.next_sibling()) {
+    if (!c.is_element()) continue;
+    element.insert_before(FXMLDocument->CreateText(w), c);
+    IndentElement(c, level + 1);
+    c.append_child(FXMLDocument->CreateText(w));
+  }
+}
+
+void TSignEArchivia::SignerFormatElement(void*, xml::Node element, int level, const std::string&,
+                                         std::string& start_whitespace, std::string& end_whitespace) {
+  std::string tabs = level >= 2 ? std::string(static_cast<std::size_t>(level - 1), '\t') : std::string();
+  start_whitespace = "\n" + tabs;
+  if (element.has_element_children()) end_whitespace = "\n" + tabs;
+}
+
+void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::string& idCert, bool detached) {
+  isModified = false;
+  Fpatharchivia = index_location(patharchivia);
+  FidCert = idCert;
+  Fdetached = detached;
+  CollisionAction = -1;
+  // Until this completes no index is open: a failure leaves the engine closed.
+  FXMLDocument.reset();
+  Cert.reset();
+  std::unique_ptr<xml::Document> doc;
+  remove_stale_temporaries(Fpatharchivia);
+  if (FileExists(Fpatharchivia)) {
+    doc = read_index(Fpatharchivia);
+  } else {
+    std::string folder = ExtractFileDir(Fpatharchivia);
+    if (!ForceDirectories(folder)) throw Exception("Impossibile accedere alla cartella: " + folder);
+    if (DirectoryExists(Fpatharchivia)) throw EFOpenError("Cannot open file \"" + Fpatharchivia + "\". Is a directory");
+    doc = std::make_unique<xml::Document>();
+  }
+  FXMLDocument = std::move(doc);
+  try {
+    if (!FXMLDocument->root()) {
+      xml::Node root = FXMLDocument->CreateElement(kRootName);
+      FXMLDocument->set_root(root);
+      xml::Node pi = FXMLDocument->CreateProcessingInstruction("xml-stylesheet", "type=\"text/xsl\" href=\"index.xsl\"");
+      FXMLDocument->node().insert_before(pi, FXMLDocument->first_child());
+      root.set_attribute("Creato_il", FormatShortDate(Date()));
+      IndentElement(root, 0);
+    }
+    if (FXMLDocument->root().name() != kRootName)
+      throw Exception("File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
+    const Certificate* found = TrovaCertificato(idCert);
+    if (!found) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
+    Cert = *found;
+    if (!ChiaveValida(idCert)) throw Exception("Chiave non trovata. Impossibile applicare la Firma Digitale.");
+    RimuoviFirmaXml(FXMLDocument->root());
+  } catch (...) {
+    FXMLDocument.reset();
+    Cert.reset();
+    throw;
+  }
 }
 
 void TSignEArchivia::ChiudiIndice() {
-  if (!isModified) return;
-  NotAvailableYet("ChiudiIndice");
+  if (!isModified || !FXMLDocument) return;
+  xml::Node root = FXMLDocument->root();
+  if (!root) throw Exception("File indice non valido");
+  root.set_attribute("modificato_il", FormatShortDate(Date()));
+  // A signature from an earlier close of this session goes first: one signature per index.
+  RimuoviFirmaXml(root);
+
+  // The signature is computed over the document as a parser reads it back, so markup that
+  // records carry as text becomes elements. Without such text the document already is that.
+  if (FXMLDocument->HasRawText()) {
+    std::string text = FXMLDocument->Serialize();
+    FXMLDocument = xml::Document::Parse(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), "");
+    root = FXMLDocument->root();
+  }
+
+  if (!Cert) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
+  std::unique_ptr<SigningKey> key = ChiaveDiFirma(*Cert);
+  TElXMLReferenceList references;
+  auto reference = std::make_unique<TElXMLReference>();
+  reference->FDigestMethod = TElXMLDigestMethod::xdmSHA1;
+  reference->FURINode = root;
+  reference->SetURI("");
+  reference->FTransformChain.Add(std::make_unique<TElXMLEnvelopedSignatureTransform>());
+  references.Add(std::move(reference));
+  TElXMLKeyInfoX509Data key_data;
+  key_data.FCertificate = *Cert;
+  key_data.FKey = key.get();
+  TElXMLSigner signer;
+  signer.FOnFormatElement = [this](TElXMLSigner& sender, xml::Node e, int level, const std::string& path, std::string& start,
+                                   std::string& end) { SignerFormatElement(&sender, e, level, path, start, end); };
+  signer.FSignatureType = TElXMLSignatureType::xstEnveloped;
+  signer.SetCanonicalizationMethod(1);
+  signer.FSignatureMethodType = TElXMLSigMethodType::xmtSig;
+  signer.FSignatureMethod = TElXMLSignatureMethod::xsmRSA_SHA1;
+  signer.FMACMethod = TElXMLMACMethod::xmmHMAC_SHA1;
+  signer.SetReferences(&references);
+  signer.FKeyName = "";
+  signer.FIncludeKey = true;
+  signer.FKeyData = &key_data;
+  signer.UpdateReferencesDigest(*FXMLDocument);
+  signer.GenerateSignature();
+  try {
+    signer.Save(*FXMLDocument, root);
+  } catch (const std::exception& e) {
+    throw EElXMLSecurityError(std::string("Errore durante la firma o Comando Annullato. (") + e.what() + ")");
+  }
+
+  // Replaced whole: a crash leaves the previous signed index or this one.
+  try {
+    AtomicFileWriter out(Fpatharchivia);
+    FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });
+    out.commit();
+  } catch (const std::exception& e) {
+    currentUi().message_box(MessageKind::Error, MessageButtons::Ok, std::string("Error: ") + e.what());
+  }
 }
 
 }  // namespace tessarel

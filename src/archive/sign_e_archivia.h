@@ -6,14 +6,11 @@
 #include <optional>
 #include <string>
 
+#include "platform/xml/dom.h"
 #include "tessarel/certificate.h"
 #include "tessarel/sign_e_archivia.h"
 
 namespace tessarel {
-
-namespace xml {
-class Document;
-}
 
 // Raises tessarel::Exception saying that the operation is not part of this build yet.
 [[noreturn]] void NotAvailableYet(const char* operation);
@@ -44,6 +41,19 @@ class TSignEArchivia : public ISignEArchivia {
 
   // Path of a new, empty, uniquely named file in the temporary folder.
   std::string GenerateTempFilename();
+
+  // Indents the element children of a new element: a line feed and level + 1 tabs before
+  // each, and as the last content of each.
+  void IndentElement(xml::Node element, int level);
+  // Formatting of the index signature: a line feed and level - 1 tabs before each start tag,
+  // and before the end tag of an element that has element children.
+  void SignerFormatElement(void* sender, xml::Node element, int level, const std::string& path,
+                           std::string& start_whitespace, std::string& end_whitespace);
+
+  // The index document (null when no index is open).
+  xml::Document* document() const { return FXMLDocument.get(); }
+  // The archive folder (the folder of index.xml).
+  std::string archive_folder() const;
 
   // State, readable by the engine's own parts and by tests.
   bool index_open() const { return FXMLDocument != nullptr; }

@@ -48,4 +48,8 @@ inline Bytes sha1(const Bytes& data) {
 
 Bytes random_bytes(std::size_t n);
 
+// Base64 without line breaks; decoding skips white space and raises on anything else.
+std::string base64_encode(const Bytes& data);
+Bytes base64_decode(const std::string& text);
+
 }  // namespace tessarel::crypto

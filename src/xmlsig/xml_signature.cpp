@@ -1,0 +1,538 @@
+#include "xmlsig/xml_signature.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "platform/crypto/digest.h"
+#include "platform/crypto/keygen.h"
+#include "platform/crypto/pkey.h"
+
+namespace tessarel {
+
+namespace {
+
+constexpr const char* kMissingElement = "Element not found";
+
+[[noreturn]] void security_error(const std::string& m) { throw EElXMLSecurityError(m); }
+
+const char* const kC14NUris[] = {
+    "",
+    dsig::kC14N,
+    dsig::kC14NWithComments,
+    "http://www.w3.org/2001/10/xml-exc-c14n#",
+    "http://www.w3.org/2001/10/xml-exc-c14n#WithComments",
+    "http://www.w3.org/2000/09/xmldsig#minimal",
+    "http://www.w3.org/2006/12/xml-c14n11",
+    "http://www.w3.org/2006/12/xml-c14n11#WithComments",
+};
+
+struct DigestUri {
+  TElXMLDigestMethod method;
+  const char* uri;
+  DigestAlgorithm alg;
+};
+const DigestUri kDigestUris[] = {
+    {TElXMLDigestMethod::xdmMD5, "http://www.w3.org/2001/04/xmldsig-more#md5", DigestAlgorithm::MD5},
+    {TElXMLDigestMethod::xdmSHA1, dsig::kSha1, DigestAlgorithm::SHA1},
+    {TElXMLDigestMethod::xdmSHA224, "http://www.w3.org/2001/04/xmldsig-more#sha224", DigestAlgorithm::SHA224},
+    {TElXMLDigestMethod::xdmSHA256, "http://www.w3.org/2001/04/xmlenc#sha256", DigestAlgorithm::SHA256},
+    {TElXMLDigestMethod::xdmSHA384, "http://www.w3.org/2001/04/xmldsig-more#sha384", DigestAlgorithm::SHA384},
+    {TElXMLDigestMethod::xdmSHA512, "http://www.w3.org/2001/04/xmlenc#sha512", DigestAlgorithm::SHA512},
+    {TElXMLDigestMethod::xdmRIPEMD160, "http://www.w3.org/2001/04/xmlenc#ripemd160", DigestAlgorithm::RIPEMD160},
+};
+
+struct MethodUri {
+  TElXMLSignatureMethod method;
+  const char* uri;
+  DigestAlgorithm hash;
+};
+const MethodUri kMethodUris[] = {
+    {TElXMLSignatureMethod::xsmDSS, "http://www.w3.org/2000/09/xmldsig#dsa-sha1", DigestAlgorithm::SHA1},
+    {TElXMLSignatureMethod::xsmRSA_MD5, "http://www.w3.org/2001/04/xmldsig-more#rsa-md5", DigestAlgorithm::MD5},
+    {TElXMLSignatureMethod::xsmRSA_SHA1, dsig::kRsaSha1, DigestAlgorithm::SHA1},
+    {TElXMLSignatureMethod::xsmRSA_SHA256, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha256", DigestAlgorithm::SHA256},
+    {TElXMLSignatureMethod::xsmRSA_SHA384, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha384", DigestAlgorithm::SHA384},
+    {TElXMLSignatureMethod::xsmRSA_SHA512, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha512", DigestAlgorithm::SHA512},
+    {TElXMLSignatureMethod::xsmRSA_RIPEMD160, "http://www.w3.org/2001/04/xmldsig-more/rsa-ripemd160", DigestAlgorithm::RIPEMD160},
+};
+
+DigestAlgorithm digest_of(TElXMLDigestMethod m) {
+  for (const auto& d : kDigestUris)
+    if (d.method == m) return d.alg;
+  security_error("Digest method not supported.");
+}
+
+bool is_rsa_method(TElXMLSignatureMethod m) {
+  return m == TElXMLSignatureMethod::xsmRSA_MD5 || m == TElXMLSignatureMethod::xsmRSA_SHA1 ||
+         m == TElXMLSignatureMethod::xsmRSA_SHA256 || m == TElXMLSignatureMethod::xsmRSA_SHA384 ||
+         m == TElXMLSignatureMethod::xsmRSA_SHA512 || m == TElXMLSignatureMethod::xsmRSA_RIPEMD160;
+}
+
+DigestAlgorithm method_hash(TElXMLSignatureMethod m) {
+  for (const auto& d : kMethodUris)
+    if (d.method == m) return d.hash;
+  security_error("Signature method not supported.");
+}
+
+bool is_dsig(const xml::Node& n, const char* local) {
+  return n.is_element() && n.local_name() == local && n.namespace_uri() == xml::kDsigNamespace;
+}
+
+xml::Node dsig_child(const xml::Node& n, const char* local) {
+  for (xml::Node c = n.first_child(); c; c = c.next_sibling())
+    if (is_dsig(c, local)) return c;
+  return xml::Node();
+}
+
+bool whitespace_only(const std::string& s) {
+  return std::all_of(s.begin(), s.end(), [](char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; });
+}
+
+std::string escape_dn_value(const std::string& v) {
+  std::string out;
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(v[i]);
+    bool edge_space = c <= 32 && (i == 0 || i + 1 == v.size());
+    if (edge_space || c < 32 || c == 127) {
+      char buf[4];
+      std::snprintf(buf, sizeof buf, "\\%02X", c);
+      out += buf;
+    } else if ((i == 0 && c == '#') || std::string(",=+<>\\;\"").find(static_cast<char>(c)) != std::string::npos) {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+// Element description, written into the document through the format handler.
+struct Spec {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> attributes;
+  std::string text;
+  std::vector<Spec> children;
+  bool empty_attribute_uri = false;
+};
+
+}  // namespace
+
+std::string CanonicalizationURI(int code) {
+  if (code < 1 || code > 7) security_error("No canonicalization method used.");
+  return kC14NUris[code];
+}
+
+int CanonicalizationCode(const std::string& uri) {
+  for (int i = 1; i <= 7; ++i)
+    if (uri == kC14NUris[i]) return i;
+  return 0;
+}
+
+std::string SignatureMethodURI(TElXMLSignatureMethod m) {
+  for (const auto& d : kMethodUris)
+    if (d.method == m) return d.uri;
+  security_error("Signature method not supported.");
+}
+
+std::string DigestMethodURI(TElXMLDigestMethod m) {
+  for (const auto& d : kDigestUris)
+    if (d.method == m) return d.uri;
+  security_error("Digest method not supported.");
+}
+
+std::string DistinguishedNameText(const std::vector<NameAttribute>& attributes) {
+  static const std::pair<const char*, const char*> kNames[] = {
+      {"2.5.4.3", "CN"},  {"2.5.4.6", "C"},      {"2.5.4.10", "O"}, {"2.5.4.11", "OU"},
+      {"1.2.840.113549.1.9.1", "E"}, {"2.5.4.7", "L"}, {"2.5.4.8", "ST"}, {"2.5.4.9", "STREET"},
+      {"0.9.2342.19200300.100.1.1", "UID"}, {"0.9.2342.19200300.100.1.25", "DC"}};
+  std::string out;
+  for (auto it = attributes.rbegin(); it != attributes.rend(); ++it) {
+    std::string name = it->oid;
+    for (const auto& [oid, short_name] : kNames)
+      if (it->oid == oid) name = short_name;
+    if (!out.empty()) out += ", ";
+    out += name + "=" + escape_dn_value(it->value);
+  }
+  return out;
+}
+
+void CanonicalizeWithout(const xml::Document& doc, const std::vector<xml::Node>& excluded,
+                         const std::function<void(const char*, std::size_t)>& sink) {
+  auto visible = [&](xml::Node node, xml::Node parent) {
+    for (xml::Node n = xml::OwnerElement(node, parent); n; n = n.parent())
+      for (const auto& e : excluded)
+        if (n == e) return false;
+    return true;
+  };
+  doc.Canonicalize(visible, sink);
+}
+
+// ---- signer ----
+
+void TElXMLSigner::SetCanonicalizationMethod(int code) {
+  if (code == 0) security_error("No canonicalization method used.");
+  CanonicalizationURI(code);
+  FCanonicalizationMethod = code;
+}
+
+void TElXMLSigner::UpdateReferencesDigest(xml::Document& doc) {
+  if (!FReferences) return;
+  for (auto& ref : FReferences->FReferences) {
+    bool enveloped = false;
+    for (const auto& t : ref->FTransformChain.FTransforms)
+      if (t->FTransformAlgorithmURI == dsig::kEnveloped) enveloped = true;
+    // The enveloped transform takes every signature of the document out of the node set.
+    std::vector<xml::Node> excluded;
+    if (enveloped) {
+      std::function<void(xml::Node)> collect = [&](xml::Node n) {
+        for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
+          if (is_dsig(c, "Signature"))
+            excluded.push_back(c);
+          else if (c.is_element())
+            collect(c);
+        }
+      };
+      collect(doc.node());
+    }
+    crypto::Hasher hasher(digest_of(ref->FDigestMethod));
+    std::uint64_t bytes = 0;
+    auto sink = [&](const char* p, std::size_t n) {
+      hasher.update(p, n);
+      bytes += n;
+    };
+    if (ref->FURI.empty()) {
+      CanonicalizeWithout(doc, excluded, sink);
+    } else {
+      xml::Node target = ref->FURI[0] == '#' ? doc.FindById(ref->FURI.substr(1)) : xml::Node();
+      if (!target) security_error("Reference target not found: " + ref->FURI);
+      std::string c = doc.CanonicalizeSubtree(target);
+      sink(c.data(), c.size());
+    }
+    if (bytes == 0) security_error("Transform chain returned no data.");
+    ref->FDigestValue = hasher.finish();
+  }
+}
+
+void TElXMLSigner::GenerateSignature() {
+  if (!FKeyData) security_error("No key data available.");
+  if (!FKeyData->FCertificate) security_error("No key data available.");
+  if (!FKeyData->FKey) security_error("The signing certificate has no private key");
+  SignatureMethodURI(FSignatureMethod);
+  KeyKind key = FKeyData->FKey->kind();
+  KeyKind cert = FKeyData->FCertificate->key_kind();
+  if (is_rsa_method(FSignatureMethod)) {
+    if (cert != KeyKind::Rsa) security_error("Signature method not supported for this type of the certificate.");
+    if (key != KeyKind::Rsa) security_error("RSA key data expected.");
+  } else if (FSignatureMethod == TElXMLSignatureMethod::xsmDSS) {
+    if (cert != KeyKind::Dsa) security_error("Signature method not supported for this type of the certificate.");
+    if (key != KeyKind::Dsa) security_error("DSA key data expected.");
+  } else {
+    security_error("Signature method not supported.");
+  }
+  generated_ = true;
+}
+
+void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
+  if (!target) security_error(kMissingElement);
+  if (!generated_) GenerateSignature();
+  const Certificate& cert = *FKeyData->FCertificate;
+
+  Spec signed_info{"SignedInfo", {}, "", {}};
+  signed_info.children.push_back({"CanonicalizationMethod", {{"Algorithm", CanonicalizationURI(FCanonicalizationMethod)}}, "", {}});
+  signed_info.children.push_back({"SignatureMethod", {{"Algorithm", SignatureMethodURI(FSignatureMethod)}}, "", {}});
+  for (auto& ref : FReferences->FReferences) {
+    Spec r{"Reference", {}, "", {}};
+    if (ref->FHasURI) r.attributes.push_back({"URI", ref->FURI});
+    if (!ref->FTransformChain.FTransforms.empty()) {
+      Spec transforms{"Transforms", {}, "", {}};
+      for (const auto& t : ref->FTransformChain.FTransforms)
+        transforms.children.push_back({"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
+      r.children.push_back(transforms);
+    }
+    r.children.push_back({"DigestMethod", {{"Algorithm", DigestMethodURI(ref->FDigestMethod)}}, "", {}});
+    r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref->FDigestValue), {}});
+    signed_info.children.push_back(r);
+  }
+  Spec key_info{"KeyInfo", {}, "", {}};
+  if (!FKeyName.empty()) key_info.children.push_back({"KeyName", {}, FKeyName, {}});
+  if (FIncludeKey) {
+    auto pub = crypto::PublicKey::from_certificate(cert);
+    if (FKeyData->FIncludeKeyValue) {
+      if (cert.key_kind() == KeyKind::Rsa) {
+        key_info.children.push_back(
+            {"KeyValue", {}, "", {{"RSAKeyValue", {}, "", {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
+                                                          {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}});
+      } else if (cert.key_kind() == KeyKind::Dsa) {
+        key_info.children.push_back({"KeyValue", {}, "", {{"DSAKeyValue", {}, "", {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
+                                                                                  {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
+                                                                                  {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
+                                                                                  {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}});
+      }
+    }
+    Spec x509{"X509Data", {}, "", {}};
+    unsigned params = FKeyData->FIncludeDataParams;
+    if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
+      x509.children.push_back({"X509IssuerSerial", {}, "", {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
+                                                            {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
+    if ((params & TElXMLKeyInfoX509Data::xkidX509SKI) && !cert.subject_key_identifier().empty())
+      x509.children.push_back({"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
+    if (params & TElXMLKeyInfoX509Data::xkidX509SubjectName)
+      x509.children.push_back({"X509SubjectName", {}, DistinguishedNameText(cert.subject()), {}});
+    if (params & TElXMLKeyInfoX509Data::xkidX509Certificate)
+      x509.children.push_back({"X509Certificate", {}, crypto::base64_encode(cert.der()), {}});
+    if (!x509.children.empty()) key_info.children.push_back(x509);
+  }
+  Spec signature{"Signature", {}, "", {signed_info, {"SignatureValue", {}, "", {}}}};
+  if (!key_info.children.empty()) signature.children.push_back(key_info);
+
+  // Writes an element, its children, then asks the handler for the white space around it.
+  xml::Node ns_holder;
+  std::function<xml::Node(const Spec&, int, const std::string&, std::string&)> write =
+      [&](const Spec& s, int level, const std::string& path, std::string& start_ws) -> xml::Node {
+    xml::Node e = ns_holder ? doc.CreateElementLike(ns_holder, s.name) : doc.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
+    if (!ns_holder) ns_holder = e;
+    for (const auto& [name, value] : s.attributes) e.set_attribute(name, value);
+    for (const auto& c : s.children) {
+      std::string child_ws;
+      xml::Node child = write(c, level + 1, path + "/" + c.name, child_ws);
+      if (!child_ws.empty()) e.append_child(doc.CreateText(child_ws));
+      e.append_child(child);
+    }
+    if (!s.text.empty()) e.append_child(doc.CreateText(s.text));
+    std::string end_ws;
+    if (FOnFormatElement) FOnFormatElement(*this, e, level, path, start_ws, end_ws);
+    if (!end_ws.empty()) e.append_child(doc.CreateText(end_ws));
+    return e;
+  };
+  std::string start_ws;
+  xml::Node sig = write(signature, 1, "Signature", start_ws);
+
+  // Placed last in the target. Trailing white space of the target is replaced by the
+  // signature's own line breaks, so signing, stripping and signing again gives the same file.
+  while (target.last_child() && target.last_child().is_text() && whitespace_only(target.last_child().text())) {
+    xml::Node ws = target.last_child();
+    ws.unlink();
+  }
+  if (!start_ws.empty()) target.append_child(doc.CreateText(start_ws));
+  target.append_child(sig);
+  if (!start_ws.empty()) target.append_child(doc.CreateText("\n"));
+
+  xml::Node si = dsig_child(sig, "SignedInfo");
+  if (!si) security_error("Invalid element: SignedInfo");
+  // The white space placed around the signature belongs to the signed document: the
+  // digests are taken again now that the signature stands where it will stay.
+  UpdateReferencesDigest(doc);
+  int index = 0;
+  for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
+    if (!is_dsig(r, "Reference")) continue;
+    xml::Node dv = dsig_child(r, "DigestValue");
+    if (dv && index < FReferences->Count()) dv.set_text(crypto::base64_encode(FReferences->Reference(index).FDigestValue));
+    ++index;
+  }
+  std::string canonical = doc.CanonicalizeSubtree(si, FCanonicalizationMethod == 3 || FCanonicalizationMethod == 4,
+                                                  FCanonicalizationMethod == 2 || FCanonicalizationMethod == 4);
+  FSignedInfo.assign(canonical.begin(), canonical.end());
+  DigestAlgorithm h = method_hash(FSignatureMethod);
+  Bytes value = FKeyData->FKey->sign_digest(h, crypto::digest(h, FSignedInfo));
+  dsig_child(sig, "SignatureValue").append_child(doc.CreateText(crypto::base64_encode(value)));
+}
+
+// ---- verifier ----
+
+void TElXMLVerifier::Load(xml::Node element) {
+  references_.clear();
+  FKeyName.clear();
+  signature_value_.clear();
+  certificate_der_.clear();
+  FSourceNode = xml::Node();
+  FSignatureType = 0;
+  if (!element) security_error(kMissingElement);
+  xml::Node sig;
+  if (element.is_element() && element.local_name() == "Signature" &&
+      (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature")) {
+    sig = element;
+  } else {
+    std::function<xml::Node(xml::Node, const char*, const char*)> find = [&](xml::Node n, const char* local, const char* ns) {
+      for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
+        if (!c.is_element()) continue;
+        if (c.local_name() == local && c.namespace_uri() == ns) return c;
+        if (xml::Node f = find(c, local, ns)) return f;
+      }
+      return xml::Node();
+    };
+    sig = find(element, "Signature", xml::kDsigNamespace);
+    if (!sig) sig = find(element, "AuthSignature", "http://www.ebics.org/H003");
+  }
+  if (!sig) security_error("Invalid element: no Signature found in " + element.name());
+
+  xml::Node si = dsig_child(sig, "SignedInfo");
+  if (!si) security_error("Invalid element: Signature without SignedInfo");
+  xml::Node cm = dsig_child(si, "CanonicalizationMethod");
+  FCanonicalizationMethod = cm ? CanonicalizationCode(cm.attribute("Algorithm")) : 0;
+  xml::Node sm = dsig_child(si, "SignatureMethod");
+  signature_method_uri_ = sm ? sm.attribute("Algorithm") : "";
+  FSignatureMethodType = signature_method_uri_.find("hmac") != std::string::npos ? TElXMLSigMethodType::xmtMAC
+                                                                                 : TElXMLSigMethodType::xmtSig;
+  for (const auto& m : kMethodUris)
+    if (signature_method_uri_ == m.uri) FSignatureMethod = m.method;
+  for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
+    if (!is_dsig(r, "Reference")) continue;
+    LoadedReference ref;
+    ref.has_uri = r.has_attribute("URI");
+    ref.uri = r.attribute("URI");
+    if (xml::Node ts = dsig_child(r, "Transforms"))
+      for (xml::Node t = ts.first_child(); t; t = t.next_sibling())
+        if (is_dsig(t, "Transform")) ref.transforms.push_back(t.attribute("Algorithm"));
+    if (xml::Node dm = dsig_child(r, "DigestMethod")) ref.digest_method = dm.attribute("Algorithm");
+    if (xml::Node dv = dsig_child(r, "DigestValue")) {
+      try {
+        ref.digest_value = crypto::base64_decode(dv.text());
+      } catch (const Exception&) {
+        ref.digest_value.clear();
+      }
+    }
+    // A reference into the signature's own objects makes it enveloping; one into the rest
+    // of the document, enveloped.
+    bool inside = false;
+    if (!ref.uri.empty() && ref.uri[0] == '#') {
+      for (xml::Node o = sig.first_child(); o; o = o.next_sibling())
+        if (is_dsig(o, "Object") && o.attribute("Id") == ref.uri.substr(1)) inside = true;
+    }
+    FSignatureType |= inside ? (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))
+                             : (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloped));
+    references_.push_back(ref);
+  }
+  if (xml::Node sv = dsig_child(sig, "SignatureValue")) {
+    try {
+      signature_value_ = crypto::base64_decode(sv.text());
+    } catch (const Exception&) {
+      signature_value_.clear();
+    }
+  }
+  if (xml::Node ki = dsig_child(sig, "KeyInfo")) {
+    if (xml::Node kn = dsig_child(ki, "KeyName")) FKeyName = kn.text();
+    if (xml::Node xd = dsig_child(ki, "X509Data"))
+      if (xml::Node xc = dsig_child(xd, "X509Certificate")) {
+        try {
+          certificate_der_ = crypto::base64_decode(xc.text());
+        } catch (const Exception&) {
+          certificate_der_.clear();
+        }
+      }
+  }
+  FSourceNode = sig;
+}
+
+void TElXMLVerifier::RemoveSignature() {
+  if (!FSourceNode) security_error("Signature not loaded or already removed.");
+  xml::Node sig = FSourceNode;
+  if (FSignatureType & (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))) {
+    // The objects' content goes back where the signature was.
+    xml::Node parent = sig.parent();
+    (void)parent;
+    for (xml::Node o = sig.first_child(); o; o = o.next_sibling()) {
+      if (!is_dsig(o, "Object")) continue;
+      for (xml::Node c = o.first_child(); c;) {
+        xml::Node next = c.next_sibling();
+        if (!(c.is_element() && (c.local_name() == "QualifyingProperties" || c.local_name() == "QualifyingPropertiesReferences")))
+          sig.parent().insert_before(c, sig);
+        c = next;
+      }
+    }
+  }
+  sig.unlink();
+  FSourceNode = xml::Node();
+}
+
+XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
+  XmlSignatureCheck out;
+  if (!FSourceNode) {
+    out.problems.push_back("no signature loaded");
+    return out;
+  }
+  out.signature_found = true;
+  if (!certificate_der_.empty()) {
+    try {
+      out.certificate = Certificate::from_der(certificate_der_);
+    } catch (const Exception&) {
+      out.problems.push_back("the X509Certificate of the signature is not a certificate");
+    }
+  } else {
+    out.problems.push_back("the signature carries no X509Certificate");
+  }
+  if (references_.empty()) out.problems.push_back("the signature has no reference");
+  bool refs_ok = !references_.empty();
+  for (const auto& ref : references_) {
+    DigestAlgorithm alg = DigestAlgorithm::Unknown;
+    for (const auto& d : kDigestUris)
+      if (ref.digest_method == d.uri) alg = d.alg;
+    if (alg == DigestAlgorithm::Unknown) {
+      out.problems.push_back("unsupported digest method " + ref.digest_method);
+      refs_ok = false;
+      continue;
+    }
+    bool enveloped = false, supported = true;
+    for (const auto& t : ref.transforms) {
+      if (t == dsig::kEnveloped)
+        enveloped = true;
+      else if (t != dsig::kC14N)
+        supported = false;
+    }
+    if (!supported) {
+      out.problems.push_back("unsupported transform in a reference");
+      refs_ok = false;
+      continue;
+    }
+    crypto::Hasher hasher(alg);
+    auto sink = [&](const char* p, std::size_t n) { hasher.update(p, n); };
+    if (ref.uri.empty()) {
+      std::vector<xml::Node> excluded;
+      if (enveloped) excluded.push_back(FSourceNode);
+      CanonicalizeWithout(doc, excluded, sink);
+    } else if (ref.uri[0] == '#') {
+      xml::Node target = doc.FindById(ref.uri.substr(1));
+      if (!target) {
+        out.problems.push_back("reference " + ref.uri + " points at nothing");
+        refs_ok = false;
+        continue;
+      }
+      std::string c = doc.CanonicalizeSubtree(target);
+      sink(c.data(), c.size());
+    } else {
+      out.problems.push_back("external reference " + ref.uri + " not followed");
+      refs_ok = false;
+      continue;
+    }
+    if (hasher.finish() != ref.digest_value) {
+      out.problems.push_back("the document does not match the signed digest (reference \"" + ref.uri + "\")");
+      refs_ok = false;
+    }
+  }
+  out.references_valid = refs_ok;
+
+  xml::Node si = dsig_child(FSourceNode, "SignedInfo");
+  if (FCanonicalizationMethod < 1 || FCanonicalizationMethod > 4) {
+    out.problems.push_back("unsupported canonicalization method");
+  } else if (out.certificate) {
+    std::string canonical = doc.CanonicalizeSubtree(si, FCanonicalizationMethod >= 3, FCanonicalizationMethod % 2 == 0);
+    Bytes data(canonical.begin(), canonical.end());
+    DigestAlgorithm h = DigestAlgorithm::Unknown;
+    bool rsa = false;
+    for (const auto& m : kMethodUris)
+      if (signature_method_uri_ == m.uri) {
+        h = m.hash;
+        rsa = is_rsa_method(m.method);
+      }
+    if (!rsa || h == DigestAlgorithm::Unknown) {
+      out.problems.push_back("unsupported signature method " + signature_method_uri_);
+    } else {
+      auto pub = crypto::PublicKey::from_certificate(*out.certificate);
+      out.signature_valid = pub.kind() == KeyKind::Rsa && crypto::verify_message(pub.get(), h, data, signature_value_);
+      if (!out.signature_valid) out.problems.push_back("the signature value does not verify with the signature's certificate");
+    }
+  }
+  return out;
+}
+
+}  // namespace tessarel
