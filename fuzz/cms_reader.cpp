@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const Exception&) {
     return 0;
   }
-  for (int i = 0; i < message.SignatureCount(); ++i) TElCAdESSignatureProcessor(message.GetSignature(i)).IsBES();
+  for (int i = 0; i < message.SignatureCount(); ++i)
+    TElCAdESSignatureProcessor(message.GetSignature(i)).IsBES();
   try {
     VerifySignedMessage(message);
   } catch (const Exception&) {

@@ -22,9 +22,11 @@ constexpr const char* kRootName = "IndiceFile";
 // The index location: empty means beside the program; a value whose file name is not
 // index.xml (in any case) is a folder.
 std::string index_location(const std::string& patharchivia) {
-  std::string path = patharchivia.empty() ? ExecutableDir() + "/archiviazione/index.xml" : patharchivia;
+  std::string path =
+      patharchivia.empty() ? ExecutableDir() + "/archiviazione/index.xml" : patharchivia;
   if (lower_ascii(ExtractFileName(path)) != "index.xml") {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    while (path.size() > 1 && path.back() == '/')
+      path.pop_back();
     path += "/index.xml";
   }
   return path;
@@ -34,14 +36,7 @@ std::string index_location(const std::string& patharchivia) {
 std::unique_ptr<xml::Document> read_index(const std::string& path) {
   InputFile in(path);
   ::flock(in.fd(), LOCK_SH);
-  std::uint64_t size = in.size();
-  xml::ParseLimits limits;
-  if (size > limits.max_bytes)
-    throw EElXMLSecurityError("XML document " + path + " of " + std::to_string(size) + " bytes is larger than the limit of " +
-                              std::to_string(limits.max_bytes));
-  Bytes data(static_cast<std::size_t>(size));
-  if (size) in.pread_exact(data.data(), data.size(), 0);
-  return xml::Document::Parse(data.data(), data.size(), "utf-8", limits);
+  return xml::Document::ParseFd(in.fd(), in.size(), path, "utf-8");
 }
 
 // Temporary files of a writer that was killed while replacing the index.
@@ -51,13 +46,16 @@ void remove_stale_temporaries(const std::string& index_path) {
   for (auto it = std::filesystem::directory_iterator(ExtractFileDir(index_path), ec);
        !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
     std::string name = it->path().filename().string();
-    if (name.rfind(prefix, 0) == 0 && name.size() == prefix.size() + 6) std::filesystem::remove(it->path(), ec);
+    if (name.rfind(prefix, 0) == 0 && name.size() == prefix.size() + 6)
+      std::filesystem::remove(it->path(), ec);
   }
 }
 
 }  // namespace
 
-std::string TSignEArchivia::archive_folder() const { return ExtractFileDir(Fpatharchivia); }
+std::string TSignEArchivia::archive_folder() const {
+  return ExtractFileDir(Fpatharchivia);
+}
 
 void TSignEArchivia::IndentElement(xml::Node element, int level) {
   std::string w = "\n" + std::string(static_cast<std::size_t>(level + 1), '\t');
@@ -70,13 +68,16 @@ void TSignEArchivia::IndentElement(xml::Node element, int level) {
 }
 
 void TSignEArchivia::SignerFormatElement(void*, xml::Node element, int level, const std::string&,
-                                         std::string& start_whitespace, std::string& end_whitespace) {
-  std::string tabs = level >= 2 ? std::string(static_cast<std::size_t>(level - 1), '\t') : std::string();
+                                         std::string& start_whitespace,
+                                         std::string& end_whitespace) {
+  std::string tabs =
+      level >= 2 ? std::string(static_cast<std::size_t>(level - 1), '\t') : std::string();
   start_whitespace = "\n" + tabs;
   if (element.has_element_children()) end_whitespace = "\n" + tabs;
 }
 
-void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::string& idCert, bool detached) {
+void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::string& idCert,
+                                bool detached) {
   isModified = false;
   Fpatharchivia = index_location(patharchivia);
   FidCert = idCert;
@@ -92,7 +93,8 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
   } else {
     std::string folder = ExtractFileDir(Fpatharchivia);
     if (!ForceDirectories(folder)) throw Exception("Impossibile accedere alla cartella: " + folder);
-    if (DirectoryExists(Fpatharchivia)) throw EFOpenError("Cannot open file \"" + Fpatharchivia + "\". Is a directory");
+    if (DirectoryExists(Fpatharchivia))
+      throw EFOpenError("Cannot open file \"" + Fpatharchivia + "\". Is a directory");
     doc = std::make_unique<xml::Document>();
   }
   FXMLDocument = std::move(doc);
@@ -100,17 +102,21 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
     if (!FXMLDocument->root()) {
       xml::Node root = FXMLDocument->CreateElement(kRootName);
       FXMLDocument->set_root(root);
-      xml::Node pi = FXMLDocument->CreateProcessingInstruction("xml-stylesheet", "type=\"text/xsl\" href=\"index.xsl\"");
+      xml::Node pi = FXMLDocument->CreateProcessingInstruction(
+          "xml-stylesheet", "type=\"text/xsl\" href=\"index.xsl\"");
       FXMLDocument->node().insert_before(pi, FXMLDocument->first_child());
       root.set_attribute("Creato_il", FormatShortDate(Date()));
       IndentElement(root, 0);
     }
     if (FXMLDocument->root().name() != kRootName)
-      throw Exception("File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
+      throw Exception(
+          "File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
     const Certificate* found = TrovaCertificato(idCert);
-    if (!found) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
+    if (!found)
+      throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
     Cert = *found;
-    if (!ChiaveValida(idCert)) throw Exception("Chiave non trovata. Impossibile applicare la Firma Digitale.");
+    if (!ChiaveValida(idCert))
+      throw Exception("Chiave non trovata. Impossibile applicare la Firma Digitale.");
     RimuoviFirmaXml(FXMLDocument->root());
   } catch (...) {
     FXMLDocument.reset();
@@ -131,7 +137,8 @@ void TSignEArchivia::ChiudiIndice() {
   // records carry as text becomes elements. Without such text the document already is that.
   if (FXMLDocument->HasRawText()) {
     std::string text = FXMLDocument->Serialize();
-    FXMLDocument = xml::Document::Parse(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), "");
+    FXMLDocument =
+        xml::Document::Parse(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), "");
     root = FXMLDocument->root();
   }
 
@@ -148,8 +155,10 @@ void TSignEArchivia::ChiudiIndice() {
   key_data.FCertificate = *Cert;
   key_data.FKey = key.get();
   TElXMLSigner signer;
-  signer.FOnFormatElement = [this](TElXMLSigner& sender, xml::Node e, int level, const std::string& path, std::string& start,
-                                   std::string& end) { SignerFormatElement(&sender, e, level, path, start, end); };
+  signer.FOnFormatElement = [this](TElXMLSigner& sender, xml::Node e, int level,
+                                   const std::string& path, std::string& start, std::string& end) {
+    SignerFormatElement(&sender, e, level, path, start, end);
+  };
   signer.FSignatureType = TElXMLSignatureType::xstEnveloped;
   signer.SetCanonicalizationMethod(1);
   signer.FSignatureMethodType = TElXMLSigMethodType::xmtSig;
@@ -164,7 +173,8 @@ void TSignEArchivia::ChiudiIndice() {
   try {
     signer.Save(*FXMLDocument, root);
   } catch (const std::exception& e) {
-    throw EElXMLSecurityError(std::string("Errore durante la firma o Comando Annullato. (") + e.what() + ")");
+    throw EElXMLSecurityError(std::string("Errore durante la firma o Comando Annullato. (") +
+                              e.what() + ")");
   }
 
   // Replaced whole: a crash leaves the previous signed index or this one.
@@ -173,7 +183,8 @@ void TSignEArchivia::ChiudiIndice() {
     FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });
     out.commit();
   } catch (const std::exception& e) {
-    currentUi().message_box(MessageKind::Error, MessageButtons::Ok, std::string("Error: ") + e.what());
+    currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
+                            std::string("Error: ") + e.what());
   }
 }
 

@@ -19,7 +19,8 @@ void RimuoviFirmaXml(xml::Node node) {
   if (!node) return;
   // Up to the first Signature element, a non-element or a parentless element.
   xml::Node at = node;
-  while (at.is_element() && at.local_name() != "Signature" && at.parent()) at = at.parent();
+  while (at.is_element() && at.local_name() != "Signature" && at.parent())
+    at = at.parent();
   xml::Node start = at.type() == xml::NodeType::Document ? node : at;
   xml::Node root = start;
   if (start.type() == xml::NodeType::Document) {

@@ -13,7 +13,9 @@ namespace {
 
 constexpr const char* kMissingElement = "Element not found";
 
-[[noreturn]] void security_error(const std::string& m) { throw EElXMLSecurityError(m); }
+[[noreturn]] void security_error(const std::string& m) {
+  throw EElXMLSecurityError(m);
+}
 
 const char* const kC14NUris[] = {
     "",
@@ -32,13 +34,19 @@ struct DigestUri {
   DigestAlgorithm alg;
 };
 const DigestUri kDigestUris[] = {
-    {TElXMLDigestMethod::xdmMD5, "http://www.w3.org/2001/04/xmldsig-more#md5", DigestAlgorithm::MD5},
+    {TElXMLDigestMethod::xdmMD5, "http://www.w3.org/2001/04/xmldsig-more#md5",
+     DigestAlgorithm::MD5},
     {TElXMLDigestMethod::xdmSHA1, dsig::kSha1, DigestAlgorithm::SHA1},
-    {TElXMLDigestMethod::xdmSHA224, "http://www.w3.org/2001/04/xmldsig-more#sha224", DigestAlgorithm::SHA224},
-    {TElXMLDigestMethod::xdmSHA256, "http://www.w3.org/2001/04/xmlenc#sha256", DigestAlgorithm::SHA256},
-    {TElXMLDigestMethod::xdmSHA384, "http://www.w3.org/2001/04/xmldsig-more#sha384", DigestAlgorithm::SHA384},
-    {TElXMLDigestMethod::xdmSHA512, "http://www.w3.org/2001/04/xmlenc#sha512", DigestAlgorithm::SHA512},
-    {TElXMLDigestMethod::xdmRIPEMD160, "http://www.w3.org/2001/04/xmlenc#ripemd160", DigestAlgorithm::RIPEMD160},
+    {TElXMLDigestMethod::xdmSHA224, "http://www.w3.org/2001/04/xmldsig-more#sha224",
+     DigestAlgorithm::SHA224},
+    {TElXMLDigestMethod::xdmSHA256, "http://www.w3.org/2001/04/xmlenc#sha256",
+     DigestAlgorithm::SHA256},
+    {TElXMLDigestMethod::xdmSHA384, "http://www.w3.org/2001/04/xmldsig-more#sha384",
+     DigestAlgorithm::SHA384},
+    {TElXMLDigestMethod::xdmSHA512, "http://www.w3.org/2001/04/xmlenc#sha512",
+     DigestAlgorithm::SHA512},
+    {TElXMLDigestMethod::xdmRIPEMD160, "http://www.w3.org/2001/04/xmlenc#ripemd160",
+     DigestAlgorithm::RIPEMD160},
 };
 
 struct MethodUri {
@@ -47,13 +55,19 @@ struct MethodUri {
   DigestAlgorithm hash;
 };
 const MethodUri kMethodUris[] = {
-    {TElXMLSignatureMethod::xsmDSS, "http://www.w3.org/2000/09/xmldsig#dsa-sha1", DigestAlgorithm::SHA1},
-    {TElXMLSignatureMethod::xsmRSA_MD5, "http://www.w3.org/2001/04/xmldsig-more#rsa-md5", DigestAlgorithm::MD5},
+    {TElXMLSignatureMethod::xsmDSS, "http://www.w3.org/2000/09/xmldsig#dsa-sha1",
+     DigestAlgorithm::SHA1},
+    {TElXMLSignatureMethod::xsmRSA_MD5, "http://www.w3.org/2001/04/xmldsig-more#rsa-md5",
+     DigestAlgorithm::MD5},
     {TElXMLSignatureMethod::xsmRSA_SHA1, dsig::kRsaSha1, DigestAlgorithm::SHA1},
-    {TElXMLSignatureMethod::xsmRSA_SHA256, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha256", DigestAlgorithm::SHA256},
-    {TElXMLSignatureMethod::xsmRSA_SHA384, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha384", DigestAlgorithm::SHA384},
-    {TElXMLSignatureMethod::xsmRSA_SHA512, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha512", DigestAlgorithm::SHA512},
-    {TElXMLSignatureMethod::xsmRSA_RIPEMD160, "http://www.w3.org/2001/04/xmldsig-more/rsa-ripemd160", DigestAlgorithm::RIPEMD160},
+    {TElXMLSignatureMethod::xsmRSA_SHA256, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha256",
+     DigestAlgorithm::SHA256},
+    {TElXMLSignatureMethod::xsmRSA_SHA384, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha384",
+     DigestAlgorithm::SHA384},
+    {TElXMLSignatureMethod::xsmRSA_SHA512, "http://www.w3.org/2001/04/xmldsig-more#rsa-sha512",
+     DigestAlgorithm::SHA512},
+    {TElXMLSignatureMethod::xsmRSA_RIPEMD160,
+     "http://www.w3.org/2001/04/xmldsig-more/rsa-ripemd160", DigestAlgorithm::RIPEMD160},
 };
 
 DigestAlgorithm digest_of(TElXMLDigestMethod m) {
@@ -85,7 +99,8 @@ xml::Node dsig_child(const xml::Node& n, const char* local) {
 }
 
 bool whitespace_only(const std::string& s) {
-  return std::all_of(s.begin(), s.end(), [](char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; });
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; });
 }
 
 std::string escape_dn_value(const std::string& v) {
@@ -97,7 +112,8 @@ std::string escape_dn_value(const std::string& v) {
       char buf[4];
       std::snprintf(buf, sizeof buf, "\\%02X", c);
       out += buf;
-    } else if ((i == 0 && c == '#') || std::string(",=+<>\\;\"").find(static_cast<char>(c)) != std::string::npos) {
+    } else if ((i == 0 && c == '#') ||
+               std::string(",=+<>\\;\"").find(static_cast<char>(c)) != std::string::npos) {
       out += '\\';
       out += static_cast<char>(c);
     } else {
@@ -143,9 +159,16 @@ std::string DigestMethodURI(TElXMLDigestMethod m) {
 
 std::string DistinguishedNameText(const std::vector<NameAttribute>& attributes) {
   static const std::pair<const char*, const char*> kNames[] = {
-      {"2.5.4.3", "CN"},  {"2.5.4.6", "C"},      {"2.5.4.10", "O"}, {"2.5.4.11", "OU"},
-      {"1.2.840.113549.1.9.1", "E"}, {"2.5.4.7", "L"}, {"2.5.4.8", "ST"}, {"2.5.4.9", "STREET"},
-      {"0.9.2342.19200300.100.1.1", "UID"}, {"0.9.2342.19200300.100.1.25", "DC"}};
+      {"2.5.4.3", "CN"},
+      {"2.5.4.6", "C"},
+      {"2.5.4.10", "O"},
+      {"2.5.4.11", "OU"},
+      {"1.2.840.113549.1.9.1", "E"},
+      {"2.5.4.7", "L"},
+      {"2.5.4.8", "ST"},
+      {"2.5.4.9", "STREET"},
+      {"0.9.2342.19200300.100.1.1", "UID"},
+      {"0.9.2342.19200300.100.1.25", "DC"}};
   std::string out;
   for (auto it = attributes.rbegin(); it != attributes.rend(); ++it) {
     std::string name = it->oid;
@@ -222,10 +245,12 @@ void TElXMLSigner::GenerateSignature() {
   KeyKind key = FKeyData->FKey->kind();
   KeyKind cert = FKeyData->FCertificate->key_kind();
   if (is_rsa_method(FSignatureMethod)) {
-    if (cert != KeyKind::Rsa) security_error("Signature method not supported for this type of the certificate.");
+    if (cert != KeyKind::Rsa)
+      security_error("Signature method not supported for this type of the certificate.");
     if (key != KeyKind::Rsa) security_error("RSA key data expected.");
   } else if (FSignatureMethod == TElXMLSignatureMethod::xsmDSS) {
-    if (cert != KeyKind::Dsa) security_error("Signature method not supported for this type of the certificate.");
+    if (cert != KeyKind::Dsa)
+      security_error("Signature method not supported for this type of the certificate.");
     if (key != KeyKind::Dsa) security_error("DSA key data expected.");
   } else {
     security_error("Signature method not supported.");
@@ -239,18 +264,24 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   const Certificate& cert = *FKeyData->FCertificate;
 
   Spec signed_info{"SignedInfo", {}, "", {}};
-  signed_info.children.push_back({"CanonicalizationMethod", {{"Algorithm", CanonicalizationURI(FCanonicalizationMethod)}}, "", {}});
-  signed_info.children.push_back({"SignatureMethod", {{"Algorithm", SignatureMethodURI(FSignatureMethod)}}, "", {}});
+  signed_info.children.push_back({"CanonicalizationMethod",
+                                  {{"Algorithm", CanonicalizationURI(FCanonicalizationMethod)}},
+                                  "",
+                                  {}});
+  signed_info.children.push_back(
+      {"SignatureMethod", {{"Algorithm", SignatureMethodURI(FSignatureMethod)}}, "", {}});
   for (auto& ref : FReferences->FReferences) {
     Spec r{"Reference", {}, "", {}};
     if (ref->FHasURI) r.attributes.push_back({"URI", ref->FURI});
     if (!ref->FTransformChain.FTransforms.empty()) {
       Spec transforms{"Transforms", {}, "", {}};
       for (const auto& t : ref->FTransformChain.FTransforms)
-        transforms.children.push_back({"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
+        transforms.children.push_back(
+            {"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
       r.children.push_back(transforms);
     }
-    r.children.push_back({"DigestMethod", {{"Algorithm", DigestMethodURI(ref->FDigestMethod)}}, "", {}});
+    r.children.push_back(
+        {"DigestMethod", {{"Algorithm", DigestMethodURI(ref->FDigestMethod)}}, "", {}});
     r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref->FDigestValue), {}});
     signed_info.children.push_back(r);
   }
@@ -261,22 +292,38 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
     if (FKeyData->FIncludeKeyValue) {
       if (cert.key_kind() == KeyKind::Rsa) {
         key_info.children.push_back(
-            {"KeyValue", {}, "", {{"RSAKeyValue", {}, "", {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
-                                                          {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}});
+            {"KeyValue",
+             {},
+             "",
+             {{"RSAKeyValue",
+               {},
+               "",
+               {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
+                {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}});
       } else if (cert.key_kind() == KeyKind::Dsa) {
-        key_info.children.push_back({"KeyValue", {}, "", {{"DSAKeyValue", {}, "", {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
-                                                                                  {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
-                                                                                  {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
-                                                                                  {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}});
+        key_info.children.push_back({"KeyValue",
+                                     {},
+                                     "",
+                                     {{"DSAKeyValue",
+                                       {},
+                                       "",
+                                       {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
+                                        {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
+                                        {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
+                                        {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}});
       }
     }
     Spec x509{"X509Data", {}, "", {}};
     unsigned params = FKeyData->FIncludeDataParams;
     if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
-      x509.children.push_back({"X509IssuerSerial", {}, "", {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
-                                                            {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
+      x509.children.push_back({"X509IssuerSerial",
+                               {},
+                               "",
+                               {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
+                                {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
     if ((params & TElXMLKeyInfoX509Data::xkidX509SKI) && !cert.subject_key_identifier().empty())
-      x509.children.push_back({"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
+      x509.children.push_back(
+          {"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
     if (params & TElXMLKeyInfoX509Data::xkidX509SubjectName)
       x509.children.push_back({"X509SubjectName", {}, DistinguishedNameText(cert.subject()), {}});
     if (params & TElXMLKeyInfoX509Data::xkidX509Certificate)
@@ -290,9 +337,11 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   xml::Node ns_holder;
   std::function<xml::Node(const Spec&, int, const std::string&, std::string&)> write =
       [&](const Spec& s, int level, const std::string& path, std::string& start_ws) -> xml::Node {
-    xml::Node e = ns_holder ? doc.CreateElementLike(ns_holder, s.name) : doc.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
+    xml::Node e = ns_holder ? doc.CreateElementLike(ns_holder, s.name)
+                            : doc.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
     if (!ns_holder) ns_holder = e;
-    for (const auto& [name, value] : s.attributes) e.set_attribute(name, value);
+    for (const auto& [name, value] : s.attributes)
+      e.set_attribute(name, value);
     for (const auto& c : s.children) {
       std::string child_ws;
       xml::Node child = write(c, level + 1, path + "/" + c.name, child_ws);
@@ -310,7 +359,8 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
 
   // Placed last in the target. Trailing white space of the target is replaced by the
   // signature's own line breaks, so signing, stripping and signing again gives the same file.
-  while (target.last_child() && target.last_child().is_text() && whitespace_only(target.last_child().text())) {
+  while (target.last_child() && target.last_child().is_text() &&
+         whitespace_only(target.last_child().text())) {
     xml::Node ws = target.last_child();
     ws.unlink();
   }
@@ -327,11 +377,13 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
     if (!is_dsig(r, "Reference")) continue;
     xml::Node dv = dsig_child(r, "DigestValue");
-    if (dv && index < FReferences->Count()) dv.set_text(crypto::base64_encode(FReferences->Reference(index).FDigestValue));
+    if (dv && index < FReferences->Count())
+      dv.set_text(crypto::base64_encode(FReferences->Reference(index).FDigestValue));
     ++index;
   }
-  std::string canonical = doc.CanonicalizeSubtree(si, FCanonicalizationMethod == 3 || FCanonicalizationMethod == 4,
-                                                  FCanonicalizationMethod == 2 || FCanonicalizationMethod == 4);
+  std::string canonical =
+      doc.CanonicalizeSubtree(si, FCanonicalizationMethod == 3 || FCanonicalizationMethod == 4,
+                              FCanonicalizationMethod == 2 || FCanonicalizationMethod == 4);
   FSignedInfo.assign(canonical.begin(), canonical.end());
   DigestAlgorithm h = method_hash(FSignatureMethod);
   Bytes value = FKeyData->FKey->sign_digest(h, crypto::digest(h, FSignedInfo));
@@ -353,14 +405,15 @@ void TElXMLVerifier::Load(xml::Node element) {
       (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature")) {
     sig = element;
   } else {
-    std::function<xml::Node(xml::Node, const char*, const char*)> find = [&](xml::Node n, const char* local, const char* ns) {
-      for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
-        if (!c.is_element()) continue;
-        if (c.local_name() == local && c.namespace_uri() == ns) return c;
-        if (xml::Node f = find(c, local, ns)) return f;
-      }
-      return xml::Node();
-    };
+    std::function<xml::Node(xml::Node, const char*, const char*)> find =
+        [&](xml::Node n, const char* local, const char* ns) {
+          for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
+            if (!c.is_element()) continue;
+            if (c.local_name() == local && c.namespace_uri() == ns) return c;
+            if (xml::Node f = find(c, local, ns)) return f;
+          }
+          return xml::Node();
+        };
     sig = find(element, "Signature", xml::kDsigNamespace);
     if (!sig) sig = find(element, "AuthSignature", "http://www.ebics.org/H003");
   }
@@ -372,8 +425,9 @@ void TElXMLVerifier::Load(xml::Node element) {
   FCanonicalizationMethod = cm ? CanonicalizationCode(cm.attribute("Algorithm")) : 0;
   xml::Node sm = dsig_child(si, "SignatureMethod");
   signature_method_uri_ = sm ? sm.attribute("Algorithm") : "";
-  FSignatureMethodType = signature_method_uri_.find("hmac") != std::string::npos ? TElXMLSigMethodType::xmtMAC
-                                                                                 : TElXMLSigMethodType::xmtSig;
+  FSignatureMethodType = signature_method_uri_.find("hmac") != std::string::npos
+                             ? TElXMLSigMethodType::xmtMAC
+                             : TElXMLSigMethodType::xmtSig;
   for (const auto& m : kMethodUris)
     if (signature_method_uri_ == m.uri) FSignatureMethod = m.method;
   for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
@@ -435,7 +489,8 @@ void TElXMLVerifier::RemoveSignature() {
       if (!is_dsig(o, "Object")) continue;
       for (xml::Node c = o.first_child(); c;) {
         xml::Node next = c.next_sibling();
-        if (!(c.is_element() && (c.local_name() == "QualifyingProperties" || c.local_name() == "QualifyingPropertiesReferences")))
+        if (!(c.is_element() && (c.local_name() == "QualifyingProperties" ||
+                                 c.local_name() == "QualifyingPropertiesReferences")))
           sig.parent().insert_before(c, sig);
         c = next;
       }
@@ -505,7 +560,8 @@ XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
       continue;
     }
     if (hasher.finish() != ref.digest_value) {
-      out.problems.push_back("the document does not match the signed digest (reference \"" + ref.uri + "\")");
+      out.problems.push_back("the document does not match the signed digest (reference \"" +
+                             ref.uri + "\")");
       refs_ok = false;
     }
   }
@@ -515,7 +571,8 @@ XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
   if (FCanonicalizationMethod < 1 || FCanonicalizationMethod > 4) {
     out.problems.push_back("unsupported canonicalization method");
   } else if (out.certificate) {
-    std::string canonical = doc.CanonicalizeSubtree(si, FCanonicalizationMethod >= 3, FCanonicalizationMethod % 2 == 0);
+    std::string canonical =
+        doc.CanonicalizeSubtree(si, FCanonicalizationMethod >= 3, FCanonicalizationMethod % 2 == 0);
     Bytes data(canonical.begin(), canonical.end());
     DigestAlgorithm h = DigestAlgorithm::Unknown;
     bool rsa = false;
@@ -528,8 +585,11 @@ XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
       out.problems.push_back("unsupported signature method " + signature_method_uri_);
     } else {
       auto pub = crypto::PublicKey::from_certificate(*out.certificate);
-      out.signature_valid = pub.kind() == KeyKind::Rsa && crypto::verify_message(pub.get(), h, data, signature_value_);
-      if (!out.signature_valid) out.problems.push_back("the signature value does not verify with the signature's certificate");
+      out.signature_valid = pub.kind() == KeyKind::Rsa &&
+                            crypto::verify_message(pub.get(), h, data, signature_value_);
+      if (!out.signature_valid)
+        out.problems.push_back(
+            "the signature value does not verify with the signature's certificate");
     }
   }
   return out;

@@ -15,7 +15,16 @@
 
 namespace tessarel {
 
-enum class TElXMLDigestMethod { xdmMD5 = 0, xdmSHA1, xdmSHA224, xdmSHA256, xdmSHA384, xdmSHA512, xdmRIPEMD160, xdmGOST };
+enum class TElXMLDigestMethod {
+  xdmMD5 = 0,
+  xdmSHA1,
+  xdmSHA224,
+  xdmSHA256,
+  xdmSHA384,
+  xdmSHA512,
+  xdmRIPEMD160,
+  xdmGOST
+};
 enum class TElXMLSignatureMethod {
   xsmDSS = 0,
   xsmRSA_MD5,
@@ -30,12 +39,21 @@ enum class TElXMLSignatureMethod {
 };
 enum class TElXMLSignatureType { xstDetached = 0, xstEnveloping = 1, xstEnveloped = 2 };
 enum class TElXMLSigMethodType { xmtSig = 0, xmtMAC = 1 };
-enum class TElXMLMACMethod { xmmHMAC_MD5 = 0, xmmHMAC_SHA1, xmmHMAC_SHA224, xmmHMAC_SHA256, xmmHMAC_SHA384, xmmHMAC_SHA512, xmmHMAC_RIPEMD160 };
+enum class TElXMLMACMethod {
+  xmmHMAC_MD5 = 0,
+  xmmHMAC_SHA1,
+  xmmHMAC_SHA224,
+  xmmHMAC_SHA256,
+  xmmHMAC_SHA384,
+  xmmHMAC_SHA512,
+  xmmHMAC_RIPEMD160
+};
 
 // URIs.
 namespace dsig {
 inline constexpr const char* kC14N = "http://www.w3.org/TR/2001/REC-xml-c14n-20010315";
-inline constexpr const char* kC14NWithComments = "http://www.w3.org/TR/2001/REC-xml-c14n-20010315#WithComments";
+inline constexpr const char* kC14NWithComments =
+    "http://www.w3.org/TR/2001/REC-xml-c14n-20010315#WithComments";
 inline constexpr const char* kEnveloped = "http://www.w3.org/2000/09/xmldsig#enveloped-signature";
 inline constexpr const char* kSha1 = "http://www.w3.org/2000/09/xmldsig#sha1";
 inline constexpr const char* kRsaSha1 = "http://www.w3.org/2000/09/xmldsig#rsa-sha1";
@@ -94,7 +112,13 @@ class TElXMLReferenceList {
 // The certificate (and its key) whose X.509 data the KeyInfo carries.
 class TElXMLKeyInfoX509Data {
  public:
-  enum Param : unsigned { xkidX509IssuerSerial = 1, xkidX509SKI = 2, xkidX509SubjectName = 4, xkidX509Certificate = 8, xkidX509CRL = 16 };
+  enum Param : unsigned {
+    xkidX509IssuerSerial = 1,
+    xkidX509SKI = 2,
+    xkidX509SubjectName = 4,
+    xkidX509Certificate = 8,
+    xkidX509CRL = 16
+  };
   std::optional<Certificate> FCertificate;
   const SigningKey* FKey = nullptr;  // the certificate's private key
   unsigned FIncludeDataParams = xkidX509IssuerSerial | xkidX509SubjectName | xkidX509Certificate;
@@ -106,8 +130,9 @@ class TElXMLSigner {
   // Called for each element the signer writes: nesting level inside the signature (the
   // Signature element is level 1), and the white space to put before the start tag and
   // before the end tag.
-  using FormatElementHandler = std::function<void(TElXMLSigner& sender, xml::Node element, int level, const std::string& path,
-                                                  std::string& start_whitespace, std::string& end_whitespace)>;
+  using FormatElementHandler = std::function<void(
+      TElXMLSigner& sender, xml::Node element, int level, const std::string& path,
+      std::string& start_whitespace, std::string& end_whitespace)>;
 
   void SetCanonicalizationMethod(int code);
   int CanonicalizationMethod() const { return FCanonicalizationMethod; }
@@ -144,7 +169,9 @@ struct XmlSignatureCheck {
   bool signature_valid = false;   // the signature value verifies with the KeyInfo's certificate
   std::optional<Certificate> certificate;
   std::vector<std::string> problems;
-  bool ok() const { return signature_found && references_valid && signature_valid && problems.empty(); }
+  bool ok() const {
+    return signature_found && references_valid && signature_valid && problems.empty();
+  }
 };
 
 class TElXMLVerifier {

@@ -15,9 +15,15 @@ namespace tessarel::xml {
 
 namespace {
 
-xmlNodePtr N(const Node& n) { return static_cast<xmlNodePtr>(n.raw()); }
-const xmlChar* X(const std::string& s) { return reinterpret_cast<const xmlChar*>(s.c_str()); }
-std::string S(const xmlChar* s) { return s ? reinterpret_cast<const char*>(s) : ""; }
+xmlNodePtr N(const Node& n) {
+  return static_cast<xmlNodePtr>(n.raw());
+}
+const xmlChar* X(const std::string& s) {
+  return reinterpret_cast<const xmlChar*>(s.c_str());
+}
+std::string S(const xmlChar* s) {
+  return s ? reinterpret_cast<const char*>(s) : "";
+}
 
 std::string take(xmlChar* s) {
   std::string out = S(s);
@@ -28,7 +34,8 @@ std::string take(xmlChar* s) {
 xmlAttrPtr nth_attribute(xmlNodePtr n, int index) {
   if (!n || n->type != XML_ELEMENT_NODE) return nullptr;
   xmlAttrPtr a = n->properties;
-  for (int i = 0; a && i < index; ++i) a = a->next;
+  for (int i = 0; a && i < index; ++i)
+    a = a->next;
   return a;
 }
 
@@ -47,8 +54,9 @@ void refuse_doctype(void* ctx, const xmlChar*, const xmlChar*, const xmlChar*) {
   xmlStopParser(ctxt);
 }
 
-void start_element(void* ctx, const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri, int nb_namespaces,
-                   const xmlChar** namespaces, int nb_attributes, int nb_defaulted, const xmlChar** attributes) {
+void start_element(void* ctx, const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri,
+                   int nb_namespaces, const xmlChar** namespaces, int nb_attributes,
+                   int nb_defaulted, const xmlChar** attributes) {
   auto* ctxt = static_cast<xmlParserCtxtPtr>(ctx);
   auto* st = static_cast<ParseState*>(ctxt->_private);
   if (++st->depth > st->max_depth) {
@@ -56,7 +64,8 @@ void start_element(void* ctx, const xmlChar* localname, const xmlChar* prefix, c
     xmlStopParser(ctxt);
     return;
   }
-  st->start(ctx, localname, prefix, uri, nb_namespaces, namespaces, nb_attributes, nb_defaulted, attributes);
+  st->start(ctx, localname, prefix, uri, nb_namespaces, namespaces, nb_attributes, nb_defaulted,
+            attributes);
 }
 
 void end_element(void* ctx, const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri) {
@@ -67,13 +76,18 @@ void end_element(void* ctx, const xmlChar* localname, const xmlChar* prefix, con
 }
 
 // Nothing outside the document is ever read.
-xmlParserInputPtr no_external_entities(const char*, const char*, xmlParserCtxtPtr) { return nullptr; }
+xmlParserInputPtr no_external_entities(const char*, const char*, xmlParserCtxtPtr) {
+  return nullptr;
+}
 
 int write_to_function(void* ctx, const char* buffer, int len) {
-  (*static_cast<const std::function<void(const char*, std::size_t)>*>(ctx))(buffer, static_cast<std::size_t>(len));
+  (*static_cast<const std::function<void(const char*, std::size_t)>*>(ctx))(
+      buffer, static_cast<std::size_t>(len));
   return len;
 }
-int close_nothing(void*) { return 0; }
+int close_nothing(void*) {
+  return 0;
+}
 
 }  // namespace
 
@@ -101,11 +115,14 @@ NodeType Node::type() const {
 std::string Node::name() const {
   xmlNodePtr n = N(*this);
   if (!n || !n->name) return "";
-  if (n->type == XML_ELEMENT_NODE && n->ns && n->ns->prefix) return S(n->ns->prefix) + ":" + S(n->name);
+  if (n->type == XML_ELEMENT_NODE && n->ns && n->ns->prefix)
+    return S(n->ns->prefix) + ":" + S(n->name);
   return S(n->name);
 }
 
-std::string Node::local_name() const { return N(*this) ? S(N(*this)->name) : ""; }
+std::string Node::local_name() const {
+  return N(*this) ? S(N(*this)->name) : "";
+}
 
 std::string Node::namespace_uri() const {
   xmlNodePtr n = N(*this);
@@ -115,7 +132,8 @@ std::string Node::namespace_uri() const {
 std::string Node::text() const {
   xmlNodePtr n = N(*this);
   if (!n) return "";
-  if (n->type == XML_TEXT_NODE || n->type == XML_PI_NODE || n->type == XML_COMMENT_NODE || n->type == XML_CDATA_SECTION_NODE)
+  if (n->type == XML_TEXT_NODE || n->type == XML_PI_NODE || n->type == XML_COMMENT_NODE ||
+      n->type == XML_CDATA_SECTION_NODE)
     return S(n->content);
   return take(xmlNodeGetContent(n));
 }
@@ -130,11 +148,21 @@ void Node::set_text(const std::string& text) {
   }
 }
 
-Node Node::parent() const { return Node(N(*this) ? N(*this)->parent : nullptr); }
-Node Node::first_child() const { return Node(N(*this) ? N(*this)->children : nullptr); }
-Node Node::last_child() const { return Node(N(*this) ? N(*this)->last : nullptr); }
-Node Node::next_sibling() const { return Node(N(*this) ? N(*this)->next : nullptr); }
-Node Node::previous_sibling() const { return Node(N(*this) ? N(*this)->prev : nullptr); }
+Node Node::parent() const {
+  return Node(N(*this) ? N(*this)->parent : nullptr);
+}
+Node Node::first_child() const {
+  return Node(N(*this) ? N(*this)->children : nullptr);
+}
+Node Node::last_child() const {
+  return Node(N(*this) ? N(*this)->last : nullptr);
+}
+Node Node::next_sibling() const {
+  return Node(N(*this) ? N(*this)->next : nullptr);
+}
+Node Node::previous_sibling() const {
+  return Node(N(*this) ? N(*this)->prev : nullptr);
+}
 
 Node Node::find_child(const std::string& name) const {
   for (Node c = first_child(); c; c = c.next_sibling())
@@ -144,7 +172,8 @@ Node Node::find_child(const std::string& name) const {
 
 std::vector<Node> Node::children() const {
   std::vector<Node> out;
-  for (Node c = first_child(); c; c = c.next_sibling()) out.push_back(c);
+  for (Node c = first_child(); c; c = c.next_sibling())
+    out.push_back(c);
   return out;
 }
 
@@ -156,7 +185,10 @@ bool Node::has_element_children() const {
 
 int Node::attribute_count() const {
   int n = 0;
-  for (xmlAttrPtr a = N(*this) && N(*this)->type == XML_ELEMENT_NODE ? N(*this)->properties : nullptr; a; a = a->next) ++n;
+  for (xmlAttrPtr a = N(*this) && N(*this)->type == XML_ELEMENT_NODE ? N(*this)->properties
+                                                                     : nullptr;
+       a; a = a->next)
+    ++n;
   return n;
 }
 
@@ -182,7 +214,8 @@ std::string Node::attribute(const std::string& name) const {
 }
 
 void Node::set_attribute(const std::string& name, const std::string& value) {
-  if (!xmlSetProp(N(*this), X(name), X(value))) throw EElXMLSecurityError("Cannot set attribute " + name);
+  if (!xmlSetProp(N(*this), X(name), X(value)))
+    throw EElXMLSecurityError("Cannot set attribute " + name);
 }
 
 void Node::append_child(Node child) {
@@ -218,7 +251,9 @@ void Node::insert_before(Node child, Node reference) {
   r->prev = c;
 }
 
-void Node::unlink() { xmlUnlinkNode(N(*this)); }
+void Node::unlink() {
+  xmlUnlinkNode(N(*this));
+}
 
 void Node::replace_with(Node other) {
   insert_before(other, *this);
@@ -233,12 +268,10 @@ Document::~Document() {
   if (doc_) xmlFreeDoc(static_cast<xmlDocPtr>(doc_));
 }
 
-std::unique_ptr<Document> Document::Parse(const std::uint8_t* data, std::size_t size, const std::string& encoding,
-                                          const ParseLimits& limits) {
-  if (size > limits.max_bytes)
-    throw EElXMLSecurityError("XML document of " + std::to_string(size) + " bytes is larger than the limit of " +
-                              std::to_string(limits.max_bytes));
-  if (size == 0) throw EElXMLSecurityError("XML parse error: the document is empty");
+namespace {
+// One parse with the safety rules; read runs the parser over the input.
+std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> safe_parse(
+    const ParseLimits& limits, const std::function<xmlDocPtr(xmlParserCtxtPtr, int)>& read) {
   xmlParserCtxtPtr ctxt = xmlNewParserCtxt();
   if (!ctxt) throw EElXMLSecurityError("Cannot create an XML parser");
   ParseState state;
@@ -249,12 +282,12 @@ std::unique_ptr<Document> Document::Parse(const std::uint8_t* data, std::size_t 
   ctxt->sax->internalSubset = refuse_doctype;
   ctxt->sax->startElementNs = start_element;
   ctxt->sax->endElementNs = end_element;
+  // The loader is process-wide in libxml2; the library is used from one thread at a time.
   xmlExternalEntityLoader previous = xmlGetExternalEntityLoader();
   xmlSetExternalEntityLoader(no_external_entities);
   // No NOENT, no DTDLOAD, no HUGE; errors are returned, not printed.
   int options = XML_PARSE_NONET | XML_PARSE_NOCDATA | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-  xmlDocPtr doc = xmlCtxtReadMemory(ctxt, reinterpret_cast<const char*>(data), static_cast<int>(size), nullptr,
-                                    encoding.empty() ? nullptr : encoding.c_str(), options);
+  xmlDocPtr doc = read(ctxt, options);
   xmlSetExternalEntityLoader(previous);
   std::string reason;
   if (state.doctype) {
@@ -264,15 +297,47 @@ std::unique_ptr<Document> Document::Parse(const std::uint8_t* data, std::size_t 
   } else if (!doc || !ctxt->wellFormed) {
     const xmlError* e = xmlCtxtGetLastError(ctxt);
     reason = e && e->message ? S(BAD_CAST e->message) : "not well-formed";
-    while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) reason.pop_back();
-    if (e) reason += " (line " + std::to_string(e->line) + ", column " + std::to_string(e->int2) + ")";
+    while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' '))
+      reason.pop_back();
+    if (e)
+      reason += " (line " + std::to_string(e->line) + ", column " + std::to_string(e->int2) + ")";
   }
   xmlFreeParserCtxt(ctxt);
   if (!reason.empty()) {
     if (doc) xmlFreeDoc(doc);
     throw EElXMLSecurityError("XML parse error: " + reason);
   }
-  return std::unique_ptr<Document>(new Document(doc));
+  return {doc, xmlFreeDoc};
+}
+}  // namespace
+
+std::unique_ptr<Document> Document::Parse(const std::uint8_t* data, std::size_t size,
+                                          const std::string& encoding, const ParseLimits& limits) {
+  if (size > limits.max_bytes)
+    throw EElXMLSecurityError("XML document of " + std::to_string(size) +
+                              " bytes is larger than the limit of " +
+                              std::to_string(limits.max_bytes));
+  if (size == 0) throw EElXMLSecurityError("XML parse error: the document is empty");
+  auto doc = safe_parse(limits, [&](xmlParserCtxtPtr ctxt, int options) {
+    return xmlCtxtReadMemory(ctxt, reinterpret_cast<const char*>(data), static_cast<int>(size),
+                             nullptr, encoding.empty() ? nullptr : encoding.c_str(), options);
+  });
+  return std::unique_ptr<Document>(new Document(doc.release()));
+}
+
+std::unique_ptr<Document> Document::ParseFd(int fd, std::uint64_t size, const std::string& name,
+                                            const std::string& encoding,
+                                            const ParseLimits& limits) {
+  if (size > limits.max_bytes)
+    throw EElXMLSecurityError("XML document " + name + " of " + std::to_string(size) +
+                              " bytes is larger than the limit of " +
+                              std::to_string(limits.max_bytes));
+  if (size == 0) throw EElXMLSecurityError("XML parse error: the document is empty");
+  auto doc = safe_parse(limits, [&](xmlParserCtxtPtr ctxt, int options) {
+    // libxml2 closes nothing it did not open: the caller keeps its descriptor.
+    return xmlCtxtReadFd(ctxt, fd, nullptr, encoding.empty() ? nullptr : encoding.c_str(), options);
+  });
+  return std::unique_ptr<Document>(new Document(doc.release()));
 }
 
 std::unique_ptr<Document> Document::ParseFile(const std::string& path, const std::string& encoding,
@@ -281,19 +346,28 @@ std::unique_ptr<Document> Document::ParseFile(const std::string& path, const std
   std::uint64_t size = in.size();
   if (size > limits.max_bytes)
     throw EElXMLSecurityError("XML document " + path + " of " + std::to_string(size) +
-                              " bytes is larger than the limit of " + std::to_string(limits.max_bytes));
+                              " bytes is larger than the limit of " +
+                              std::to_string(limits.max_bytes));
   Bytes data(static_cast<std::size_t>(size));
   if (size) in.pread_exact(data.data(), data.size(), 0);
   return Parse(data.data(), data.size(), encoding, limits);
 }
 
-Node Document::root() const { return Node(xmlDocGetRootElement(static_cast<xmlDocPtr>(doc_))); }
+Node Document::root() const {
+  return Node(xmlDocGetRootElement(static_cast<xmlDocPtr>(doc_)));
+}
 
-void Document::set_root(Node element) { xmlDocSetRootElement(static_cast<xmlDocPtr>(doc_), N(element)); }
+void Document::set_root(Node element) {
+  xmlDocSetRootElement(static_cast<xmlDocPtr>(doc_), N(element));
+}
 
-Node Document::node() const { return Node(doc_); }
+Node Document::node() const {
+  return Node(doc_);
+}
 
-Node Document::first_child() const { return Node(static_cast<xmlDocPtr>(doc_)->children); }
+Node Document::first_child() const {
+  return Node(static_cast<xmlDocPtr>(doc_)->children);
+}
 
 Node Document::CreateElement(const std::string& name) {
   xmlNodePtr n = xmlNewDocNode(static_cast<xmlDocPtr>(doc_), nullptr, X(name), nullptr);
@@ -301,7 +375,8 @@ Node Document::CreateElement(const std::string& name) {
   return Node(n);
 }
 
-Node Document::CreateElementNS(const std::string& ns_uri, const std::string& prefix, const std::string& local_name) {
+Node Document::CreateElementNS(const std::string& ns_uri, const std::string& prefix,
+                               const std::string& local_name) {
   xmlNodePtr n = xmlNewDocNode(static_cast<xmlDocPtr>(doc_), nullptr, X(local_name), nullptr);
   if (!n) throw EElXMLSecurityError("Cannot create element " + local_name);
   xmlNsPtr ns = xmlNewNs(n, X(ns_uri), prefix.empty() ? nullptr : X(prefix));
@@ -352,11 +427,13 @@ Node Document::CreateProcessingInstruction(const std::string& target, const std:
 }
 
 void Document::Serialize(const std::function<void(const char*, std::size_t)>& sink) const {
-  xmlSaveCtxtPtr save = xmlSaveToIO(write_to_function, close_nothing, const_cast<std::function<void(const char*, std::size_t)>*>(&sink),
-                                    "UTF-8", 0);
+  xmlSaveCtxtPtr save =
+      xmlSaveToIO(write_to_function, close_nothing,
+                  const_cast<std::function<void(const char*, std::size_t)>*>(&sink), "UTF-8", 0);
   if (!save) throw EElXMLSecurityError("Cannot serialize the XML document");
   long rc = xmlSaveDoc(save, static_cast<xmlDocPtr>(doc_));
-  if (xmlSaveClose(save) < 0 || rc < 0) throw EElXMLSecurityError("Cannot serialize the XML document");
+  if (xmlSaveClose(save) < 0 || rc < 0)
+    throw EElXMLSecurityError("Cannot serialize the XML document");
 }
 
 std::string Document::Serialize() const {
@@ -376,16 +453,19 @@ int visible_callback(void* user, xmlNodePtr node, xmlNodePtr parent) {
 }  // namespace
 
 void Document::Canonicalize(const std::function<bool(Node, Node)>& visible,
-                            const std::function<void(const char*, std::size_t)>& sink, bool exclusive,
-                            bool with_comments) const {
-  xmlOutputBufferPtr out = xmlOutputBufferCreateIO(write_to_function, close_nothing,
-                                                   const_cast<std::function<void(const char*, std::size_t)>*>(&sink), nullptr);
+                            const std::function<void(const char*, std::size_t)>& sink,
+                            bool exclusive, bool with_comments) const {
+  xmlOutputBufferPtr out = xmlOutputBufferCreateIO(
+      write_to_function, close_nothing,
+      const_cast<std::function<void(const char*, std::size_t)>*>(&sink), nullptr);
   if (!out) throw EElXMLSecurityError("Cannot canonicalize the XML document");
   Visibility v{&visible};
-  int rc = xmlC14NExecute(static_cast<xmlDocPtr>(doc_), visible_callback, &v, exclusive ? XML_C14N_EXCLUSIVE_1_0 : XML_C14N_1_0,
-                          nullptr, with_comments ? 1 : 0, out);
+  int rc = xmlC14NExecute(static_cast<xmlDocPtr>(doc_), visible_callback, &v,
+                          exclusive ? XML_C14N_EXCLUSIVE_1_0 : XML_C14N_1_0, nullptr,
+                          with_comments ? 1 : 0, out);
   int closed = xmlOutputBufferClose(out);
-  if (rc < 0 || closed < 0) throw EElXMLSecurityError("Canonicalization of the XML document failed");
+  if (rc < 0 || closed < 0)
+    throw EElXMLSecurityError("Canonicalization of the XML document failed");
 }
 
 std::string Document::CanonicalizeSubtree(Node element, bool exclusive, bool with_comments) const {
@@ -399,7 +479,8 @@ std::string Document::CanonicalizeSubtree(Node element, bool exclusive, bool wit
     return false;
   };
   std::string out;
-  Canonicalize(inside, [&](const char* p, std::size_t n) { out.append(p, n); }, exclusive, with_comments);
+  Canonicalize(
+      inside, [&](const char* p, std::size_t n) { out.append(p, n); }, exclusive, with_comments);
   return out;
 }
 

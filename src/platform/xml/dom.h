@@ -89,10 +89,17 @@ class Document {
   // Parses untrusted bytes: no network, no DTD, no entity expansion; a document with a
   // DOCTYPE is refused; limits on size and depth. Raises EElXMLSecurityError with the
   // parser's reason and position.
-  static std::unique_ptr<Document> Parse(const std::uint8_t* data, std::size_t size, const std::string& encoding = "utf-8",
+  static std::unique_ptr<Document> Parse(const std::uint8_t* data, std::size_t size,
+                                         const std::string& encoding = "utf-8",
                                          const ParseLimits& limits = {});
-  static std::unique_ptr<Document> ParseFile(const std::string& path, const std::string& encoding = "utf-8",
+  static std::unique_ptr<Document> ParseFile(const std::string& path,
+                                             const std::string& encoding = "utf-8",
                                              const ParseLimits& limits = {});
+  // Parses from an open descriptor, reading it in small pieces (the file is never held whole
+  // besides its tree). size is the file's size, checked against the limit first.
+  static std::unique_ptr<Document> ParseFd(int fd, std::uint64_t size, const std::string& name,
+                                           const std::string& encoding = "utf-8",
+                                           const ParseLimits& limits = {});
 
   Node root() const;
   void set_root(Node element);
@@ -101,7 +108,8 @@ class Document {
 
   Node CreateElement(const std::string& name);
   // An element in a namespace, with the prefix declared on it.
-  Node CreateElementNS(const std::string& ns_uri, const std::string& prefix, const std::string& local_name);
+  Node CreateElementNS(const std::string& ns_uri, const std::string& prefix,
+                       const std::string& local_name);
   // An element in the same namespace (and prefix) as another element.
   Node CreateElementLike(Node like, const std::string& local_name);
   // Text written as is by the serializer (no escaping) when raw is true.
@@ -116,10 +124,11 @@ class Document {
   // Canonical XML 1.0 without comments of the nodes for which visible() is true (an element
   // being visible does not make its children visible). Written through sink.
   void Canonicalize(const std::function<bool(Node node, Node parent)>& visible,
-                    const std::function<void(const char*, std::size_t)>& sink, bool exclusive = false,
-                    bool with_comments = false) const;
+                    const std::function<void(const char*, std::size_t)>& sink,
+                    bool exclusive = false, bool with_comments = false) const;
   // Canonical XML 1.0 of one element's subtree, with the namespaces in scope rendered on it.
-  std::string CanonicalizeSubtree(Node element, bool exclusive = false, bool with_comments = false) const;
+  std::string CanonicalizeSubtree(Node element, bool exclusive = false,
+                                  bool with_comments = false) const;
   // The element whose attribute Id (or ID, id) has that value.
   Node FindById(const std::string& id) const;
 

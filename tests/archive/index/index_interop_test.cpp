@@ -26,8 +26,8 @@ class IndexInterop : public ::testing::Test {
     arch_ = dir_ / "arch";
   }
   bool xmlsec_ok(const std::string& file) {
-    auto r = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem_, "--enabled-reference-uris",
-                        "empty", file});
+    auto r = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem_,
+                        "--enabled-reference-uris", "empty", file});
     last_ = r.out + r.err;
     return r.exit_code == 0;
   }
@@ -62,14 +62,18 @@ TEST_F(IndexInterop, ManyRecordsNonAsciiTypesAndNamesVerify) {
   test::IndexEngine e;
   e.ApriIndice(arch_, tc_->cert.id(), true);
   for (int i = 0; i < 300; ++i) {
-    e.add_record(i % 3 == 0 ? "Fatture" : i % 3 == 1 ? "Contratti" : "Dichiarazioni_Città", "documento è " + std::to_string(i) + ".xml",
+    e.add_record(i % 3 == 0   ? "Fatture"
+                 : i % 3 == 1 ? "Contratti"
+                              : "Dichiarazioni_Città",
+                 "documento è " + std::to_string(i) + ".xml",
                  i % 7 == 0 ? "<Nota tipo=\"n\">prova &amp; più</Nota>" : "");
   }
   e.ChiudiIndice();
   std::string index = arch_ + "/index.xml";
   EXPECT_TRUE(xmlsec_ok(index)) << last_;
   EXPECT_TRUE(ours_ok(index));
-  EXPECT_NE(test::read_file(index).find("<Nota tipo=\"n\">prova &amp; più</Nota>"), std::string::npos);
+  EXPECT_NE(test::read_file(index).find("<Nota tipo=\"n\">prova &amp; più</Nota>"),
+            std::string::npos);
 }
 
 TEST_F(IndexInterop, ReopenedAndClosedThreeTimesStillVerifies) {
@@ -84,7 +88,9 @@ TEST_F(IndexInterop, ReopenedAndClosedThreeTimesStillVerifies) {
   }
   std::string text = test::read_file(index);
   std::size_t signatures = 0;
-  for (std::size_t at = text.find("<ds:Signature "); at != std::string::npos; at = text.find("<ds:Signature ", at + 1)) ++signatures;
+  for (std::size_t at = text.find("<ds:Signature "); at != std::string::npos;
+       at = text.find("<ds:Signature ", at + 1))
+    ++signatures;
   EXPECT_EQ(signatures, 1u);
 }
 

@@ -24,7 +24,8 @@ class IndexEngine : public TSignEArchivia {
       IndentElement(group, 0);
     }
     int id = 0;
-    if (xml::Node last = group.last_child(); last && last.attribute_count() > 0) id = std::stoi(last.attribute("Id")) + 1;
+    if (xml::Node last = group.last_child(); last && last.attribute_count() > 0)
+      id = std::stoi(last.attribute("Id")) + 1;
     xml::Node d = doc.CreateElement("Documento");
     group.append_child(d);
     d.set_attribute("Name", name);
@@ -44,9 +45,12 @@ class IndexEngine : public TSignEArchivia {
 
 // The index text with the parts that change on every close masked.
 inline std::string masked(const std::string& index) {
-  std::string s = std::regex_replace(index, std::regex("modificato_il=\"[^\"]*\""), "modificato_il=\"*\"");
-  s = std::regex_replace(s, std::regex("<ds:DigestValue>[^<]*</ds:DigestValue>"), "<ds:DigestValue>*</ds:DigestValue>");
-  return std::regex_replace(s, std::regex("<ds:SignatureValue>[^<]*</ds:SignatureValue>"), "<ds:SignatureValue>*</ds:SignatureValue>");
+  std::string s =
+      std::regex_replace(index, std::regex("modificato_il=\"[^\"]*\""), "modificato_il=\"*\"");
+  s = std::regex_replace(s, std::regex("<ds:DigestValue>[^<]*</ds:DigestValue>"),
+                         "<ds:DigestValue>*</ds:DigestValue>");
+  return std::regex_replace(s, std::regex("<ds:SignatureValue>[^<]*</ds:SignatureValue>"),
+                            "<ds:SignatureValue>*</ds:SignatureValue>");
 }
 
 }  // namespace tessarel::test

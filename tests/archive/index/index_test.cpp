@@ -67,20 +67,31 @@ TEST_F(Index, StructureAttributeOrderAndWhitespace) {
   std::string text = test::read_file(index());
   std::string today = FormatShortDate(Date());
   std::string expected_head =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<?xml-stylesheet type=\"text/xsl\" href=\"index.xsl\"?>\n"
-      "<IndiceFile Creato_il=\"" + today + "\" modificato_il=\"" + today + "\"><Contratti>"
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<?xml-stylesheet type=\"text/xsl\" "
+      "href=\"index.xsl\"?>\n"
+      "<IndiceFile Creato_il=\"" +
+      today + "\" modificato_il=\"" + today +
+      "\"><Contratti>"
       "<Documento Name=\"contratto.xml\" Data=\"2021-03-03\" Id=\"0\"><Nota>prova</Nota>\n\t"
-      "<File_Dati link=\"Contratti\\2021\\03\\contratto.xml\" size=\"5120\" Hash_SHA256=\"" + std::string(64, 'A') +
-      "\" detached=\"F\">\n\t</File_Dati></Documento></Contratti>\n<ds:Signature xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\">\n"
-      "\t<ds:SignedInfo>\n\t\t<ds:CanonicalizationMethod Algorithm=\"http://www.w3.org/TR/2001/REC-xml-c14n-20010315\"/>\n"
-      "\t\t<ds:SignatureMethod Algorithm=\"http://www.w3.org/2000/09/xmldsig#rsa-sha1\"/>\n\t\t<ds:Reference URI=\"\">\n"
-      "\t\t\t<ds:Transforms>\n\t\t\t\t<ds:Transform Algorithm=\"http://www.w3.org/2000/09/xmldsig#enveloped-signature\"/>\n"
-      "\t\t\t</ds:Transforms>\n\t\t\t<ds:DigestMethod Algorithm=\"http://www.w3.org/2000/09/xmldsig#sha1\"/>\n"
+      "<File_Dati link=\"Contratti\\2021\\03\\contratto.xml\" size=\"5120\" Hash_SHA256=\"" +
+      std::string(64, 'A') +
+      "\" detached=\"F\">\n\t</File_Dati></Documento></Contratti>\n<ds:Signature "
+      "xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\">\n"
+      "\t<ds:SignedInfo>\n\t\t<ds:CanonicalizationMethod "
+      "Algorithm=\"http://www.w3.org/TR/2001/REC-xml-c14n-20010315\"/>\n"
+      "\t\t<ds:SignatureMethod "
+      "Algorithm=\"http://www.w3.org/2000/09/xmldsig#rsa-sha1\"/>\n\t\t<ds:Reference URI=\"\">\n"
+      "\t\t\t<ds:Transforms>\n\t\t\t\t<ds:Transform "
+      "Algorithm=\"http://www.w3.org/2000/09/xmldsig#enveloped-signature\"/>\n"
+      "\t\t\t</ds:Transforms>\n\t\t\t<ds:DigestMethod "
+      "Algorithm=\"http://www.w3.org/2000/09/xmldsig#sha1\"/>\n"
       "\t\t\t<ds:DigestValue>";
   EXPECT_EQ(text.substr(0, expected_head.size()), expected_head);
   EXPECT_NE(text.find("</ds:KeyInfo>\n</ds:Signature>\n</IndiceFile>\n"), std::string::npos);
-  EXPECT_NE(text.find("<ds:X509IssuerName>CN=Archivista</ds:X509IssuerName>\n\t\t\t\t<ds:X509SerialNumber>7436</ds:X509SerialNumber>"),
-            std::string::npos);
+  EXPECT_NE(
+      text.find("<ds:X509IssuerName>CN=Archivista</"
+                "ds:X509IssuerName>\n\t\t\t\t<ds:X509SerialNumber>7436</ds:X509SerialNumber>"),
+      std::string::npos);
   // The markup that the record carried as text is an element of the signed document.
   auto doc = xml::Document::ParseFile(index());
   EXPECT_TRUE(doc->root().find_child("Contratti").find_child("Documento").find_child("Nota"));
@@ -104,7 +115,9 @@ TEST_F(Index, LocationRules) {
   TSignEArchivia beside_program;
   beside_program.ApriIndice("", "1D0C", false);
   if (!existed) std::filesystem::remove_all(program_dir + "/archiviazione");
-  EXPECT_EQ(beside_program.index_path(), std::filesystem::read_symlink("/proc/self/exe").parent_path().string() + "/archiviazione/index.xml")
+  EXPECT_EQ(beside_program.index_path(),
+            std::filesystem::read_symlink("/proc/self/exe").parent_path().string() +
+                "/archiviazione/index.xml")
       << beside_program.index_path();
 }
 
@@ -121,14 +134,17 @@ TEST_F(Index, ExactMessagesAndNoIndexLeftOpenAfterAFailure) {
   };
   std::filesystem::create_directories(dir_ / "other");
   test::write_file(dir_ / "other/index.xml", "<Archivio/>");
-  EXPECT_EQ(message(dir_ / "other", "1D0C"), "File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
-  EXPECT_EQ(message(arch_, "FFFF"), "Certificato non trovato. Impossibile applicare la Firma Digitale.");
+  EXPECT_EQ(message(dir_ / "other", "1D0C"),
+            "File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
+  EXPECT_EQ(message(arch_, "FFFF"),
+            "Certificato non trovato. Impossibile applicare la Firma Digitale.");
   test::CertSpec s;
   s.serial = {0x44};
   store_.add(test::make_cert(s), false);
   EXPECT_EQ(message(arch_, "44"), "Chiave non trovata. Impossibile applicare la Firma Digitale.");
   test::write_file(dir_ / "file", "x");
-  EXPECT_EQ(message(dir_ / "file/sub", "1D0C"), "Impossibile accedere alla cartella: " + (dir_ / "file/sub"));
+  EXPECT_EQ(message(dir_ / "file/sub", "1D0C"),
+            "Impossibile accedere alla cartella: " + (dir_ / "file/sub"));
 }
 
 TEST_F(Index, OpenCloseCyclesGiveTheSameFileAndOneSignature) {
@@ -200,26 +216,30 @@ class HostileIndex : public Index {
     }
     EXPECT_NE(error.find(expected_reason), std::string::npos) << "error: " << error;
     EXPECT_EQ(test::read_file(index()), content);
-    auto r = test::run({"strace", "-f", "-e", "trace=open,openat", "-o", dir_ / "trace.txt", INDEX_PROBE_PATH, arch_, "1D0C"},
+    auto r = test::run({"strace", "-f", "-e", "trace=open,openat", "-o", dir_ / "trace.txt",
+                        INDEX_PROBE_PATH, arch_, "1D0C"},
                        {"TESSAREL_STORE=" + store_.path()});
     EXPECT_EQ(r.exit_code, 1) << r.out << r.err;
     std::string trace = test::read_file(dir_ / "trace.txt");
-    EXPECT_NE(trace.find(index()), std::string::npos) << "the trace does not show the index being opened";
-    EXPECT_EQ(trace.find(secret_), std::string::npos) << "the parser opened the file an entity names";
+    EXPECT_NE(trace.find(index()), std::string::npos)
+        << "the trace does not show the index being opened";
+    EXPECT_EQ(trace.find(secret_), std::string::npos)
+        << "the parser opened the file an entity names";
   }
   std::string secret_ = (dir_ / "secret.txt");
 };
 
 TEST_F(HostileIndex, EntitiesDoctypesAndGarbageAreRefusedWithoutReadingOtherFiles) {
   test::write_file(secret_, "top secret");
-  expect_refused("<?xml version=\"1.0\"?>\n<!DOCTYPE IndiceFile [<!ENTITY x SYSTEM \"file://" + secret_ +
-                     "\">]>\n<IndiceFile>&x;</IndiceFile>",
+  expect_refused("<?xml version=\"1.0\"?>\n<!DOCTYPE IndiceFile [<!ENTITY x SYSTEM \"file://" +
+                     secret_ + "\">]>\n<IndiceFile>&x;</IndiceFile>",
                  "DOCTYPE");
   std::string laughs;
   laughs = "<?xml version=\"1.0\"?>\n<!DOCTYPE IndiceFile [<!ENTITY l0 \"ha\">";
   for (int i = 1; i < 12; ++i) {
     laughs += "<!ENTITY l" + std::to_string(i) + " \"";
-    for (int k = 0; k < 10; ++k) laughs += "&l" + std::to_string(i - 1) + ";";
+    for (int k = 0; k < 10; ++k)
+      laughs += "&l" + std::to_string(i - 1) + ";";
     laughs += "\">";
   }
   laughs += "]>\n<IndiceFile>&l11;</IndiceFile>";
@@ -229,7 +249,8 @@ TEST_F(HostileIndex, EntitiesDoctypesAndGarbageAreRefusedWithoutReadingOtherFile
   expect_refused("", "empty");
   expect_refused("<IndiceFile><Contratti></IndiceFile>", "XML parse error");
   std::string deep;
-  for (int i = 0; i < 300; ++i) deep += "<a>";
+  for (int i = 0; i < 300; ++i)
+    deep += "<a>";
   expect_refused("<IndiceFile>" + deep + "</IndiceFile>", "nested deeper");
   expect_refused("<IndiceFile a=\"" + std::string(20 << 20, 'x') + "\"/>", "XML parse error");
 }
@@ -240,7 +261,8 @@ TEST_F(HostileIndex, AGigabyteAttributeIsRefusedBeforeItIsRead) {
     std::ofstream out(index(), std::ios::binary);
     out << "<IndiceFile Creato_il=\"";
     std::string block(1 << 20, 'x');
-    for (int i = 0; i < 1024; ++i) out.write(block.data(), static_cast<std::streamsize>(block.size()));
+    for (int i = 0; i < 1024; ++i)
+      out.write(block.data(), static_cast<std::streamsize>(block.size()));
     out << "\"/>";
   }
   auto size_before = std::filesystem::file_size(index());
@@ -259,7 +281,8 @@ TEST_F(Index, AWriterKilledWhileClosingLeavesTheOldOrTheNewSignedIndex) {
   {
     test::IndexEngine e;
     e.ApriIndice(arch_, "1D0C", false);
-    for (int i = 0; i < 3000; ++i) e.add_record("Contratti", "doc" + std::to_string(i) + ".xml");
+    for (int i = 0; i < 3000; ++i)
+      e.add_record("Contratti", "doc" + std::to_string(i) + ".xml");
     e.ChiudiIndice();
   }
   std::mt19937 rng(99);
