@@ -3,6 +3,7 @@
 #define TESSAREL_TESSAREL_H
 
 #include "tessarel/certificate.h"
+#include "tessarel/archive.h"
 #include "tessarel/certgen.h"
 #include "tessarel/dataset.h"
 #include "tessarel/dialogs.h"

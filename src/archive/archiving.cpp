@@ -1,24 +1,257 @@
 // Archiving files into the dated folder tree, and deleting records.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+
+#include "archive/archive_paths.h"
 #include "archive/sign_e_archivia.h"
-#include "platform/xml/dom.h"
+#include "boundary/batch_signer.h"
+#include "boundary/file_digest.h"
+#include "platform/runtime/datetime.h"
+#include "platform/runtime/files.h"
+#include "platform/runtime/strings.h"
+#include "tessarel/dialogs.h"
+#include "tessarel/errors.h"
+#include "tessarel/ui.h"
 
 namespace tessarel {
 
-void TSignEArchivia::ArchiviaFile(const std::string&, const std::string&, const std::string&,
-                                  const std::string&, DateTime) {
-  RequireOpenIndex();
-  NotAvailableYet("ArchiviaFile");
+namespace {
+
+bool same_file(const std::string& a, const std::string& b) {
+  std::error_code ec;
+  return std::filesystem::equivalent(a, b, ec) && !ec;
 }
 
-void TSignEArchivia::FirmaEArchiviaFile(const std::string&, const std::string&, const std::string&,
-                                        DateTime) {
+// A copy waiting under a temporary name in its destination folder until the record is
+// complete; removed unless committed.
+class StagedCopy {
+ public:
+  StagedCopy(const std::string& source, const std::string& dest)
+      : dest_(dest), writer_(dest, 0666) {
+    InputFile in(source);
+    std::vector<char> buf(1 << 20);
+    while (std::size_t n = in.read(buf.data(), buf.size()))
+      writer_.write(buf.data(), n);
+  }
+  const std::string& temp_path() const { return writer_.temp_path(); }
+  // Renamed into place; the data reaches the disk before the index that lists it.
+  void commit() { writer_.commit(false); }
+
+ private:
+  std::string dest_;
+  AtomicFileWriter writer_;
+};
+
+std::string escape_param(const std::string& text) {
+  return replace_all(replace_all(text, "&", "&amp;"), "'", "&apos;");
+}
+
+}  // namespace
+
+void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& fBusta,
+                                  const std::string& XMLParam, const std::string& Tipo,
+                                  DateTime Data) {
   RequireOpenIndex();
-  NotAvailableYet("FirmaEArchiviaFile");
+  if (Data == 0.0) Data = Date();
+  // Nothing a document type names may lead outside the archive.
+  CheckTipo(Tipo);
+  std::string archive = archive_folder();
+  std::string relative = RelativeFolder(Tipo, Data);
+  std::string folder = LinkToPath(archive, relative.substr(0, relative.size() - 1));
+  CheckInsideArchive(archive, folder + "/x");
+  if (!DirectoryExists(folder) && !ForceDirectories(folder))
+    throw Exception("Impossibile create la cartella " + folder + "/");
+  CheckInsideArchive(archive, folder + "/x");
+
+  std::string name = ExtractFileName(fpath);
+  if (name.empty() || name == "." || name == "..")
+    throw Exception("Nome di file non valido: " + fpath);
+  std::string target = folder + "/" + name;
+  bool copied = false, replaced = false;
+  std::optional<StagedCopy> data_copy;
+  if (!same_file(fpath, target)) {
+    if (FileExists(target)) {
+      if (CollisionAction == -1) {
+        TSignFileOverriteDlg dlg;
+        currentUi().overwrite_choice(dlg);
+        CollisionAction = dlg.ItemIndex;
+      }
+      if (CollisionAction == 4) throw Exception("Operazione Annullata");
+      if (CollisionAction == 2 || CollisionAction == 3) {
+        if (CollisionAction == 2) CollisionAction = -1;
+        return;
+      }
+      // 0 or 1: overwrite (0 only this time).
+      data_copy.emplace(fpath, target);
+      copied = replaced = true;
+      if (CollisionAction == 0) CollisionAction = -1;
+    } else {
+      data_copy.emplace(fpath, target);
+      copied = true;
+    }
+  }
+
+  // Everything the record needs is computed before anything is put in place.
+  std::string data_digest;
+  std::int64_t data_size = 0;
+  HashFile(data_copy ? data_copy->temp_path() : target, data_digest, data_size);
+  std::optional<StagedCopy> envelope_copy;
+  std::string envelope_name, envelope_digest;
+  std::int64_t envelope_size = 0;
+  if (!fBusta.empty()) {
+    envelope_name = ExtractFileName(fBusta);
+    if (envelope_name.empty() || envelope_name == "." || envelope_name == "..")
+      throw Exception("Nome di file non valido: " + fBusta);
+    std::string envelope_target = folder + "/" + envelope_name;
+    if (copied && !same_file(fBusta, envelope_target))
+      envelope_copy.emplace(fBusta, envelope_target);
+    HashFile(envelope_copy ? envelope_copy->temp_path() : envelope_target, envelope_digest,
+             envelope_size);
+  }
+
+  xml::Document& doc = *FXMLDocument;
+  xml::Node root = doc.root();
+  xml::Node group = root.find_child(Tipo);
+  bool new_group = !group;
+  if (new_group) group = doc.CreateElement(Tipo);
+
+  xml::Node old_record;
+  if (replaced && !new_group) {
+    for (xml::Node c = group.first_child(); c; c = c.next_sibling())
+      if (c.is_element() && c.name() == "Documento" && c.attribute_count() > 0 &&
+          c.attribute_name(0) == "Name" && c.attribute_value(0) == name) {
+        old_record = c;
+        break;
+      }
+  }
+  // A replacing record keeps the number of the one it replaces; a new one follows the
+  // group's last record (numbers stay unique even when an Id is not a number).
+  std::int64_t id = 0;
+  bool have_id = false;
+  if (old_record) {
+    try {
+      id = StrToInt(old_record.attribute("Id"));
+      have_id = true;
+    } catch (const EConvertError&) {
+    }
+  }
+  if (!have_id && !new_group) {
+    xml::Node last = group.last_child();
+    if (last && last.attribute_count() > 0) {
+      try {
+        id = StrToInt(last.attribute("Id")) + 1;
+      } catch (const EConvertError&) {
+        std::int64_t max = -1;
+        for (xml::Node c = group.first_child(); c; c = c.next_sibling())
+          try {
+            if (c.is_element()) max = std::max(max, StrToInt(c.attribute("Id")));
+          } catch (const EConvertError&) {
+          }
+        id = max + 1;
+      }
+    }
+  }
+
+  xml::Node record = doc.CreateElement("Documento");
+  record.set_attribute("Name", name);
+  record.set_attribute("Data", FormatIsoDate(Date()));
+  record.set_attribute("Id", std::to_string(id));
+  if (!XMLParam.empty()) record.append_child(doc.CreateText(escape_param(XMLParam), true));
+  xml::Node data = doc.CreateElement("File_Dati");
+  record.append_child(data);
+  data.set_attribute("link", relative + name);
+  data.set_attribute("size", std::to_string(data_size));
+  data.set_attribute("Hash_SHA256", data_digest);
+  data.set_attribute("detached", Fdetached ? "T" : "F");
+  if (!fBusta.empty()) {
+    xml::Node busta = doc.CreateElement("File_Busta");
+    record.append_child(busta);
+    busta.set_attribute("link", relative + envelope_name);
+    busta.set_attribute("name", envelope_name);
+    busta.set_attribute("size", std::to_string(envelope_size));
+    busta.set_attribute("Hash_SHA256", envelope_digest);
+  }
+
+  // The copies take their places, then the record goes into the index.
+  if (data_copy) data_copy->commit();
+  if (envelope_copy) envelope_copy->commit();
+  archived_since_close_ = true;
+  if (new_group) {
+    root.append_child(group);
+    IndentElement(group, 0);
+  }
+  if (old_record)
+    old_record.replace_with(record);
+  else
+    group.append_child(record);
+  IndentElement(record, 0);
+  isModified = true;
+}
+
+void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::string& XMLParam,
+                                        const std::string& Tipo, DateTime Data) {
+  RequireOpenIndex();
+  std::optional<std::string> envelope = FirmaFiles(fpath, fpath, FidCert, Fdetached, nullptr);
+  if (!envelope || envelope->empty()) return;
+  ArchiviaFile(fpath, *envelope, XMLParam, Tipo, Data);
 }
 
 void TSignEArchivia::CancellaId() {
   RequireOpenIndex();
-  NotAvailableYet("CancellaId");
+  xml::Node root = FXMLDocument->root();
+  if (!root) throw Exception("File indice non valido");
+  TSignCancRegDlg dlg;
+  for (xml::Node c = root.first_child(); c; c = c.next_sibling())
+    if (c.is_element()) dlg.ComboBox1.push_back(c.name());
+  if (dlg.ComboBox1.empty()) throw Exception("File indice vuoto");
+  dlg.ItemIndex = 0;
+  if (currentUi().record_deletion(dlg) != ModalResult::Ok) return;
+  if (dlg.Edit1.empty()) return;
+  std::int64_t number = StrToInt(dlg.Edit1);
+  std::string type = dlg.selected_type();
+  xml::Node group = root.find_child(type);
+  if (!group) throw Exception("tipo " + type + " non trovato");
+  xml::Node record;
+  for (xml::Node c = group.first_child(); c; c = c.next_sibling()) {
+    if (!c.is_element() || c.name() != "Documento" || c.attribute_count() < 3 ||
+        c.attribute_name(2) != "Id")
+      continue;
+    try {
+      if (StrToInt(c.attribute_value(2)) == number) {
+        record = c;
+        break;
+      }
+    } catch (const EConvertError&) {
+    }
+  }
+  if (!record) {
+    currentUi().message_box(MessageKind::Information, MessageButtons::Ok, "id non trovato");
+    return;
+  }
+  // The files to delete must lie inside the archive; a record that points elsewhere is
+  // refused before anything is deleted.
+  std::string data_path;
+  if (xml::Node data = record.find_child("File_Dati"); data && data.attribute_count() > 0) {
+    data_path = LinkToPath(archive_folder(), data.attribute_value(0));
+    CheckInsideArchive(archive_folder(), data_path);
+    CheckInsideArchive(archive_folder(), data_path + ".p7s");
+  }
+  std::string name = record.attribute_count() > 0 ? record.attribute_value(0) : "";
+  if (currentUi().message_box(MessageKind::Confirmation, MessageButtons::OkCancel,
+                              "Confermi l'operazione di cancellazione del record con nome file " +
+                                  name + "?") != ModalResult::Ok)
+    return;
+  if (!data_path.empty()) {
+    ::unlink(data_path.c_str());
+    ::unlink((data_path + ".p7s").c_str());
+  }
+  record.remove();
+  isModified = true;
+  ChiudiIndice();
+  currentUi().message_box(MessageKind::Information, MessageButtons::Ok, "Operazione teminata");
 }
 
 }  // namespace tessarel

@@ -1,5 +1,7 @@
 // The archive index: opening (or creating) index.xml, closing and signing it.
+#include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -177,7 +179,16 @@ void TSignEArchivia::ChiudiIndice() {
                               e.what() + ")");
   }
 
-  // Replaced whole: a crash leaves the previous signed index or this one.
+  // Replaced whole: a crash leaves the previous signed index or this one. The archived
+  // copies it lists are flushed first.
+  if (archived_since_close_) {
+    int fd = ::open(archive_folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+      ::syncfs(fd);
+      ::close(fd);
+    }
+    archived_since_close_ = false;
+  }
   try {
     AtomicFileWriter out(Fpatharchivia);
     FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });

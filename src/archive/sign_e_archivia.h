@@ -81,6 +81,9 @@ class TSignEArchivia : public ISignEArchivia {
   bool Fdetached = false;
   // Remembered answer to "the file exists in the archive": -1 ask, 0..4 the dialog's items.
   std::int32_t CollisionAction = 0;
+  // Files were put in the archive since the index was last written: they reach the disk
+  // before the index that lists them.
+  bool archived_since_close_ = false;
 };
 
 }  // namespace tessarel

@@ -362,7 +362,7 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   while (target.last_child() && target.last_child().is_text() &&
          whitespace_only(target.last_child().text())) {
     xml::Node ws = target.last_child();
-    ws.unlink();
+    ws.remove();
   }
   if (!start_ws.empty()) target.append_child(doc.CreateText(start_ws));
   target.append_child(sig);
@@ -483,8 +483,6 @@ void TElXMLVerifier::RemoveSignature() {
   xml::Node sig = FSourceNode;
   if (FSignatureType & (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))) {
     // The objects' content goes back where the signature was.
-    xml::Node parent = sig.parent();
-    (void)parent;
     for (xml::Node o = sig.first_child(); o; o = o.next_sibling()) {
       if (!is_dsig(o, "Object")) continue;
       for (xml::Node c = o.first_child(); c;) {
@@ -496,7 +494,7 @@ void TElXMLVerifier::RemoveSignature() {
       }
     }
   }
-  sig.unlink();
+  sig.remove();
   FSourceNode = xml::Node();
 }
 

@@ -83,7 +83,8 @@ TEST_F(CmsCli, MissingFilesAndBadEnvelopesAreClearErrors) {
   r = cli({"sign", "--cert", "ABCDEF", dir_ / "a.txt"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("ABCDEF"), std::string::npos);
-  EXPECT_EQ(cli({"verify", dir_ / "no-such.p7m"}).exit_code, 2);  // a missing argument file is a usage error
+  EXPECT_EQ(cli({"verify", dir_ / "no-such.p7m"}).exit_code,
+            2);  // a missing argument file is a usage error
 }
 
 }  // namespace

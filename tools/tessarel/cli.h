@@ -21,6 +21,11 @@ struct Globals {
   std::string ui;      // --ui
   bool json = false;   // --json
   bool quiet = false;  // --quiet
+  // Answers given on the command line for questions the library would ask.
+  int overwrite_answer = -1;  // item of the overwrite question, -1 to ask
+  std::string deletion_type;  // record to delete, when given
+  std::string deletion_id;
+  bool assume_yes = false;  // confirmations answered OK
 };
 Globals& globals();
 

@@ -34,6 +34,10 @@ class CliUi : public Ui {
   const char* name() const override { return inner_->name(); }
   ModalResult message_box(MessageKind k, MessageButtons b, const std::string& t) override {
     finish_progress();
+    if (k == MessageKind::Confirmation && globals().assume_yes) {
+      std::fprintf(stderr, "%s (yes)\n", t.c_str());
+      return b == MessageButtons::YesNo ? ModalResult::Yes : ModalResult::Ok;
+    }
     return inner_->message_box(k, b, t);
   }
   ModalResult password(TPasswordRequestForm& f) override {
@@ -42,10 +46,28 @@ class CliUi : public Ui {
   }
   void overwrite_choice(TSignFileOverriteDlg& d) override {
     finish_progress();
+    if (globals().overwrite_answer >= 0) {
+      d.select(globals().overwrite_answer);
+      d.OKBtnClick();
+      return;
+    }
     inner_->overwrite_choice(d);
   }
   ModalResult record_deletion(TSignCancRegDlg& d) override {
     finish_progress();
+    if (!globals().deletion_type.empty()) {
+      for (std::size_t i = 0; i < d.ComboBox1.size(); ++i)
+        if (d.ComboBox1[i] == globals().deletion_type) d.select(static_cast<int>(i));
+      if (d.selected_type() != globals().deletion_type) {
+        std::fprintf(stderr, "tessarel: error: the index has no type %s\n",
+                     globals().deletion_type.c_str());
+        d.CancelBtnClick();
+        return d.modal_result();
+      }
+      d.Edit1 = globals().deletion_id;
+      d.OKBtnClick();
+      return d.modal_result();
+    }
     return inner_->record_deletion(d);
   }
   ModalResult certificate_picker(TfrmSelWinCert& p) override {

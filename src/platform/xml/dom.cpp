@@ -255,9 +255,17 @@ void Node::unlink() {
   xmlUnlinkNode(N(*this));
 }
 
+void Node::remove() {
+  xmlNodePtr n = N(*this);
+  if (!n) return;
+  xmlUnlinkNode(n);
+  xmlFreeNode(n);
+  raw_ = nullptr;
+}
+
 void Node::replace_with(Node other) {
   insert_before(other, *this);
-  unlink();
+  remove();
 }
 
 // ---- Document ----

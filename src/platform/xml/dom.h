@@ -58,8 +58,12 @@ class Node {
 
   void append_child(Node child);
   void insert_before(Node child, Node reference);
-  // Takes the node out of its parent (it stays owned by the document).
+  // Takes the node out of its parent; the caller puts it somewhere else or removes it.
   void unlink();
+  // Takes the node out of the document and frees it with everything below it; the handle
+  // (and handles to its descendants) must not be used afterwards.
+  void remove();
+  // Puts other in this node's place and frees this node.
   void replace_with(Node other);
 
  private:

@@ -1,0 +1,204 @@
+// Reading and checking an archive as it is on disk.
+#include <filesystem>
+#include <memory>
+
+#include "archive/archive_paths.h"
+#include "boundary/file_digest.h"
+#include "cms/cms_verify.h"
+#include "platform/runtime/files.h"
+#include "platform/runtime/strings.h"
+#include "platform/xml/dom.h"
+#include "tessarel/archive.h"
+#include "tessarel/errors.h"
+#include "tessarel/store.h"
+#include "xmlsig/xml_signature.h"
+
+namespace tessarel {
+
+namespace {
+
+std::string index_path_of(const std::string& folder) {
+  if (lower_ascii(ExtractFileName(folder)) == "index.xml") return folder;
+  std::string f = folder;
+  while (f.size() > 1 && f.back() == '/')
+    f.pop_back();
+  return f + "/index.xml";
+}
+
+std::vector<ArchiveRecord> records_of(const xml::Document& doc) {
+  std::vector<ArchiveRecord> out;
+  for (xml::Node group = doc.root().first_child(); group; group = group.next_sibling()) {
+    if (!group.is_element() || group.namespace_uri() == xml::kDsigNamespace) continue;
+    for (xml::Node d = group.first_child(); d; d = d.next_sibling()) {
+      if (!d.is_element() || d.name() != "Documento") continue;
+      ArchiveRecord r;
+      r.type = group.name();
+      r.name = d.attribute("Name");
+      r.date = d.attribute("Data");
+      r.id = d.attribute("Id");
+      auto file_entry = [](xml::Node e) {
+        ArchiveFileEntry f;
+        f.link = e.attribute("link");
+        f.name = e.attribute("name");
+        try {
+          f.size = static_cast<std::uint64_t>(StrToInt(e.attribute("size")));
+        } catch (const EConvertError&) {
+          f.size = UINT64_MAX;
+        }
+        f.sha256 = e.attribute("Hash_SHA256");
+        return f;
+      };
+      if (xml::Node data = d.find_child("File_Dati")) {
+        r.has_data = true;
+        r.data = file_entry(data);
+        r.detached = data.attribute("detached") == "T";
+      }
+      if (xml::Node env = d.find_child("File_Busta")) {
+        r.has_envelope = true;
+        r.envelope = file_entry(env);
+      }
+      out.push_back(std::move(r));
+    }
+  }
+  return out;
+}
+
+// Size and digest of an archived file against its record; the file's path, or "" when
+// the record's link cannot be used.
+std::string check_file(const std::string& archive, const ArchiveFileEntry& f, const char* what,
+                       const std::string& label, std::vector<ArchiveProblem>& problems) {
+  std::string path;
+  try {
+    path = LinkToPath(archive, f.link);
+    CheckInsideArchive(archive, path);
+  } catch (const Exception& e) {
+    problems.push_back({label, std::string(what) + ": " + e.what()});
+    return "";
+  }
+  if (!FileExists(path)) {
+    problems.push_back({label, std::string(what) + " missing: " + f.link});
+    return "";
+  }
+  try {
+    std::string digest;
+    std::int64_t size = 0;
+    HashFile(path, digest, size);
+    if (static_cast<std::uint64_t>(size) != f.size)
+      problems.push_back(
+          {label,
+           std::string(what) + " size " + std::to_string(size) + " differs from the recorded " +
+               (f.size == UINT64_MAX ? std::string("(not a number)") : std::to_string(f.size)) +
+               ": " + f.link});
+    if (digest != f.sha256)
+      problems.push_back(
+          {label, std::string(what) + " SHA-256 differs from the record: " + f.link});
+  } catch (const Exception& e) {
+    problems.push_back({label, std::string(what) + " unreadable: " + e.what()});
+    return "";
+  }
+  return path;
+}
+
+}  // namespace
+
+std::vector<ArchiveRecord> ListArchive(const std::string& folder) {
+  auto doc = xml::Document::ParseFile(index_path_of(folder));
+  if (!doc->root() || doc->root().name() != "IndiceFile")
+    throw Exception(
+        "File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
+  return records_of(*doc);
+}
+
+ArchiveCheckReport VerifyArchive(const std::string& folder, const std::string& expected_signer,
+                                 const std::function<void(std::size_t, std::size_t)>& progress) {
+  ArchiveCheckReport report;
+  std::string index = index_path_of(folder);
+  std::string archive = ExtractFileDir(index);
+  std::unique_ptr<xml::Document> doc;
+  try {
+    doc = xml::Document::ParseFile(index);
+  } catch (const Exception& e) {
+    report.problems.push_back({"", std::string("index unreadable: ") + e.what()});
+    return report;
+  }
+  if (!doc->root() || doc->root().name() != "IndiceFile") {
+    report.problems.push_back({"", "the index's root element is not IndiceFile"});
+    return report;
+  }
+  // The index signature, and who made it.
+  TElXMLVerifier verifier;
+  try {
+    verifier.Load(doc->root());
+    XmlSignatureCheck check = verifier.Verify(*doc);
+    for (const auto& p : check.problems)
+      report.problems.push_back({"", "index signature: " + p});
+    if (check.certificate) {
+      report.signer_id = check.certificate->id();
+      report.signer_subject = check.certificate->subject_text();
+    }
+    report.index_signed = check.ok();
+    if (check.ok()) {
+      bool trusted = false;
+      if (!expected_signer.empty()) {
+        trusted = report.signer_id == expected_signer;
+        if (!trusted)
+          report.problems.push_back({"", "the index is signed by certificate " + report.signer_id +
+                                             ", not by " + expected_signer});
+      } else {
+        for (const auto& c : personal_store()->certificates())
+          if (c == *check.certificate) trusted = true;
+        if (!trusted)
+          report.problems.push_back(
+              {"", "the index is signed by a certificate that is not in the personal store: " +
+                       report.signer_subject + " (" + report.signer_id + ")"});
+      }
+    }
+  } catch (const Exception& e) {
+    report.problems.push_back(
+        {"", std::string("the index carries no usable signature: ") + e.what()});
+  }
+
+  std::vector<ArchiveRecord> records = records_of(*doc);
+  report.records = records.size();
+  std::size_t done = 0;
+  for (const auto& r : records) {
+    std::string label = r.type + "#" + r.id + " " + r.name;
+    std::string data_path, envelope_path;
+    if (!r.has_data) {
+      report.problems.push_back({label, "the record has no data file"});
+    } else {
+      data_path = check_file(archive, r.data, "data file", label, report.problems);
+      ++report.files_checked;
+    }
+    if (r.has_envelope) {
+      envelope_path = check_file(archive, r.envelope, "envelope", label, report.problems);
+      ++report.files_checked;
+    }
+    // The envelope must verify against the data file it was archived with.
+    if (!envelope_path.empty() && !data_path.empty()) {
+      try {
+        TElSignedCMSMessage message;
+        message.Open(std::make_shared<asn1::FileSource>(envelope_path));
+        auto data_source = std::make_shared<asn1::FileSource>(data_path);
+        TElCMSContent data;
+        data.Init(data_source, 0, data_source->size());
+        CmsVerification v = VerifySignedMessage(message, &data);
+        if (!message.FDetached && DigestContent(message.FContent.get(), DigestAlgorithm::SHA256) !=
+                                      DigestContent(&data, DigestAlgorithm::SHA256))
+          report.problems.push_back(
+              {label, "the envelope's content is not the archived data file"});
+        for (const auto& p : v.problems)
+          report.problems.push_back({label, "envelope: " + p});
+        for (const auto& s : v.signers)
+          for (const auto& p : s.problems)
+            report.problems.push_back({label, "envelope: " + p});
+      } catch (const Exception& e) {
+        report.problems.push_back({label, std::string("envelope: ") + e.what()});
+      }
+    }
+    if (progress) progress(++done, records.size());
+  }
+  return report;
+}
+
+}  // namespace tessarel

@@ -1,0 +1,134 @@
+// The auditor's check: each kind of damage is reported, a sound archive passes, and the
+// check changes nothing.
+#include <sys/stat.h>
+
+#include <map>
+
+#include "archive_fixture.h"
+#include "tessarel/certgen.h"
+#include "tessarel/errors.h"
+
+namespace tessarel {
+namespace {
+
+class ArchiveCheck : public test::ArchiveFixture {
+ protected:
+  void SetUp() override {
+    test::ArchiveFixture::SetUp();
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.FirmaEArchiviaFile(input("a.txt", "alpha"), "", "Contratti", march_);
+    e.FirmaEArchiviaFile(input("b.txt", "beta"), "", "Contratti", march_);
+    e.FirmaEArchiviaFile(input("c.txt", "gamma"), "", "Fatture", april_);
+    e.ChiudiIndice();
+  }
+  std::string problems(const ArchiveCheckReport& r) {
+    std::string out;
+    for (const auto& p : r.problems)
+      out += p.record + ": " + p.what + "\n";
+    return out;
+  }
+};
+
+TEST_F(ArchiveCheck, ASoundArchivePassesAndIsNotTouched) {
+  std::map<std::string, std::pair<std::string, long>> before;
+  for (const auto& f : tree()) {
+    struct stat st {};
+    stat(at(f).c_str(), &st);
+    before[f] = {test::read_file(at(f)), st.st_mtim.tv_nsec + st.st_mtim.tv_sec * 1000000000L};
+  }
+  ArchiveCheckReport r = VerifyArchive(arch_);
+  EXPECT_TRUE(r.ok()) << problems(r);
+  EXPECT_TRUE(r.index_signed);
+  EXPECT_EQ(r.signer_id, "0A2C");
+  EXPECT_EQ(r.records, 3u);
+  EXPECT_EQ(r.files_checked, 6u);
+  for (const auto& f : tree()) {
+    struct stat st {};
+    stat(at(f).c_str(), &st);
+    EXPECT_EQ(before[f].first, test::read_file(at(f))) << f;
+    EXPECT_EQ(before[f].second, st.st_mtim.tv_nsec + st.st_mtim.tv_sec * 1000000000L) << f;
+  }
+}
+
+TEST_F(ArchiveCheck, AChangedByteInADataFile) {
+  test::write_file(at("Contratti/2021/03/a.txt"), "alphA");
+  ArchiveCheckReport r = VerifyArchive(arch_);
+  EXPECT_FALSE(r.ok());
+  std::string p = problems(r);
+  EXPECT_NE(p.find("Contratti#0 a.txt: data file SHA-256 differs"), std::string::npos) << p;
+  EXPECT_NE(p.find("Contratti#0 a.txt: the envelope's content is not the archived data file"),
+            std::string::npos)
+      << p;
+}
+
+TEST_F(ArchiveCheck, ADeletedEnvelope) {
+  std::filesystem::remove(at("Contratti/2021/03/b.txt.p7m"));
+  std::string p = problems(VerifyArchive(arch_));
+  EXPECT_NE(p.find("Contratti#1 b.txt: envelope missing: Contratti\\2021\\03\\b.txt.p7m"),
+            std::string::npos)
+      << p;
+}
+
+TEST_F(ArchiveCheck, ASwappedEnvelope) {
+  std::filesystem::copy_file(at("Contratti/2021/03/a.txt.p7m"), at("Contratti/2021/03/b.txt.p7m"),
+                             std::filesystem::copy_options::overwrite_existing);
+  std::string p = problems(VerifyArchive(arch_));
+  EXPECT_NE(p.find("Contratti#1 b.txt: envelope SHA-256 differs"), std::string::npos) << p;
+  EXPECT_NE(p.find("Contratti#1 b.txt: the envelope's content is not the archived data file"),
+            std::string::npos)
+      << p;
+}
+
+TEST_F(ArchiveCheck, ARecordEditedInTheIndex) {
+  std::string text = test::read_file(at("index.xml"));
+  std::string from = "Name=\"b.txt\"";
+  text.replace(text.find(from), from.size(), "Name=\"B.txt\"");
+  test::write_file(at("index.xml"), text);
+  ArchiveCheckReport r = VerifyArchive(arch_);
+  EXPECT_FALSE(r.index_signed);
+  EXPECT_NE(problems(r).find("index signature: the document does not match the signed digest"),
+            std::string::npos)
+      << problems(r);
+}
+
+TEST_F(ArchiveCheck, AnIndexSignedAgainByAnotherCertificate) {
+  // Someone with a key of their own opens the archive and signs it again.
+  test::TempDir other;
+  auto other_store = open_store(other / "MY");
+  NewCertificateOptions o;
+  o.common_name = "Falsario";
+  o.key = KeyKind::Rsa;
+  Certificate forger = CreateSelfSignedCertificate(o, *other_store);
+  set_store_location(other / "MY");
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, forger.id(), false);
+    e.ArchiviaFile(at("Contratti/2021/03/a.txt"), "", "", "Contratti", march_);
+    e.ChiudiIndice();
+  }
+  set_store_location(store_.path());
+  ArchiveCheckReport r = VerifyArchive(arch_);
+  EXPECT_TRUE(r.index_signed);  // a valid signature, by the wrong certificate
+  EXPECT_FALSE(r.ok());
+  EXPECT_NE(
+      problems(r).find("signed by a certificate that is not in the personal store: CN=Falsario"),
+      std::string::npos)
+      << problems(r);
+  EXPECT_FALSE(VerifyArchive(arch_, "0A2C").ok());
+  EXPECT_TRUE(VerifyArchive(arch_, forger.id()).problems.empty());
+}
+
+TEST_F(ArchiveCheck, EnvelopesThatAreNotEnvelopesOrDoNotMatch) {
+  test::write_file(at("Fatture/2021/04/c.txt.p7m"), "not an envelope");
+  std::string p = problems(VerifyArchive(arch_));
+  EXPECT_NE(p.find("Fatture#0 c.txt: envelope: Failed to load CMS message"), std::string::npos)
+      << p;
+  EXPECT_THROW(ListArchive(dir_ / "nowhere"), Exception);
+  ArchiveCheckReport none = VerifyArchive(dir_ / "nowhere");
+  EXPECT_FALSE(none.ok());
+  EXPECT_NE(problems(none).find("index unreadable"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tessarel

@@ -1,0 +1,271 @@
+// Archiving: the dated tree, record numbering, the collision choices, deletion, and that a
+// failure or a hostile name changes nothing.
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "archive_fixture.h"
+#include "tessarel/errors.h"
+
+namespace tessarel {
+namespace {
+
+class Archiving : public test::ArchiveFixture {};
+
+TEST_F(Archiving, FoldersFollowTheDocumentDateRecordsTheDayOfArchiving) {
+  std::string a = input("a.xml", "<a/>"), b = input("b.xml", "<b/>");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  e.ArchiviaFile(a, "", "", "Contratti", march_);
+  e.ArchiviaFile(b, "", "", "Contratti", april_);
+  EXPECT_TRUE(e.modified());
+  e.ChiudiIndice();
+  auto r = records();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0].data.link, "Contratti\\2021\\03\\a.xml");
+  EXPECT_EQ(r[1].data.link, "Contratti\\2021\\04\\b.xml");
+  EXPECT_EQ(r[0].id, "0");
+  EXPECT_EQ(r[1].id, "1");
+  EXPECT_EQ(r[0].date, FormatIsoDate(Date()));
+  EXPECT_FALSE(r[0].has_envelope);  // no envelope given: File_Dati only
+  EXPECT_EQ(r[0].data.size, 4u);
+  EXPECT_EQ(r[0].data.sha256,
+            test::run({"sh", "-c", "printf '<a/>' | sha256sum | cut -c1-64 | tr a-f A-F"})
+                .out.substr(0, 64));
+  EXPECT_EQ(test::read_file(at("Contratti/2021/03/a.xml")), "<a/>");
+}
+
+TEST_F(Archiving, SignAndArchiveRecordsDataAndEnvelopeWithTheirDigests) {
+  std::string a = input("contratto.xml", "<contratto/>");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", true);
+  e.FirmaEArchiviaFile(a, "Rossi & Bianchi, l'atto &amp; altro", "Contratti", march_);
+  e.ChiudiIndice();
+  auto r = records();
+  ASSERT_EQ(r.size(), 1u);
+  EXPECT_TRUE(r[0].detached);
+  EXPECT_EQ(r[0].envelope.link, "Contratti\\2021\\03\\contratto.xml.p7s");
+  EXPECT_EQ(r[0].envelope.name, "contratto.xml.p7s");
+  EXPECT_EQ(r[0].envelope.size,
+            std::filesystem::file_size(at("Contratti/2021/03/contratto.xml.p7s")));
+  // The parameter was escaped once more: & and ' become entities, so a text holding
+  // "&amp;" reads back as "&amp;".
+  std::string text = test::read_file(at("index.xml"));
+  EXPECT_NE(text.find("Rossi &amp; Bianchi, l'atto &amp;amp; altro"), std::string::npos) << text;
+  EXPECT_TRUE(VerifyArchive(arch_).ok());
+}
+
+TEST_F(Archiving, AFileAlreadyInPlaceIsNotCopiedAndNotAsked) {
+  std::filesystem::create_directories(at("Contratti/2021/03"));
+  test::write_file(at("Contratti/2021/03/x.txt"), "in place");
+  test::write_file(at("Contratti/2021/03/x.txt.p7m"), "envelope in place");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  // The envelope given elsewhere is not copied either: the one in the archive is recorded.
+  input("x.txt.p7m", "another envelope");
+  e.ArchiviaFile(at("Contratti/2021/03/x.txt"), dir_ / "in/x.txt.p7m", "", "Contratti", march_);
+  e.ArchiviaFile(at("Contratti/2021/03/x.txt"), "", "", "Contratti", march_);
+  EXPECT_TRUE(ui_->shown.empty());
+  e.ChiudiIndice();
+  auto r = records();
+  ASSERT_EQ(r.size(), 2u);
+  // The envelope was not copied: it was digested where the archive keeps it.
+  EXPECT_EQ(r[0].envelope.size, std::string("envelope in place").size());
+  EXPECT_EQ(r[1].id, "1");
+}
+
+TEST_F(Archiving, CollisionChoices) {
+  struct Case {
+    int choice;
+    bool overwritten;   // the archived copy holds the new content
+    int later_dialogs;  // dialogs shown for a third collision
+  };
+  for (Case c : {Case{0, true, 1}, Case{1, true, 0}, Case{2, false, 1}, Case{3, false, 0}}) {
+    SCOPED_TRACE("choice " + std::to_string(c.choice));
+    std::filesystem::remove_all(arch_);
+    std::string f = input("doc.txt", "version 1");
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(f, "", "", "Contratti", march_);
+    test::write_file(f, "version 2");
+    ui_->shown.clear();
+    ui_->answer_overwrite(c.choice);
+    e.ArchiviaFile(f, "", "", "Contratti", march_);
+    EXPECT_EQ(test::read_file(at("Contratti/2021/03/doc.txt")),
+              c.overwritten ? "version 2" : "version 1");
+    e.ChiudiIndice();
+    auto r = records();
+    ASSERT_EQ(r.size(), 1u) << "a replaced record takes the old one's place";
+    EXPECT_EQ(r[0].id, "0");
+    EXPECT_EQ(r[0].data.size, std::string(c.overwritten ? "version 2" : "version 1").size());
+    // A third collision: asked again unless the choice was "for all the other times".
+    if (c.later_dialogs) ui_->answer_overwrite(c.choice);
+    e.ArchiviaFile(f, "", "", "Contratti", march_);
+    EXPECT_EQ(ui_->shown.size(), static_cast<std::size_t>(1 + c.later_dialogs));
+    EXPECT_TRUE(ui_->all_answers_used());
+  }
+}
+
+TEST_F(Archiving, CancelStopsAndIsRememberedTheCloseBoxKeepsTheSelection) {
+  std::string f = input("doc.txt", "v1");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  e.ArchiviaFile(f, "", "", "Contratti", march_);
+  test::write_file(f, "v2");
+  ui_->answer_overwrite(4);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    try {
+      e.ArchiviaFile(f, "", "", "Contratti", march_);
+      FAIL() << "no cancellation";
+    } catch (const Exception& ex) {
+      EXPECT_STREQ(ex.what(), "Operazione Annullata");
+    }
+  }
+  EXPECT_EQ(ui_->shown.size(), 1u);  // the second collision was cancelled without asking
+  EXPECT_EQ(test::read_file(at("Contratti/2021/03/doc.txt")), "v1");
+  EXPECT_EQ(e.collision_action(), 4);
+
+  TSignEArchivia again;
+  again.ApriIndice(arch_, "0A2C", false);  // opening resets the remembered answer
+  EXPECT_EQ(again.collision_action(), -1);
+  ui_->answer_overwrite(-1, true);  // closed with the close box: item 0 was selected
+  again.ArchiviaFile(f, "", "", "Contratti", march_);
+  EXPECT_EQ(test::read_file(at("Contratti/2021/03/doc.txt")), "v2");
+  EXPECT_EQ(again.collision_action(), -1);
+}
+
+TEST_F(Archiving, EscapingNamesAreRefusedBeforeAnythingIsWritten) {
+  std::string f = input("doc.txt", "x");
+  std::filesystem::create_directories(dir_ / "outside");
+  std::filesystem::create_directories(arch_);
+  std::filesystem::create_directory_symlink(dir_ / "outside", arch_ + "/Fuori");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  for (std::string tipo :
+       {std::string(".."), std::string("../outside"), std::string("/tmp"), std::string("a/b"),
+        std::string("a\\b"), std::string("x\0y", 3), std::string(""), std::string("Fuori")}) {
+    EXPECT_THROW(e.ArchiviaFile(f, "", "", tipo, march_), Exception) << tipo;
+  }
+  EXPECT_FALSE(e.modified());
+  EXPECT_TRUE(std::filesystem::is_empty(dir_ / "outside"));
+  std::vector<std::string> expected;  // nothing but the link itself
+  EXPECT_EQ(tree(), expected);
+}
+
+TEST_F(Archiving, DeletionNeverReachesOutsideTheArchive) {
+  std::string f = input("doc.txt", "x");
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(f, "", "", "Contratti", march_);
+    e.ChiudiIndice();
+  }
+  test::write_file(dir_ / "victim.txt", "must stay");
+  // Someone edits the record's link to point outside (the index signature no longer
+  // matters: it is removed on open).
+  std::string text = test::read_file(at("index.xml"));
+  std::string from = "link=\"Contratti\\2021\\03\\doc.txt\"";
+  text.replace(text.find(from), from.size(), "link=\"..\\victim.txt\"");
+  test::write_file(at("index.xml"), text);
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  ui_->answer_deletion(0, "0");
+  EXPECT_THROW(e.CancellaId(), Exception);
+  EXPECT_EQ(test::read_file(dir_ / "victim.txt"), "must stay");
+  EXPECT_FALSE(e.modified());
+  EXPECT_EQ(records_in_memory(e), 1);
+}
+
+TEST_F(Archiving, DeletionDialogRules) {
+  std::string a = input("a.txt", "A"), b = input("b.txt", "B");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  EXPECT_THROW(e.CancellaId(), Exception);  // "File indice vuoto": nothing to choose
+  e.ArchiviaFile(a, "", "", "Contratti", march_);
+  e.ArchiviaFile(b, "", "", "Fatture", march_);
+  ui_->answer_deletion(0, "");  // empty Id: nothing happens, nothing shown
+  e.CancellaId();
+  ui_->answer_deletion(0, "7");
+  e.CancellaId();
+  EXPECT_EQ(ui_->messages().back().text, "id non trovato");
+  ui_->answer_deletion(1, "0", ModalResult::Cancel);
+  e.CancellaId();
+  ui_->answer_deletion(1, "zero");
+  EXPECT_THROW(e.CancellaId(), EConvertError);
+  ui_->answer_deletion(1, "0");
+  ui_->answer_message(ModalResult::Cancel);  // the confirmation
+  e.CancellaId();
+  EXPECT_EQ(records_in_memory(e), 2);
+  EXPECT_TRUE(std::filesystem::exists(at("Fatture/2021/03/b.txt")));
+  EXPECT_TRUE(ui_->all_answers_used());
+}
+
+TEST_F(Archiving, AFailedCopyChangesNeitherTheArchiveNorTheIndex) {
+  std::string ok = input("ok.txt", "fine");
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  e.ArchiviaFile(ok, "", "", "Contratti", march_);
+  e.ChiudiIndice();
+  auto before_tree = tree();
+  std::string before_index = test::read_file(at("index.xml"));
+  // A missing data file, and an envelope that is missing while the data file exists.
+  EXPECT_THROW(e.ArchiviaFile(dir_ / "in/missing.txt", "", "", "Contratti", march_), EFOpenError);
+  std::string data = input("data.txt", "data");
+  EXPECT_THROW(e.ArchiviaFile(data, dir_ / "in/missing.p7m", "", "Contratti", march_), EFOpenError);
+  EXPECT_EQ(tree(), before_tree) << "a copy of data.txt stayed behind";
+  EXPECT_EQ(records_in_memory(e), 1);
+  // An archive folder that cannot hold the type's folder.
+  test::write_file(at("Blocco"), "a file where a folder should be");
+  try {
+    e.ArchiviaFile(data, "", "", "Blocco", march_);
+    FAIL();
+  } catch (const Exception& ex) {
+    EXPECT_EQ(std::string(ex.what()), "Impossibile create la cartella " + at("Blocco/2021/03/"));
+  }
+  EXPECT_EQ(records_in_memory(e), 1);
+  EXPECT_FALSE(std::filesystem::exists(at("Blocco/2021")));
+  e.ChiudiIndice();
+  EXPECT_EQ(test::read_file(at("index.xml")), before_index)
+      << "nothing changed, so nothing was written";
+}
+
+// A process whose files may not grow past 64 KiB stands in for a full disk.
+TEST_F(Archiving, AFullDiskLeavesNoPartialCopyAndNoRecord) {
+  std::string big = input("big.bin", std::string(1 << 20, 'z'));
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(input("small.txt", "s"), "", "", "Contratti", march_);
+    e.ChiudiIndice();
+  }
+  std::string index_before = test::read_file(at("index.xml"));
+  auto tree_before = tree();
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit lim{64 * 1024, 64 * 1024};
+    setrlimit(RLIMIT_FSIZE, &lim);
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    try {
+      e.ArchiviaFile(big, "", "", "Contratti", march_);
+      _exit(1);  // the copy should have failed
+    } catch (const EInOutError&) {
+      e.ChiudiIndice();
+      _exit(e.modified() ? 2 : 0);
+    } catch (...) {
+      _exit(3);
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: copied anyway, 2: index marked modified, 3: other error";
+  EXPECT_EQ(tree(), tree_before);
+  EXPECT_EQ(test::read_file(at("index.xml")), index_before);
+}
+
+}  // namespace
+}  // namespace tessarel
