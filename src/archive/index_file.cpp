@@ -145,7 +145,7 @@ void TSignEArchivia::ChiudiIndice() {
   }
 
   if (!Cert) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
-  std::unique_ptr<SigningKey> key = ChiaveDiFirma(*Cert);
+  std::shared_ptr<SigningKey> key = ChiaveDiFirma(*Cert);
   TElXMLReferenceList references;
   auto reference = std::make_unique<TElXMLReference>();
   reference->FDigestMethod = TElXMLDigestMethod::xdmSHA1;

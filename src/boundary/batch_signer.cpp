@@ -1,5 +1,7 @@
 #include "boundary/batch_signer.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 
@@ -22,7 +24,7 @@ std::optional<std::string> FirmaFiles(
   if (!found) return std::nullopt;
   Certificate cert = *found;
   // The key is loaded once for the whole batch.
-  std::unique_ptr<SigningKey> key = ChiaveDiFirma(cert);
+  std::shared_ptr<SigningKey> key = ChiaveDiFirma(cert);
   if (!key) return std::nullopt;
 
   TElSignedCMSMessage message;
@@ -67,10 +69,18 @@ std::optional<std::string> FirmaFiles(
 
     std::string& out = outputs.at(i);
     out += detached ? ".p7s" : ".p7m";
-    // Written under a temporary name and renamed: an existing envelope is replaced whole.
-    AtomicFileWriter writer(out);
-    message.SaveToFile(writer.fd(), writer.target());
-    writer.commit(false);
+    // Created or truncated in place; if writing fails, the partial envelope is removed so
+    // that no half envelope is left behind (the signed file itself is never touched).
+    {
+      OutputFile writer(out);
+      try {
+        message.SaveToFile(writer.fd(), out);
+        writer.close();
+      } catch (...) {
+        ::unlink(out.c_str());
+        throw;
+      }
+    }
     message.Clear();
   }
   if (progress) progress->progress_text("Firma Terminata");

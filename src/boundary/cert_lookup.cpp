@@ -51,9 +51,20 @@ bool ChiaveValida(const std::string& idCert) {
   return shared && shared->store().key_valid(*cert);
 }
 
-std::unique_ptr<SigningKey> ChiaveDiFirma(const Certificate& cert) {
-  SharedCertStorage* shared = CurrentSharedCertStorage();
-  return shared ? shared->store().signing_key(cert) : personal_store()->signing_key(cert);
+std::shared_ptr<SigningKey> SharedCertStorage::key(const Certificate& cert) {
+  Bytes fingerprint = cert.fingerprint(DigestAlgorithm::SHA256);
+  for (const auto& [f, k] : keys_)
+    if (f == fingerprint) return k;
+  std::shared_ptr<SigningKey> k = store_->signing_key(cert);
+  if (k) keys_.emplace_back(fingerprint, k);
+  return k;
+}
+
+std::shared_ptr<SigningKey> ChiaveDiFirma(const Certificate& cert) {
+  std::lock_guard lock(shared_mutex());
+  auto& shared = shared_storage();
+  if (shared) return shared->key(cert);
+  return personal_store()->signing_key(cert);
 }
 
 }  // namespace tessarel

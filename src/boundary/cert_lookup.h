@@ -25,10 +25,13 @@ class SharedCertStorage {
     return certificates_.at(static_cast<std::size_t>(i));
   }
   CertStore& store() const { return *store_; }
+  // The signing key of one of its certificates, read from the store once and kept.
+  std::shared_ptr<SigningKey> key(const Certificate& cert);
 
  private:
   std::shared_ptr<CertStore> store_;
   std::vector<Certificate> certificates_;
+  std::vector<std::pair<Bytes, std::shared_ptr<SigningKey>>> keys_;
 };
 
 // The current shared snapshot, or null when none exists (before the first lookup).
@@ -42,6 +45,6 @@ const Certificate* TrovaCertificato(const std::string& idCert);
 // True only when the certificate exists and its key is present, readable and matching.
 bool ChiaveValida(const std::string& idCert);
 // The signing key of a certificate found by TrovaCertificato (null when unusable).
-std::unique_ptr<SigningKey> ChiaveDiFirma(const Certificate& cert);
+std::shared_ptr<SigningKey> ChiaveDiFirma(const Certificate& cert);
 
 }  // namespace tessarel

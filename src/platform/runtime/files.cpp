@@ -175,20 +175,21 @@ mode_t CurrentUmask() {
 
 AtomicFileWriter::AtomicFileWriter(const std::string& target, mode_t mode) : target_(target) {
   std::string dir = ExtractFileDir(target);
-  std::string base = ExtractFileName(target);
-  temp_ = (dir.empty() ? std::string() : dir + "/") + "." + base + ".tmp-XXXXXX";
-  std::vector<char> tmpl(temp_.begin(), temp_.end());
-  tmpl.push_back('\0');
-  fd_ = ::mkostemp(tmpl.data(), O_CLOEXEC);
-  if (fd_ < 0) throw_create(target, errno);
-  temp_.assign(tmpl.data());
-  if (::fchmod(fd_, mode & ~CurrentUmask()) != 0) {
-    int err = errno;
-    ::close(fd_);
-    ::unlink(temp_.c_str());
-    fd_ = -1;
-    throw_create(target, err);
+  std::string base =
+      (dir.empty() ? std::string() : dir + "/") + "." + ExtractFileName(target) + ".tmp-";
+  // The temporary file is created with its final mode (the umask applies), so it needs no
+  // chmod; the name is random, and O_EXCL makes sure it is new.
+  static const char kChars[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  for (int attempt = 0; attempt < 100 && fd_ < 0; ++attempt) {
+    unsigned char rnd[6];
+    if (::getentropy(rnd, sizeof rnd) != 0) throw_create(target, errno);
+    temp_ = base;
+    for (unsigned char r : rnd)
+      temp_.push_back(kChars[r % 62]);
+    fd_ = ::open(temp_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd_ < 0 && errno != EEXIST) throw_create(target, errno);
   }
+  if (fd_ < 0) throw_create(target, EEXIST);
 }
 
 AtomicFileWriter::~AtomicFileWriter() {

@@ -64,6 +64,7 @@ class OutputFile {
   void sync();
   void close();
   const std::string& path() const { return path_; }
+  int fd() const { return fd_; }
 
  private:
   std::string path_;
@@ -105,6 +106,9 @@ void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, m
 // Copies every byte of source onto dest (created or truncated). Times and modes are not
 // carried over.
 void CopyFileStream(const std::string& source, const std::string& dest);
+// Appends every byte of an open input to an open output descriptor (inside the kernel
+// where the file systems allow it).
+void CopyAll(InputFile& in, int out_fd, const std::string& out_name);
 // A new, empty, uniquely named file in the system temporary folder; returns its path.
 std::string MakeTempFile(const std::string& prefix = "tessarel");
 // fsync of a folder, so a rename in it is durable.

@@ -1,0 +1,91 @@
+// Archiving many small files with signing, one ApriIndice/ChiudiIndice: files per second,
+// and the share of the time spent outside signing (the same files signed alone, one
+// FirmaFiles call each, as archiving does, in the same run).
+//   bench_archive DIR [FILES] [SIZE_BYTES]
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "archive/sign_e_archivia.h"
+#include "boundary/batch_signer.h"
+#include "tessarel/certgen.h"
+#include "tessarel/store.h"
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+// User and system CPU seconds of the process so far.
+std::pair<double, double> cpu() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return {u.ru_utime.tv_sec + u.ru_utime.tv_usec / 1e6,
+          u.ru_stime.tv_sec + u.ru_stime.tv_usec / 1e6};
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  fs::path dir = argv[1];
+  int n = argc > 2 ? std::atoi(argv[2]) : 10000;
+  std::size_t size = argc > 3 ? static_cast<std::size_t>(std::atol(argv[3])) : 4096;
+  fs::create_directories(dir / "sign-only");
+  fs::create_directories(dir / "inputs");
+  tessarel::set_store_location((dir / "store").string());
+  tessarel::NewCertificateOptions o;
+  o.common_name = "Archivio Benchmark";
+  auto store = tessarel::personal_store();
+  tessarel::Certificate cert = tessarel::CreateSelfSignedCertificate(o, *store);
+  std::ofstream(dir / "cert.pem") << cert.pem();
+  std::mt19937_64 rng(3);
+  std::vector<std::string> inputs, alone;
+  for (int i = 0; i < n; ++i) {
+    std::string content(size, '\0');
+    for (auto& c : content)
+      c = static_cast<char>(rng());
+    std::string name = "doc" + std::to_string(i) + ".bin";
+    std::ofstream(dir / "inputs" / name, std::ios::binary) << content;
+    std::ofstream(dir / "sign-only" / name, std::ios::binary) << content;
+    inputs.push_back((dir / "inputs" / name).string());
+    alone.push_back((dir / "sign-only" / name).string());
+  }
+  auto c0 = cpu();
+  auto t0 = Clock::now();
+  for (const auto& f : alone)
+    if (!tessarel::FirmaFiles(f, f, cert.id(), false, nullptr)) return 1;
+  double sign_only = std::chrono::duration<double>(Clock::now() - t0).count();
+  auto c1 = cpu();
+
+  static const char* kTypes[] = {"Contratti", "Fatture", "Verbali", "Ordini", "Bolle"};
+  tessarel::TSignEArchivia engine;
+  auto t1 = Clock::now();
+  engine.ApriIndice((dir / "archive").string(), cert.id(), false);
+  for (int i = 0; i < n; ++i)
+    engine.FirmaEArchiviaFile(inputs[static_cast<std::size_t>(i)], "", kTypes[i % 5],
+                              44258.0 + (i % 60));
+  auto t2 = Clock::now();
+  engine.ChiudiIndice();
+  double archive = std::chrono::duration<double>(Clock::now() - t1).count();
+  double close = std::chrono::duration<double>(Clock::now() - t2).count();
+  auto c2 = cpu();
+  std::printf("files: %d of %zu bytes\n", n, size);
+  std::printf("sign only (FirmaFiles per file):      %.2f s  %.0f files/s\n", sign_only,
+              n / sign_only);
+  std::printf("sign and archive, one open/close:      %.2f s  %.0f files/s\n", archive,
+              n / archive);
+  std::printf("  of which ChiudiIndice (flush, sign):  %.2f s\n", close);
+  std::printf("share of time outside signing:         %.0f%%\n",
+              100.0 * (archive - sign_only) / archive);
+  std::printf("CPU, sign only:        user %.2f s  system %.2f s\n", c1.first - c0.first,
+              c1.second - c0.second);
+  std::printf(
+      "CPU, sign and archive: user %.2f s  system %.2f s (the archive copies are new files)\n",
+      c2.first - c1.first, c2.second - c1.second);
+  return 0;
+}
