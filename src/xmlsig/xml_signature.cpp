@@ -124,11 +124,11 @@ std::string escape_dn_value(const std::string& v) {
 }
 
 // Element description, written into the document through the format handler.
-struct Spec {
+struct ElementPlan {
   std::string name;
   std::vector<std::pair<std::string, std::string>> attributes;
   std::string text;
-  std::vector<Spec> children;
+  std::vector<ElementPlan> children;
   bool empty_attribute_uri = false;
 };
 
@@ -263,7 +263,7 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   if (!generated_) GenerateSignature();
   const Certificate& cert = *FKeyData->FCertificate;
 
-  Spec signed_info{"SignedInfo", {}, "", {}};
+  ElementPlan signed_info{"SignedInfo", {}, "", {}};
   signed_info.children.push_back({"CanonicalizationMethod",
                                   {{"Algorithm", CanonicalizationURI(FCanonicalizationMethod)}},
                                   "",
@@ -271,10 +271,10 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   signed_info.children.push_back(
       {"SignatureMethod", {{"Algorithm", SignatureMethodURI(FSignatureMethod)}}, "", {}});
   for (auto& ref : FReferences->FReferences) {
-    Spec r{"Reference", {}, "", {}};
+    ElementPlan r{"Reference", {}, "", {}};
     if (ref->FHasURI) r.attributes.push_back({"URI", ref->FURI});
     if (!ref->FTransformChain.FTransforms.empty()) {
-      Spec transforms{"Transforms", {}, "", {}};
+      ElementPlan transforms{"Transforms", {}, "", {}};
       for (const auto& t : ref->FTransformChain.FTransforms)
         transforms.children.push_back(
             {"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
@@ -285,7 +285,7 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
     r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref->FDigestValue), {}});
     signed_info.children.push_back(r);
   }
-  Spec key_info{"KeyInfo", {}, "", {}};
+  ElementPlan key_info{"KeyInfo", {}, "", {}};
   if (!FKeyName.empty()) key_info.children.push_back({"KeyName", {}, FKeyName, {}});
   if (FIncludeKey) {
     auto pub = crypto::PublicKey::from_certificate(cert);
@@ -313,7 +313,7 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
                                         {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}});
       }
     }
-    Spec x509{"X509Data", {}, "", {}};
+    ElementPlan x509{"X509Data", {}, "", {}};
     unsigned params = FKeyData->FIncludeDataParams;
     if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
       x509.children.push_back({"X509IssuerSerial",
@@ -330,13 +330,14 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
       x509.children.push_back({"X509Certificate", {}, crypto::base64_encode(cert.der()), {}});
     if (!x509.children.empty()) key_info.children.push_back(x509);
   }
-  Spec signature{"Signature", {}, "", {signed_info, {"SignatureValue", {}, "", {}}}};
+  ElementPlan signature{"Signature", {}, "", {signed_info, {"SignatureValue", {}, "", {}}}};
   if (!key_info.children.empty()) signature.children.push_back(key_info);
 
   // Writes an element, its children, then asks the handler for the white space around it.
   xml::Node ns_holder;
-  std::function<xml::Node(const Spec&, int, const std::string&, std::string&)> write =
-      [&](const Spec& s, int level, const std::string& path, std::string& start_ws) -> xml::Node {
+  std::function<xml::Node(const ElementPlan&, int, const std::string&, std::string&)> write =
+      [&](const ElementPlan& s, int level, const std::string& path,
+          std::string& start_ws) -> xml::Node {
     xml::Node e = ns_holder ? doc.CreateElementLike(ns_holder, s.name)
                             : doc.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
     if (!ns_holder) ns_holder = e;

@@ -23,12 +23,12 @@ struct CString {
 
 TEST(Exports, SelezionaCommonNameAssignsOnlyOnAMatch) {
   test::ScopedStore store;
-  test::CertSpec spec;
-  spec.cn = "Giulia Neri";
-  spec.serial = {0x0A, 0x0B};
-  spec.kind = KeyKind::Ec;
-  spec.bits = 256;
-  store.add(test::make_cert(spec), false);
+  test::CertParams params;
+  params.cn = "Giulia Neri";
+  params.serial = {0x0A, 0x0B};
+  params.kind = KeyKind::Ec;
+  params.bits = 256;
+  store.add(test::make_cert(params), false);
 
   CString r("kept");
   EXPECT_EQ(SelezionaCommonName(&r.p, "0A0B"), &r.p);
@@ -87,11 +87,11 @@ TEST(Engine, IndexOperationsNeedAnOpenIndex) {
 
 TEST(Engine, IsKeyPresentRecordsTheIdentifierEvenWhenFalse) {
   test::ScopedStore store;
-  test::CertSpec spec;
-  spec.serial = {0x77};
-  spec.kind = KeyKind::Ec;
-  spec.bits = 256;
-  store.add(test::make_cert(spec));
+  test::CertParams params;
+  params.serial = {0x77};
+  params.kind = KeyKind::Ec;
+  params.bits = 256;
+  store.add(test::make_cert(params));
   std::unique_ptr<ISignEArchivia> e(GetSignEArchivia());
   auto* engine = static_cast<TSignEArchivia*>(e.get());
   EXPECT_FALSE(e->IsKeyPresent("DEADBEEF"));

@@ -9,7 +9,7 @@ namespace tessarel {
 namespace {
 
 test::TestCert cert_with_serial(Bytes serial, const std::string& cn, bool ec = true) {
-  test::CertSpec s;
+  test::CertParams s;
   s.cn = cn;
   s.serial = std::move(serial);
   if (ec) {

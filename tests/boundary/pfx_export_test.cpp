@@ -50,9 +50,9 @@ class PfxExport : public ::testing::Test {
 };
 
 TEST_F(PfxExport, BlobOpensWithTheEmptyPasswordInIndependentReaders) {
-  test::CertSpec spec;
-  spec.cn = "Anna Verdi";
-  auto tc = test::make_cert(spec);
+  test::CertParams params;
+  params.cn = "Anna Verdi";
+  auto tc = test::make_cert(params);
   store_.add(tc);
   {
     SqliteDataSet ds(db_path_, "utenti", 2);
@@ -95,12 +95,12 @@ TEST_F(PfxExport, BlobOpensWithTheEmptyPasswordInIndependentReaders) {
 }
 
 TEST_F(PfxExport, OnlyTheFirstCertificateWithThatNameIsExported) {
-  test::CertSpec spec;
-  spec.cn = "Omonimo";
-  spec.kind = KeyKind::Ec;
-  spec.bits = 256;
-  auto first = test::make_cert(spec);
-  auto second = test::make_cert(spec);
+  test::CertParams params;
+  params.cn = "Omonimo";
+  params.kind = KeyKind::Ec;
+  params.bits = 256;
+  auto first = test::make_cert(params);
+  auto second = test::make_cert(params);
   store_.add(first);
   store_.add(second);
   SqliteDataSet ds(db_path_, "utenti", 1);
@@ -109,9 +109,9 @@ TEST_F(PfxExport, OnlyTheFirstCertificateWithThatNameIsExported) {
 }
 
 TEST_F(PfxExport, NoMatchLeavesTheRecordUntouched) {
-  test::CertSpec spec;
-  spec.cn = "Anna Verdi";
-  store_.add(test::make_cert(spec));
+  test::CertParams params;
+  params.cn = "Anna Verdi";
+  store_.add(test::make_cert(params));
   SqliteDataSet ds(db_path_, "utenti", 1);
   SalvaCertificatopfx("anna verdi", &ds, "cert");  // names compare case-sensitively
   SalvaCertificatopfx("", &ds, "cert");
@@ -121,9 +121,9 @@ TEST_F(PfxExport, NoMatchLeavesTheRecordUntouched) {
 }
 
 TEST_F(PfxExport, BadFieldsAreDatabaseErrorsAndChangeNothing) {
-  test::CertSpec spec;
-  spec.cn = "Anna Verdi";
-  auto tc = test::make_cert(spec);
+  test::CertParams params;
+  params.cn = "Anna Verdi";
+  auto tc = test::make_cert(params);
   store_.add(tc);
   {
     SqliteDataSet ds(db_path_, "utenti", 1);
@@ -145,9 +145,9 @@ TEST_F(PfxExport, BadFieldsAreDatabaseErrorsAndChangeNothing) {
 }
 
 TEST_F(PfxExport, ACertificateWithoutItsKeyIsRefusedBeforeTheRecordIsTouched) {
-  test::CertSpec spec;
-  spec.cn = "Senza Chiave";
-  store_.add(test::make_cert(spec), false);
+  test::CertParams params;
+  params.cn = "Senza Chiave";
+  store_.add(test::make_cert(params), false);
   SqliteDataSet ds(db_path_, "utenti", 1);
   EXPECT_THROW(SalvaCertificatopfx("Senza Chiave", &ds, "cert"), Exception);
   EXPECT_FALSE(ds.editing());

@@ -294,7 +294,7 @@ TEST_F(Wizard, AStoreThatCannotBeWrittenIsReportedAndTheWizardStaysOpen) {
 }
 
 TEST(WizardNames, DisplayNameFallsBackFromCommonNameToOrganizationToEmail) {
-  test::CertSpec s;
+  test::CertParams s;
   s.kind = KeyKind::Ec;
   s.bits = 256;
   s.cn = "Solo";

@@ -69,10 +69,10 @@ TEST(Cli, HashPrintsDataOnStdoutAndErrorsOnStderr) {
 class CliStore : public ::testing::Test {
  protected:
   static test::TestCert make() {
-    test::CertSpec spec;
-    spec.cn = "Carla Bruni";
-    spec.serial = {0x5E, 0x11};
-    return test::make_cert(spec);
+    test::CertParams params;
+    params.cn = "Carla Bruni";
+    params.serial = {0x5E, 0x11};
+    return test::make_cert(params);
   }
   void SetUp() override {
     store_ = dir_ / "MY";

@@ -13,7 +13,7 @@ namespace {
 
 const test::TestCert& signer() {
   static test::TestCert tc = [] {
-    test::CertSpec s;
+    test::CertParams s;
     s.kind = KeyKind::Ec;
     s.bits = 256;
     return test::make_cert(s);
@@ -104,7 +104,7 @@ TEST(CmsBadInput, SigningWithoutAKeyOrWithAnUnsupportedKey) {
   } catch (const EElCMSError& e) {
     EXPECT_STREQ(e.what(), "Private key not found");
   }
-  test::CertSpec ed;
+  test::CertParams ed;
   ed.kind = KeyKind::Ed25519;
   test::TestCert edc = test::make_cert(ed);
   test::KeyOf key(edc.key);

@@ -20,7 +20,7 @@ namespace {
 class BatchSigner : public ::testing::Test {
  protected:
   void SetUp() override {
-    test::CertSpec s;
+    test::CertParams s;
     s.cn = "Batch";
     s.serial = {0x0B, 0xA7};
     tc_ = std::make_unique<test::TestCert>(test::make_cert(s));
@@ -93,7 +93,7 @@ TEST_F(BatchSigner, UnknownCertificateOrUnusableKeySignsNothingSilently) {
   std::string doc = file("doc.txt", "x");
   EXPECT_FALSE(FirmaFiles(doc, doc, "0ba7", false, ui_.get()));
   EXPECT_FALSE(FirmaFiles(doc, doc, "FFFF", false, ui_.get()));
-  test::CertSpec s;
+  test::CertParams s;
   s.serial = {0x77};
   store_.add(test::make_cert(s), false);
   EXPECT_FALSE(FirmaFiles(doc, doc, "77", false, ui_.get()));

@@ -19,7 +19,7 @@ using test::SignBytes;
 
 const test::TestCert& signer() {
   static test::TestCert tc = [] {
-    test::CertSpec s;
+    test::CertParams s;
     s.cn = "Firmatario Prova";
     return test::make_cert(s);
   }();
@@ -193,7 +193,7 @@ TEST(CmsStructure, SerialsWithALeadingZeroAndMixedIssuerNamesAreCopiedExactly) {
   X509_NAME_add_entry_by_txt(n, "CN", V_ASN1_UTF8STRING,
                              reinterpret_cast<const unsigned char*>("Multi"), -1, -1, -1);
   // Leaf with serial 00 80 01 (a leading zero kept) issued under that name.
-  test::CertSpec leaf_spec;
+  test::CertParams leaf_spec;
   leaf_spec.serial = {0x00, 0x80, 0x01};
   test::TestCert leaf = test::make_cert(leaf_spec);
   crypto::X509Ptr lx(X509_dup(crypto::x509_of(leaf.cert)));

@@ -18,7 +18,7 @@ namespace {
 class Report : public ::testing::Test {
  protected:
   void SetUp() override {
-    test::CertSpec s;
+    test::CertParams s;
     s.cn = "Giovanna Firmataria";
     s.serial = {0x51, 0x6E};
     tc_ = std::make_unique<test::TestCert>(test::make_cert(s));

@@ -27,7 +27,7 @@ class Picker : public ::testing::Test {
  protected:
   test::TestCert add(const std::string& cn, Bytes serial, std::optional<std::uint16_t> ku,
                      bool key = true, const std::string& org = "") {
-    test::CertSpec s;
+    test::CertParams s;
     s.cn = cn;
     s.org = org;
     s.serial = std::move(serial);
@@ -183,7 +183,7 @@ TEST_F(Picker, RemovalTakesTheCertificateOutOfTheStoreAndClearsTheSelection) {
 
 TEST(PickerTerminal, ChosenByTypingOnATerminal) {
   test::ScopedStore store;
-  test::CertSpec s;
+  test::CertParams s;
   s.kind = KeyKind::Ec;
   s.bits = 256;
   s.cn = "Uno";

@@ -71,26 +71,26 @@ Bytes read_bytes(const std::string& path) {
 }
 
 namespace {
-crypto::EvpPkeyPtr generate_key(const CertSpec& spec) {
+crypto::EvpPkeyPtr generate_key(const CertParams& params) {
   EVP_PKEY* key = nullptr;
-  switch (spec.kind) {
+  switch (params.kind) {
     case KeyKind::Rsa:
-      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(spec.bits));
+      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(params.bits));
       break;
     case KeyKind::Ec:
-      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", spec.bits > 256 ? "P-384" : "P-256");
+      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", params.bits > 256 ? "P-384" : "P-256");
       break;
     case KeyKind::Ed25519:
       key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
       break;
     case KeyKind::Dsa: {
       crypto::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr));
-      EVP_PKEY* params = nullptr;
+      EVP_PKEY* domain = nullptr;
       EVP_PKEY_paramgen_init(pctx.get());
-      EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx.get(), spec.bits);
-      EVP_PKEY_paramgen(pctx.get(), &params);
-      crypto::EvpPkeyPtr p(params);
-      crypto::EvpPkeyCtxPtr kctx(EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr));
+      EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx.get(), params.bits);
+      EVP_PKEY_paramgen(pctx.get(), &domain);
+      crypto::EvpPkeyPtr p(domain);
+      crypto::EvpPkeyCtxPtr kctx(EVP_PKEY_CTX_new_from_pkey(nullptr, domain, nullptr));
       EVP_PKEY_keygen_init(kctx.get());
       EVP_PKEY_keygen(kctx.get(), &key);
       break;
@@ -113,11 +113,11 @@ void add_ext(X509* cert, X509* issuer, int nid, const std::string& value) {
 }
 }  // namespace
 
-TestCert make_cert(const CertSpec& spec, const TestCert* issuer) {
-  crypto::EvpPkeyPtr key = generate_key(spec);
+TestCert make_cert(const CertParams& params, const TestCert* issuer) {
+  crypto::EvpPkeyPtr key = generate_key(params);
   crypto::X509Ptr x(X509_new());
   X509_set_version(x.get(), 2);
-  Bytes serial = spec.serial;
+  Bytes serial = params.serial;
   if (serial.empty()) {
     serial.resize(16);
     RAND_bytes(serial.data(), 16);
@@ -144,38 +144,40 @@ TestCert make_cert(const CertSpec& spec, const TestCert* issuer) {
   X509_set_serialNumber(x.get(), sn);
   ASN1_INTEGER_free(sn);
   X509_gmtime_adj(X509_getm_notBefore(x.get()),
-                  static_cast<long>(spec.not_before_offset_days) * 86400);
-  X509_gmtime_adj(X509_getm_notAfter(x.get()), static_cast<long>(spec.days) * 86400);
+                  static_cast<long>(params.not_before_offset_days) * 86400);
+  X509_gmtime_adj(X509_getm_notAfter(x.get()), static_cast<long>(params.days) * 86400);
   X509_set_pubkey(x.get(), key.get());
   X509_NAME* name = X509_get_subject_name(x.get());
-  if (!spec.country.empty())
+  if (!params.country.empty())
     X509_NAME_add_entry_by_txt(name, "C", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(spec.country.c_str()), -1, -1,
-                               0);
-  if (!spec.org.empty())
+                               reinterpret_cast<const unsigned char*>(params.country.c_str()), -1,
+                               -1, 0);
+  if (!params.org.empty())
     X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(spec.org.c_str()), -1, -1, 0);
-  if (!spec.cn.empty())
+                               reinterpret_cast<const unsigned char*>(params.org.c_str()), -1, -1,
+                               0);
+  if (!params.cn.empty())
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(spec.cn.c_str()), -1, -1, 0);
-  if (!spec.email.empty())
+                               reinterpret_cast<const unsigned char*>(params.cn.c_str()), -1, -1,
+                               0);
+  if (!params.email.empty())
     X509_NAME_add_entry_by_txt(name, "emailAddress", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(spec.email.c_str()), -1, -1,
+                               reinterpret_cast<const unsigned char*>(params.email.c_str()), -1, -1,
                                0);
   X509* issuer_x = issuer ? crypto::x509_of(issuer->cert) : x.get();
   X509_set_issuer_name(x.get(), X509_get_subject_name(issuer_x));
-  if (spec.ca) add_ext(x.get(), issuer_x, NID_basic_constraints, "critical,CA:TRUE");
-  if (spec.key_usage) {
+  if (params.ca) add_ext(x.get(), issuer_x, NID_basic_constraints, "critical,CA:TRUE");
+  if (params.key_usage) {
     static const char* names[] = {"digitalSignature", "nonRepudiation", "keyEncipherment",
                                   "dataEncipherment", "keyAgreement",   "keyCertSign",
                                   "cRLSign",          "encipherOnly",   "decipherOnly"};
     std::string v;
     for (int i = 0; i < 9; ++i)
-      if (*spec.key_usage & (1u << i)) v += std::string(v.empty() ? "" : ",") + names[i];
+      if (*params.key_usage & (1u << i)) v += std::string(v.empty() ? "" : ",") + names[i];
     if (!v.empty()) add_ext(x.get(), issuer_x, NID_key_usage, "critical," + v);
   }
   EVP_PKEY* signer = issuer ? issuer->key.get() : key.get();
-  const EVP_MD* md = spec.kind == KeyKind::Ed25519 ? nullptr : EVP_sha256();
+  const EVP_MD* md = params.kind == KeyKind::Ed25519 ? nullptr : EVP_sha256();
   if (!X509_sign(x.get(), signer, md)) throw std::runtime_error("make_cert: signing failed");
   return TestCert{crypto::certificate_from_x509(x.get()), crypto::PrivateKey(std::move(key))};
 }

@@ -36,7 +36,7 @@ void write_file(const std::string& path, const Bytes& content);
 std::string read_file(const std::string& path);
 Bytes read_bytes(const std::string& path);
 
-struct CertSpec {
+struct CertParams {
   std::string cn = "Test Signer";
   std::string org;
   std::string country;
@@ -57,7 +57,7 @@ struct TestCert {
 };
 
 // A self-signed certificate (or one issued by issuer) made with OpenSSL's X509 API.
-TestCert make_cert(const CertSpec& spec, const TestCert* issuer = nullptr);
+TestCert make_cert(const CertParams& params, const TestCert* issuer = nullptr);
 // Writes the certificate as PEM into a file and returns the path.
 std::string write_pem(const Certificate& cert, const std::string& path);
 // Writes the key as unencrypted PKCS#8 PEM.

@@ -84,10 +84,10 @@ TEST(Signer, RefusesWithoutKeyDataOrForAnotherKeyKind) {
   } catch (const EElXMLSecurityError& e) {
     EXPECT_STREQ(e.what(), "No canonicalization method used.");
   }
-  test::CertSpec spec;
-  spec.kind = KeyKind::Ec;
-  spec.bits = 256;
-  auto ec = test::make_cert(spec);
+  test::CertParams params;
+  params.kind = KeyKind::Ec;
+  params.bits = 256;
+  auto ec = test::make_cert(params);
   test::KeyOf key(ec.key);
   TElXMLKeyInfoX509Data data;
   data.FCertificate = ec.cert;

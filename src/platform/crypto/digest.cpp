@@ -112,7 +112,8 @@ Bytes random_bytes(std::size_t n) {
 
 std::string base64_encode(const Bytes& data) {
   std::string out(4 * ((data.size() + 2) / 3), '\0');
-  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(), static_cast<int>(data.size()));
+  int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), data.data(),
+                          static_cast<int>(data.size()));
   out.resize(static_cast<std::size_t>(n));
   return out;
 }
@@ -124,7 +125,8 @@ Bytes base64_decode(const std::string& text) {
     if (c != ' ' && c != '\n' && c != '\r' && c != '\t') clean.push_back(c);
   if (clean.size() % 4) throw Exception("Invalid Base64 text");
   Bytes out(clean.size() / 4 * 3);
-  int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(clean.data()), static_cast<int>(clean.size()));
+  int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(clean.data()),
+                          static_cast<int>(clean.size()));
   if (n < 0) throw Exception("Invalid Base64 text");
   std::size_t pad = 0;
   if (!clean.empty() && clean.back() == '=') ++pad;

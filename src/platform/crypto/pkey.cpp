@@ -87,18 +87,19 @@ Bytes PublicKey::spki_der() const {
 }
 
 namespace {
-bool verify_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, const Bytes& signature, bool pss,
-                 DigestAlgorithm mgf_alg, int salt_len) {
+bool verify_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, const Bytes& signature,
+                 bool pss, DigestAlgorithm mgf_alg, int salt_len) {
   auto ctx = new_ctx(key);
   if (EVP_PKEY_verify_init(ctx.get()) <= 0) throw_openssl("Cannot start verification");
   configure(ctx.get(), key, alg, pss, mgf_alg, salt_len);
-  int rc = EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size());
+  int rc =
+      EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size());
   openssl_errors();  // a failed verification leaves reasons in the queue
   return rc == 1;
 }
 
-Bytes sign_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, bool pss, DigestAlgorithm mgf_alg,
-                int salt_len) {
+Bytes sign_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, bool pss,
+                DigestAlgorithm mgf_alg, int salt_len) {
   auto ctx = new_ctx(key);
   if (EVP_PKEY_sign_init(ctx.get()) <= 0) throw_openssl("Cannot start signing");
   configure(ctx.get(), key, alg, pss, mgf_alg, salt_len);
@@ -113,7 +114,8 @@ Bytes sign_with(EVP_PKEY* key, DigestAlgorithm alg, const Bytes& digest, bool ps
 }
 }  // namespace
 
-bool PublicKey::verify_digest(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature) const {
+bool PublicKey::verify_digest(DigestAlgorithm alg, const Bytes& digest,
+                              const Bytes& signature) const {
   return verify_with(key_.get(), alg, digest, signature, false, alg, -1);
 }
 

@@ -16,7 +16,7 @@ namespace tessarel::test {
 class ArchiveFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    CertSpec s;
+    CertParams s;
     s.cn = "Archivio Firmatario";
     s.serial = {0x0A, 0x2C};
     tc_ = std::make_unique<TestCert>(make_cert(s));

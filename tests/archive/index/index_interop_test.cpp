@@ -14,7 +14,7 @@ namespace {
 class IndexInterop : public ::testing::Test {
  protected:
   void SetUp() override {
-    test::CertSpec s;
+    test::CertParams s;
     s.cn = "Archivista Prova";
     s.org = "Archivio, Firma & Co";  // characters the name strings must escape
     s.country = "IT";

@@ -20,7 +20,7 @@ namespace {
 class Index : public ::testing::Test {
  protected:
   void SetUp() override {
-    test::CertSpec s;
+    test::CertParams s;
     s.cn = "Archivista";
     s.serial = {0x1D, 0x0C};
     tc_ = std::make_unique<test::TestCert>(test::make_cert(s));
@@ -138,7 +138,7 @@ TEST_F(Index, ExactMessagesAndNoIndexLeftOpenAfterAFailure) {
             "File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
   EXPECT_EQ(message(arch_, "FFFF"),
             "Certificato non trovato. Impossibile applicare la Firma Digitale.");
-  test::CertSpec s;
+  test::CertParams s;
   s.serial = {0x44};
   store_.add(test::make_cert(s), false);
   EXPECT_EQ(message(arch_, "44"), "Chiave non trovata. Impossibile applicare la Firma Digitale.");

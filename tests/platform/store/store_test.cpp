@@ -20,14 +20,14 @@
 namespace tessarel {
 namespace {
 
-using test::CertSpec;
+using test::CertParams;
 using test::TempDir;
 using test::TestCert;
 
 std::vector<TestCert> ec_certs(int n) {
   std::vector<TestCert> out;
   for (int i = 0; i < n; ++i) {
-    CertSpec s;
+    CertParams s;
     s.cn = "Entry " + std::to_string(i);
     s.kind = KeyKind::Ec;
     s.bits = 256;
@@ -142,9 +142,9 @@ TEST(FileStore, KeyValidityMeansPresentReadableAndMatching) {
 TEST(FileStore, SignsWithTheStoredKey) {
   TempDir dir;
   FileCertStore store(dir / "MY");
-  test::CertSpec spec;
-  spec.bits = 2048;
-  auto rsa = test::make_cert(spec);
+  test::CertParams params;
+  params.bits = 2048;
+  auto rsa = test::make_cert(params);
   store.add(rsa.cert, rsa.pkcs8());
   auto key = store.signing_key(rsa.cert);
   ASSERT_NE(key, nullptr);
@@ -290,9 +290,9 @@ TEST(FileStore, AKilledWriterNeverLeavesAHalfEntry) {
 TEST(Pkcs12, ImportWithTheRightPasswordOnlyAndExportRoundTrip) {
   TempDir dir;
   FileCertStore store(dir / "MY");
-  CertSpec spec;
-  spec.cn = "Import Me";
-  auto tc = test::make_cert(spec);
+  CertParams params;
+  params.cn = "Import Me";
+  auto tc = test::make_cert(params);
   Bytes pfx = crypto::write_pkcs12(tc.cert, tc.key, "s3cret pw");
 
   try {
@@ -320,7 +320,7 @@ TEST(Pkcs12, ImportWithTheRightPasswordOnlyAndExportRoundTrip) {
 TEST(Pkcs12, LegacyEncryptedFilesImport) {
   if (!test::have_program("openssl")) GTEST_SKIP() << "openssl not installed";
   TempDir dir;
-  auto tc = test::make_cert(CertSpec{});
+  auto tc = test::make_cert(CertParams{});
   test::write_pem(tc.cert, dir / "c.pem");
   test::write_key_pem(tc.key, dir / "k.pem");
   auto r = test::run({"openssl", "pkcs12", "-export", "-legacy", "-in", dir / "c.pem", "-inkey",
