@@ -2,7 +2,6 @@
 // the SelezionaCertificato entry point; driven by the scripted front end and by typing on a
 // pseudo-terminal.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
 #include <unistd.h>
 
@@ -205,14 +204,7 @@ TEST(PickerTerminal, ChosenByTypingOnATerminal) {
   const std::string keys = "\n1\nok\n";  // Enter alone closes nothing
   ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   t.join();
-  std::string screen;
-  char buf[8192];
-  pollfd p{master, POLLIN, 0};
-  while (poll(&p, 1, 200) > 0) {
-    ssize_t n = ::read(master, buf, sizeof buf);
-    if (n <= 0) break;
-    screen.append(buf, static_cast<std::size_t>(n));
-  }
+  std::string screen = test::read_terminal(master);
   ::close(master);
   ::close(slave);
   EXPECT_EQ(result, "62");

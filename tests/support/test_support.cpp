@@ -6,7 +6,10 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -280,6 +283,38 @@ CommandResult run(const std::vector<std::string>& argv, const std::vector<std::s
 
 CommandResult run_shell(const std::string& command) {
   return run({"/bin/sh", "-c", command});
+}
+
+int with_file_size_limit(std::size_t limit, const std::function<int()>& fn) {
+  pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit lim{limit, limit};
+    setrlimit(RLIMIT_FSIZE, &lim);
+    int rc = 99;
+    try {
+      rc = fn();
+    } catch (...) {
+      rc = 98;
+    }
+    _exit(rc);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string read_terminal(int master, int quiet_ms) {
+  std::string out;
+  char buf[8192];
+  pollfd p{master, POLLIN, 0};
+  while (poll(&p, 1, quiet_ms) > 0) {
+    ssize_t n = ::read(master, buf, sizeof buf);
+    if (n <= 0) break;
+    out.append(buf, static_cast<std::size_t>(n));
+  }
+  return out;
 }
 
 bool have_program(const std::string& name) {

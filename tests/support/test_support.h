@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -94,6 +95,13 @@ struct CommandResult {
 CommandResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
 // Runs a shell command line.
 CommandResult run_shell(const std::string& command);
+// Runs fn in a child process whose files may not grow past limit bytes (a full disk,
+// as the process sees it); returns the child's exit code, or 128 + signal.
+int with_file_size_limit(std::size_t limit, const std::function<int()>& fn);
+
+// Everything a pseudo-terminal's other side shows within wait (stops once it is quiet).
+std::string read_terminal(int master, int quiet_ms = 200);
+
 // True when the program is on PATH.
 bool have_program(const std::string& name);
 // The built command-line program.

@@ -1,7 +1,6 @@
 // The front ends without a toolkit: what "no answer" means for each dialog, and the
 // terminal front end driven through a real pseudo-terminal.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include "platform/ui/none_ui.h"
 #include "platform/ui/scripted_ui.h"
 #include "platform/ui/terminal_ui.h"
+#include "test_support.h"
 
 namespace tessarel {
 namespace {
@@ -98,18 +98,7 @@ class PtyTerminal : public ::testing::Test {
   void type(const std::string& s) {
     ASSERT_EQ(::write(master_, s.data(), s.size()), static_cast<ssize_t>(s.size()));
   }
-  // Everything the terminal displayed so far (waits briefly for output to settle).
-  std::string screen() {
-    std::string out;
-    char buf[4096];
-    pollfd p{master_, POLLIN, 0};
-    while (poll(&p, 1, 300) > 0) {
-      ssize_t n = ::read(master_, buf, sizeof buf);
-      if (n <= 0) break;
-      out.append(buf, static_cast<std::size_t>(n));
-    }
-    return out;
-  }
+  std::string screen() { return test::read_terminal(master_, 300); }
   int master_ = -1, slave_ = -1;
 };
 
