@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "archive/sign_e_archivia.h"
+#include "args.h"
 #include "boundary/batch_signer.h"
 #include "tessarel/certgen.h"
 #include "tessarel/store.h"
@@ -31,10 +32,12 @@ std::pair<double, double> cpu() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) return 2;
+  const char* usage = "bench_archive DIR [FILES] [SIZE_BYTES]";
+  bench::check_help(argc, argv, usage);
+  if (argc < 2) bench::usage_exit(usage, 2);
   fs::path dir = argv[1];
-  int n = argc > 2 ? std::atoi(argv[2]) : 10000;
-  std::size_t size = argc > 3 ? static_cast<std::size_t>(std::atol(argv[3])) : 4096;
+  int n = static_cast<int>(bench::positive_arg(argc, argv, 2, 10000, usage));
+  auto size = static_cast<std::size_t>(bench::positive_arg(argc, argv, 3, 4096, usage));
   fs::create_directories(dir / "sign-only");
   fs::create_directories(dir / "inputs");
   tessarel::set_store_location((dir / "store").string());

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "args.h"
 #include "boundary/batch_signer.h"
 #include "boundary/cert_lookup.h"
 #include "platform/crypto/keygen.h"
@@ -27,9 +28,11 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 int main(int argc, char** argv) {
-  int files = argc > 1 ? std::atoi(argv[1]) : 1000;
-  std::size_t size = argc > 2 ? static_cast<std::size_t>(std::atol(argv[2])) : 4096;
-  int rounds = argc > 3 ? std::atoi(argv[3]) : 3;
+  const char* usage = "bench_cms_batch [FILES] [SIZE_BYTES] [ROUNDS]";
+  bench::check_help(argc, argv, usage);
+  int files = static_cast<int>(bench::positive_arg(argc, argv, 1, 1000, usage));
+  auto size = static_cast<std::size_t>(bench::positive_arg(argc, argv, 2, 4096, usage));
+  int rounds = static_cast<int>(bench::positive_arg(argc, argv, 3, 3, usage));
   fs::path dir = fs::temp_directory_path() / ("tessarel-bench-" + std::to_string(getpid()));
   fs::create_directories(dir / "ours");
   fs::create_directories(dir / "ref");

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "archive/sign_e_archivia.h"
+#include "args.h"
 #include "boundary/cert_lookup.h"
 #include "tessarel/certgen.h"
 #include "tessarel/store.h"
@@ -51,12 +52,14 @@ double seconds_since(Clock::time_point t) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) return 2;
+  const char* usage = "bench_index_close prepare|close|open DIR [RECORDS]";
+  bench::check_help(argc, argv, usage);
+  if (argc < 3) bench::usage_exit(usage, 2);
   std::string mode = argv[1];
   fs::path dir = argv[2];
   tessarel::set_store_location((dir / "store").string());
   if (mode == "prepare") {
-    int n = argc > 3 ? std::atoi(argv[3]) : 50000;
+    int n = static_cast<int>(bench::positive_arg(argc, argv, 3, 50000, usage));
     fs::create_directories(dir);
     tessarel::NewCertificateOptions o;
     o.common_name = "Archivio Benchmark";
@@ -96,6 +99,7 @@ int main(int argc, char** argv) {
                 static_cast<double>(fs::file_size(dir / "index.xml")) / (1 << 20));
     return 0;
   }
+  if (mode != "open" && mode != "close") bench::usage_exit(usage, 2);
   std::string id;
   std::ifstream(dir / "id.txt") >> id;
   Engine e;
