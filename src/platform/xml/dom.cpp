@@ -293,8 +293,10 @@ std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> safe_parse(
   // The loader is process-wide in libxml2; the library is used from one thread at a time.
   xmlExternalEntityLoader previous = xmlGetExternalEntityLoader();
   xmlSetExternalEntityLoader(no_external_entities);
-  // No NOENT, no DTDLOAD, no HUGE; errors are returned, not printed.
-  int options = XML_PARSE_NONET | XML_PARSE_NOCDATA | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+  // No NOENT, no DTDLOAD, no HUGE; errors are returned, not printed. COMPACT keeps short
+  // texts inside their nodes: one allocation fewer per attribute-heavy record.
+  int options = XML_PARSE_NONET | XML_PARSE_NOCDATA | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
+                XML_PARSE_COMPACT;
   xmlDocPtr doc = read(ctxt, options);
   xmlSetExternalEntityLoader(previous);
   std::string reason;
