@@ -46,7 +46,15 @@ TEST(Cli, HelpEverywhereAndUsageErrorsExitTwo) {
   EXPECT_EQ(tessarel_cli({"hash"}).exit_code, 2);
   EXPECT_EQ(tessarel_cli({"--ui", "bogus", "hash", "x"}).exit_code, 2);
   EXPECT_EQ(tessarel_cli({"cert", "show"}).exit_code, 2);
-  EXPECT_EQ(tessarel_cli({"no-such-command"}).exit_code, 2);
+  auto r = tessarel_cli({"no-such-command"});
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.err.find("unknown command: no-such-command"), std::string::npos) << r.err;
+  r = tessarel_cli({"cert", "lst"});
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.err.find("unknown command: lst"), std::string::npos) << r.err;
+  r = tessarel_cli({"--frobnicate", "hash", "x"});
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.err.find("--frobnicate"), std::string::npos) << r.err;
 }
 
 TEST(Cli, HashPrintsDataOnStdoutAndErrorsOnStderr) {

@@ -172,6 +172,21 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
+    // A mistyped command or option is left over as an extra word; name it rather than
+    // complaining that a command is required.
+    if (dynamic_cast<const CLI::RequiredError*>(&e)) {
+      CLI::App* deepest = &app;
+      while (!deepest->get_subcommands().empty())
+        deepest = deepest->get_subcommands().front();
+      auto extra = deepest->remaining();
+      if (extra.empty()) extra = app.remaining();
+      if (!extra.empty()) {
+        bool option = extra.front().rfind('-', 0) == 0;
+        std::fprintf(stderr, "tessarel: unknown %s: %s\nRun with --help for more information.\n",
+                     option ? "option" : "command", extra.front().c_str());
+        return 2;
+      }
+    }
     int rc = app.exit(e);
     return rc == 0 ? 0 : 2;
   }
