@@ -100,7 +100,12 @@ class CliStore : public ::testing::Test {
 TEST_F(CliStore, ImportExportWithEveryPasswordSource) {
   auto r = cli({"cert", "import", pfx_, "--password", "wrong:x"});
   EXPECT_EQ(r.exit_code, 2);
-  r = cli({"cert", "import", pfx_, "--password", "pass:not it"});
+  // A real password on the command line is refused before anything is read.
+  r = cli({"cert", "import", pfx_, "--password", "pass:pw one"});
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.err.find("visible to other users"), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("pw one"), std::string::npos) << r.err;
+  r = cli({"cert", "import", pfx_, "--password", "env:PFX_PW"}, {"PFX_PW=not it"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("Wrong password"), std::string::npos) << r.err;
   EXPECT_FALSE(std::filesystem::exists(store_));
@@ -136,7 +141,8 @@ TEST_F(CliStore, NoTerminalMeansNoPromptAndNoWaiting) {
 }
 
 TEST_F(CliStore, ListShowAndRemove) {
-  ASSERT_EQ(cli({"cert", "import", pfx_, "--password", "pass:pw one"}).exit_code, 0);
+  ASSERT_EQ(cli({"cert", "import", pfx_, "--password", "env:PFX_PW"}, {"PFX_PW=pw one"}).exit_code,
+            0);
   auto r = cli({"--json", "cert", "list"});
   ASSERT_EQ(r.exit_code, 0);
   EXPECT_TRUE(valid_json(r.out)) << r.out;

@@ -29,6 +29,12 @@ std::string first_line_of_fd(int fd, const std::string& what) {
 }
 }  // namespace
 
+namespace {
+const char* const kNoPasswordOnCommandLine =
+    "a password on the command line is visible to other users; give it as env:VAR, "
+    "file:PATH or fd:N (pass: alone is the empty password)";
+}  // namespace
+
 std::optional<std::string> read_password(const std::string& source, const std::string& purpose) {
   if (source.empty()) {
     TPasswordRequestForm form;
@@ -41,8 +47,13 @@ std::optional<std::string> read_password(const std::string& source, const std::s
   std::string arg = colon == std::string::npos ? "" : source.substr(colon + 1);
   if (colon == std::string::npos)
     throw Exception("Password source '" + kind + "' for " + purpose +
-                    " is not one of pass:TEXT, env:VAR, file:PATH, fd:N");
-  if (kind == "pass") return arg;
+                    " is not one of env:VAR, file:PATH, fd:N or pass: (empty)");
+  if (kind == "pass") {
+    // Command lines are visible to every user of the machine (ps, /proc): only the empty
+    // password may be written there.
+    if (!arg.empty()) throw Exception(kNoPasswordOnCommandLine);
+    return arg;
+  }
   if (kind == "env") {
     const char* v = std::getenv(arg.c_str());
     if (!v)
@@ -65,15 +76,16 @@ std::optional<std::string> read_password(const std::string& source, const std::s
     return first_line_of_fd(static_cast<int>(fd), "descriptor " + arg);
   }
   throw Exception("Password source '" + kind + "' for " + purpose +
-                  " is not one of pass:TEXT, env:VAR, file:PATH, fd:N");
+                  " is not one of env:VAR, file:PATH, fd:N or pass: (empty)");
 }
 
 CLI::Validator password_source() {
   return CLI::Validator(
       [](std::string& value) -> std::string {
-        for (const char* prefix : {"pass:", "env:", "file:", "fd:"})
+        if (value.rfind("pass:", 0) == 0) return value == "pass:" ? "" : kNoPasswordOnCommandLine;
+        for (const char* prefix : {"env:", "file:", "fd:"})
           if (value.rfind(prefix, 0) == 0) return {};
-        return "password source must be pass:TEXT, env:VAR, file:PATH or fd:N";
+        return "password source must be env:VAR, file:PATH, fd:N or pass: (the empty password)";
       },
       "SRC");
 }

@@ -248,7 +248,7 @@ CommandRegistration reg(20, [](CLI::App& app) {
                                  "Import a certificate with its key from a PKCS#12 (.pfx) file");
   i->add_option("FILE", import_file, "PKCS#12 file")->required()->check(CLI::ExistingFile);
   i->add_option("--password", import_pw,
-                "Password source: pass:TEXT, env:VAR, file:PATH or fd:N (else asked)")
+                "Password source: env:VAR, file:PATH, fd:N, or pass: for none (else asked)")
       ->check(password_source());
   on_run(i, [] { import_pfx(import_file, import_pw); });
 
@@ -257,7 +257,7 @@ CommandRegistration reg(20, [](CLI::App& app) {
   e->add_option("ID", export_id, "Certificate identifier")->required();
   e->add_option("-o,--output", export_out, "Output file")->required();
   e->add_option("--password", export_pw,
-                "Password source: pass:TEXT, env:VAR, file:PATH or fd:N (else asked)")
+                "Password source: env:VAR, file:PATH, fd:N, or pass: for none (else asked)")
       ->check(password_source());
   on_run(e, [] { export_pfx(export_id, export_out, export_pw); });
 });
