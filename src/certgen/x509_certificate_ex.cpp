@@ -20,26 +20,13 @@ constexpr const char* kAuthorityKeyIdentifier = "2.5.29.35";
   throw EElCertificateError(code, message);
 }
 
+// The key kind a signature algorithm pairs with decides which signatures are allowed.
 bool is_rsa_signature(CertAlgorithm a) {
-  switch (a) {
-    case CertAlgorithm::Md2WithRsa:
-    case CertAlgorithm::Md5WithRsa:
-    case CertAlgorithm::Sha1WithRsa:
-    case CertAlgorithm::Sha224WithRsa:
-    case CertAlgorithm::Sha256WithRsa:
-    case CertAlgorithm::Sha384WithRsa:
-    case CertAlgorithm::Sha512WithRsa:
-    case CertAlgorithm::Ripemd160WithRsa:
-      return true;
-    default:
-      return false;
-  }
+  return a != CertAlgorithm::Rsa && GetKeyAlgorithmBySigAlgorithm(a) == CertAlgorithm::Rsa;
 }
 
 bool is_ecdsa_signature(CertAlgorithm a) {
-  return a == CertAlgorithm::EcdsaWithSha1 || a == CertAlgorithm::EcdsaWithSha224 ||
-         a == CertAlgorithm::EcdsaWithSha256 || a == CertAlgorithm::EcdsaWithSha384 ||
-         a == CertAlgorithm::EcdsaWithSha512;
+  return a != CertAlgorithm::Ec && GetKeyAlgorithmBySigAlgorithm(a) == CertAlgorithm::Ec;
 }
 
 bool same_pss(const crypto::PssParams& a, const crypto::PssParams& b) {
