@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -303,6 +304,31 @@ int with_file_size_limit(std::size_t limit, const std::function<int()>& fn) {
   int status = 0;
   waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+SmallFileSystem::SmallFileSystem(const std::string& folder, std::size_t bytes) : folder_(folder) {
+  std::filesystem::create_directories(folder);
+  std::string options = "size=" + std::to_string(bytes) + ",mode=0700";
+  mounted_ = ::mount("tessarel-test", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                     options.c_str()) == 0;
+}
+
+SmallFileSystem::~SmallFileSystem() {
+  if (mounted_) ::umount2(folder_.c_str(), MNT_DETACH);
+}
+
+std::string SmallFileSystem::fill() {
+  std::string path = folder_ + "/filler";
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (fd < 0) throw std::runtime_error("cannot create " + path);
+  std::string block(4096, 'f');
+  // Whole blocks, then single bytes: the last partial block is used up too.
+  while (::write(fd, block.data(), block.size()) > 0) {
+  }
+  while (::write(fd, "f", 1) > 0) {
+  }
+  ::close(fd);
+  return path;
 }
 
 std::string read_terminal(int master, int quiet_ms) {

@@ -99,6 +99,23 @@ CommandResult run_shell(const std::string& command);
 // as the process sees it); returns the child's exit code, or 128 + signal.
 int with_file_size_limit(std::size_t limit, const std::function<int()>& fn);
 
+// A real, small file system (tmpfs) mounted at a folder for the life of the object, so a
+// test can run out of space for real. Mounting needs root; mounted() says whether it worked.
+class SmallFileSystem {
+ public:
+  SmallFileSystem(const std::string& folder, std::size_t bytes);
+  ~SmallFileSystem();
+  SmallFileSystem(const SmallFileSystem&) = delete;
+  SmallFileSystem& operator=(const SmallFileSystem&) = delete;
+  bool mounted() const { return mounted_; }
+  // Writes a filler file below the folder until the file system is full; returns its path.
+  std::string fill();
+
+ private:
+  std::string folder_;
+  bool mounted_ = false;
+};
+
 // Everything a pseudo-terminal's other side shows within wait (stops once it is quiet).
 std::string read_terminal(int master, int quiet_ms = 200);
 

@@ -252,5 +252,61 @@ TEST_F(Archiving, AFullDiskLeavesNoPartialCopyAndNoRecord) {
   EXPECT_EQ(test::read_file(at("index.xml")), index_before);
 }
 
+// The archive on a real 256 KiB file system that is then filled up.
+class ArchivingOnAFullDisk : public Archiving {
+ protected:
+  void SetUp() override {
+    Archiving::SetUp();
+    disk_ = std::make_unique<test::SmallFileSystem>(dir_ / "disk", 256 * 1024);
+    if (!disk_->mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
+    arch_ = dir_ / "disk/archivio";
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.FirmaEArchiviaFile(input("primo.txt", "primo"), "", "Contratti", march_);
+    e.ChiudiIndice();
+    index_before_ = test::read_file(at("index.xml"));
+    tree_before_ = tree();
+  }
+  std::unique_ptr<test::SmallFileSystem> disk_;
+  std::string index_before_;
+  std::vector<std::string> tree_before_;
+};
+
+TEST_F(ArchivingOnAFullDisk, NewDocumentsAreRefusedAndNothingIsLeftBehind) {
+  std::string doc = input("secondo.txt", std::string(8192, 's'));
+  disk_->fill();
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  EXPECT_THROW(e.ArchiviaFile(doc, "", "", "Contratti", march_), Exception);
+  EXPECT_THROW(e.FirmaEArchiviaFile(doc, "", "Contratti", april_), Exception);
+  EXPECT_THROW(e.FirmaEArchiviaFile(doc, "", "Fatture", march_), Exception);
+  EXPECT_EQ(records_in_memory(e), 1);
+  EXPECT_FALSE(e.modified());
+  e.ChiudiIndice();
+  EXPECT_EQ(tree(), tree_before_) << "no partial copy, envelope or folder stays";
+  EXPECT_EQ(test::read_file(at("index.xml")), index_before_);
+}
+
+TEST_F(ArchivingOnAFullDisk, AnIndexThatCannotBeWrittenStaysAsItWasAndTheCloseCanBeRetried) {
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  e.ArchiviaFile(input("secondo.txt", "secondo"), "", "", "Contratti", march_);
+  std::string filler = disk_->fill();
+  e.ChiudiIndice();
+  auto messages = ui_->messages();
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0].text.rfind("Error: ", 0), 0u) << messages[0].text;
+  EXPECT_EQ(test::read_file(at("index.xml")), index_before_);
+  auto files = tree();
+  EXPECT_EQ(files.size(), tree_before_.size() + 1) << "the new copy only; no temporary index";
+
+  // With space again, the same engine writes the index it could not write before.
+  std::filesystem::remove(filler);
+  e.ChiudiIndice();
+  EXPECT_EQ(ListArchive(arch_).size(), 2u);
+  auto check = VerifyArchive(arch_);
+  EXPECT_TRUE(check.ok());
+}
+
 }  // namespace
 }  // namespace tessarel
