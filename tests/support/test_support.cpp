@@ -317,6 +317,11 @@ SmallFileSystem::~SmallFileSystem() {
   if (mounted_) ::umount2(folder_.c_str(), MNT_DETACH);
 }
 
+bool SmallFileSystem::make_read_only() {
+  return mounted_ && ::mount("tessarel-test", folder_.c_str(), "tmpfs",
+                             MS_REMOUNT | MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr) == 0;
+}
+
 std::string SmallFileSystem::fill() {
   std::string path = folder_ + "/filler";
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);

@@ -110,6 +110,8 @@ class SmallFileSystem {
   bool mounted() const { return mounted_; }
   // Writes a filler file below the folder until the file system is full; returns its path.
   std::string fill();
+  // Remounts the file system read-only: nothing below it can be created, changed or deleted.
+  bool make_read_only();
 
  private:
   std::string folder_;

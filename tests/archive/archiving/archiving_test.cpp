@@ -252,8 +252,8 @@ TEST_F(Archiving, AFullDiskLeavesNoPartialCopyAndNoRecord) {
   EXPECT_EQ(test::read_file(at("index.xml")), index_before);
 }
 
-// The archive on a real 256 KiB file system that is then filled up.
-class ArchivingOnAFullDisk : public Archiving {
+// The archive on a real 256 KiB file system, which a test then fills up or makes read-only.
+class ArchivingOnASmallDisk : public Archiving {
  protected:
   void SetUp() override {
     Archiving::SetUp();
@@ -272,7 +272,7 @@ class ArchivingOnAFullDisk : public Archiving {
   std::vector<std::string> tree_before_;
 };
 
-TEST_F(ArchivingOnAFullDisk, NewDocumentsAreRefusedAndNothingIsLeftBehind) {
+TEST_F(ArchivingOnASmallDisk, WhenFullNewDocumentsAreRefusedAndNothingIsLeftBehind) {
   std::string doc = input("secondo.txt", std::string(8192, 's'));
   disk_->fill();
   TSignEArchivia e;
@@ -287,7 +287,7 @@ TEST_F(ArchivingOnAFullDisk, NewDocumentsAreRefusedAndNothingIsLeftBehind) {
   EXPECT_EQ(test::read_file(at("index.xml")), index_before_);
 }
 
-TEST_F(ArchivingOnAFullDisk, AnIndexThatCannotBeWrittenStaysAsItWasAndTheCloseCanBeRetried) {
+TEST_F(ArchivingOnASmallDisk, WhenFullAnIndexThatCannotBeWrittenStaysAsItWasAndTheCloseCanBeRetried) {
   TSignEArchivia e;
   e.ApriIndice(arch_, "0A2C", false);
   e.ArchiviaFile(input("secondo.txt", "secondo"), "", "", "Contratti", march_);
@@ -306,6 +306,28 @@ TEST_F(ArchivingOnAFullDisk, AnIndexThatCannotBeWrittenStaysAsItWasAndTheCloseCa
   EXPECT_EQ(ListArchive(arch_).size(), 2u);
   auto check = VerifyArchive(arch_);
   EXPECT_TRUE(check.ok());
+}
+
+TEST_F(ArchivingOnASmallDisk, WhenReadOnlyNothingIsArchivedOrDeletedAndTheIndexStays) {
+  std::string doc = input("secondo.txt", "secondo");
+  ASSERT_TRUE(disk_->make_read_only());
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  EXPECT_THROW(e.ArchiviaFile(doc, "", "", "Contratti", march_), Exception);
+  EXPECT_THROW(e.FirmaEArchiviaFile(doc, "", "Contratti", march_), Exception);
+  EXPECT_FALSE(e.modified());
+  // A deletion cannot remove the files, and its index cannot be written: the record and
+  // its files stay listed and in place on disk.
+  ui_->answer_deletion(0, "0");
+  ui_->answer_message(ModalResult::Ok);
+  e.CancellaId();
+  bool error_shown = false;
+  for (auto& m : ui_->messages())
+    error_shown |= m.text.rfind("Error: ", 0) == 0;
+  EXPECT_TRUE(error_shown);
+  EXPECT_EQ(tree(), tree_before_);
+  EXPECT_EQ(test::read_file(at("index.xml")), index_before_);
+  EXPECT_TRUE(VerifyArchive(arch_).ok());
 }
 
 }  // namespace
