@@ -15,7 +15,8 @@ inline void usage_exit(const char* usage, int code) {
 
 inline void check_help(int argc, char** argv, const char* usage) {
   for (int i = 1; i < argc; ++i)
-    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) usage_exit(usage, 0);
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)
+      usage_exit(usage, 0);
 }
 
 // argv[i] as a positive number, or `fallback` when absent.

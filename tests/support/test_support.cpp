@@ -309,8 +309,8 @@ int with_file_size_limit(std::size_t limit, const std::function<int()>& fn) {
 SmallFileSystem::SmallFileSystem(const std::string& folder, std::size_t bytes) : folder_(folder) {
   std::filesystem::create_directories(folder);
   std::string options = "size=" + std::to_string(bytes) + ",mode=0700";
-  mounted_ = ::mount("tessarel-test", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
-                     options.c_str()) == 0;
+  mounted_ =
+      ::mount("tessarel-test", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) == 0;
 }
 
 SmallFileSystem::~SmallFileSystem() {

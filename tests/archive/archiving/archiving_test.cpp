@@ -287,7 +287,7 @@ TEST_F(ArchivingOnASmallDisk, WhenFullNewDocumentsAreRefusedAndNothingIsLeftBehi
   EXPECT_EQ(test::read_file(at("index.xml")), index_before_);
 }
 
-TEST_F(ArchivingOnASmallDisk, WhenFullAnIndexThatCannotBeWrittenStaysAsItWasAndTheCloseCanBeRetried) {
+TEST_F(ArchivingOnASmallDisk, WhenFullAnUnwritableIndexStaysAsItWasAndTheCloseCanBeRetried) {
   TSignEArchivia e;
   e.ApriIndice(arch_, "0A2C", false);
   e.ArchiviaFile(input("secondo.txt", "secondo"), "", "", "Contratti", march_);
