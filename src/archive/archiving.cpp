@@ -32,9 +32,7 @@ class StagedCopy {
   StagedCopy(const std::string& source, const std::string& dest)
       : dest_(dest), writer_(dest, 0666) {
     InputFile in(source);
-    std::vector<char> buf(1 << 20);
-    while (std::size_t n = in.read(buf.data(), buf.size()))
-      writer_.write(buf.data(), n);
+    CopyAll(in, writer_.fd(), dest);
   }
   const std::string& temp_path() const { return writer_.temp_path(); }
   // Renamed into place; the data reaches the disk before the index that lists it.

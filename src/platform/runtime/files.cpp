@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <vector>
 
 #include "tessarel/errors.h"
@@ -246,12 +247,34 @@ void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, m
   w.commit();
 }
 
+void CopyAll(InputFile& in, int out_fd, const std::string& out_name) {
+  // Inside the kernel first: no user-space buffer, and a reflink where the file system has one.
+  bool first = true;
+  while (true) {
+    ssize_t n = ::copy_file_range(in.fd(), nullptr, out_fd, nullptr, std::size_t{1} << 30, 0);
+    if (n > 0) {
+      first = false;
+      continue;
+    }
+    if (n == 0) return;
+    if (errno == EINTR) continue;
+    if (first && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP))
+      break;
+    // The kernel does not say which side failed; space and size limits belong to the output.
+    if (errno == ENOSPC || errno == EDQUOT || errno == EFBIG) throw_io("writing", out_name, errno);
+    throw_io("copying " + in.path() + " to", out_name, errno);
+  }
+  // Uninitialised on purpose: read() fills every byte that write_all() sends.
+  constexpr std::size_t kChunk = 1 << 20;
+  std::unique_ptr<char[]> buf(new char[kChunk]);
+  while (std::size_t n = in.read(buf.get(), kChunk))
+    write_all(out_fd, buf.get(), n, out_name);
+}
+
 void CopyFileStream(const std::string& source, const std::string& dest) {
   InputFile in(source);
   OutputFile out(dest);
-  std::vector<char> buf(1 << 20);
-  while (std::size_t n = in.read(buf.data(), buf.size()))
-    out.write(buf.data(), n);
+  CopyAll(in, out.fd(), dest);
   out.close();
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "platform/asn1/der.h"
 #include "platform/runtime/datetime.h"
@@ -160,6 +161,43 @@ TEST(Files, ErrorsNameThePathAndTheReason) {
   } catch (const EFCreateError& e) {
     EXPECT_NE(std::string(e.what()).find("no/such/folder/x"), std::string::npos);
   }
+}
+
+// Copies go through the kernel between files and fall back to reading and writing where it
+// cannot (a pipe); either way every byte arrives, from where the input stands, in order.
+TEST(Files, CopyAllInsideTheKernelOrThroughABuffer) {
+  test::TempDir dir;
+  std::string content;
+  for (int i = 0; i < 300000; ++i)
+    content += static_cast<char>('a' + i % 23);
+  test::write_file(dir / "in.bin", content);
+
+  CopyFileStream(dir / "in.bin", dir / "copy.bin");
+  EXPECT_EQ(test::read_file(dir / "copy.bin"), content);
+
+  InputFile in(dir / "in.bin");
+  char skip[10];
+  ASSERT_EQ(in.read(skip, sizeof skip), sizeof skip);
+  OutputFile out(dir / "rest.bin");
+  CopyAll(in, out.fd(), out.path());
+  out.close();
+  EXPECT_EQ(test::read_file(dir / "rest.bin"), content.substr(10));
+
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  std::string through_pipe;
+  std::thread reader([&] {
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(fds[0], buf, sizeof buf)) > 0)
+      through_pipe.append(buf, static_cast<std::size_t>(n));
+  });
+  InputFile again(dir / "in.bin");
+  CopyAll(again, fds[1], "pipe");
+  ::close(fds[1]);
+  reader.join();
+  ::close(fds[0]);
+  EXPECT_EQ(through_pipe, content);
 }
 
 TEST(Der, LengthsOidsIntegersAndSetOrder) {
