@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "boundary/cert_lookup.h"
-#include "platform/store/file_store.h"
 #include "test_support.h"
 
 namespace tessarel {
@@ -69,25 +68,6 @@ TEST(Lookup, SameSerialTwiceTheFirstInStoreOrderWins) {
   const Certificate* found = TrovaCertificato("42");
   ASSERT_NE(found, nullptr);
   EXPECT_EQ(found->subject_cn(), "Issuer one copy");
-}
-
-TEST(Lookup, KeyValidOnlyWhenPresentReadableAndMatching) {
-  test::ScopedStore store;
-  auto with_key = cert_with_serial({0x51}, "With key");
-  auto without = cert_with_serial({0x52}, "Without key");
-  auto wrong = cert_with_serial({0x53}, "Wrong key");
-  store.add(with_key);
-  store.add(without, false);
-  store.add(wrong, false);
-  // Give "Wrong key" the key of another certificate behind the store's back.
-  test::write_file(store.path() + "/" + FileCertStore::entry_name(wrong.cert) + ".key",
-                   with_key.pkcs8());
-  set_warning_handler([](const std::string&) {});
-  EXPECT_TRUE(ChiaveValida("51"));
-  EXPECT_FALSE(ChiaveValida("52"));
-  EXPECT_FALSE(ChiaveValida("53"));
-  EXPECT_FALSE(ChiaveValida("99"));
-  set_warning_handler(nullptr);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "platform/crypto/pkcs12.h"
 #include "test_support.h"
@@ -29,18 +30,18 @@ bool valid_json(const std::string& text) {
 }
 
 TEST(Cli, HelpEverywhereAndUsageErrorsExitTwo) {
-  for (auto args : std::vector<std::vector<std::string>>{{"--help"},
-                                                         {"hash", "--help"},
-                                                         {"cert", "--help"},
-                                                         {"cert", "list", "--help"},
-                                                         {"cert", "show", "--help"},
-                                                         {"cert", "remove", "--help"},
-                                                         {"cert", "import", "--help"},
-                                                         {"cert", "export", "--help"},
-                                                         {"demo", "--help"}}) {
+  for (std::string command :
+       {"", "hash", "cert", "cert list", "cert show", "cert remove", "cert import", "cert export",
+        "cert new", "cert pick", "sign", "verify", "extract", "archive", "archive add",
+        "archive list", "archive verify", "archive delete", "demo"}) {
+    std::vector<std::string> args;
+    std::istringstream words(command);
+    for (std::string w; words >> w;)
+      args.push_back(w);
+    args.push_back("--help");
     auto r = tessarel_cli(args);
-    EXPECT_EQ(r.exit_code, 0) << args[0];
-    EXPECT_NE(r.out.find("Usage"), std::string::npos) << args[0];
+    EXPECT_EQ(r.exit_code, 0) << command;
+    EXPECT_NE(r.out.find("Usage"), std::string::npos) << command;
   }
   EXPECT_EQ(tessarel_cli({}).exit_code, 2);
   EXPECT_EQ(tessarel_cli({"hash"}).exit_code, 2);

@@ -107,23 +107,5 @@ TEST_F(InteractiveCli, TheWizardGeneratesACertificateFromTypedAnswers) {
             1);  // no terminal: refused, not blocked
 }
 
-TEST(Cli, HelpOnEveryCommand) {
-  for (auto args : std::vector<std::vector<std::string>>{{"sign", "--help"},
-                                                         {"verify", "--help"},
-                                                         {"extract", "--help"},
-                                                         {"archive", "--help"},
-                                                         {"archive", "add", "--help"},
-                                                         {"archive", "list", "--help"},
-                                                         {"archive", "verify", "--help"},
-                                                         {"archive", "delete", "--help"},
-                                                         {"cert", "new", "--help"},
-                                                         {"cert", "pick", "--help"}}) {
-    args.insert(args.begin(), test::cli_path());
-    auto r = test::run(args);
-    EXPECT_EQ(r.exit_code, 0) << args[1];
-    EXPECT_NE(r.out.find("Usage"), std::string::npos) << args[1];
-  }
-}
-
 }  // namespace
 }  // namespace tessarel

@@ -113,14 +113,6 @@ TEST(Files, ExistenceFollowsSymlinksAndExcludesFolders) {
   EXPECT_EQ(ExtractFileDir("/a/b/c.txt"), "/a/b");
 }
 
-TEST(Files, ReadOnlyFileCanBeRead) {
-  test::TempDir dir;
-  std::string f = dir / "ro.txt";
-  test::write_file(f, "read me");
-  ASSERT_EQ(::chmod(f.c_str(), 0444), 0);
-  EXPECT_EQ(ReadFileText(f), "read me");
-}
-
 TEST(Files, AtomicWriterLeavesOldFileUntilCommitAndNoTempBehind) {
   test::TempDir dir;
   std::string f = dir / "index.xml";
