@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "archive/sign_e_archivia.h"
-#include "args.h"
+#include "bench_common.h"
 #include "boundary/batch_signer.h"
 #include "tessarel/certgen.h"
 #include "tessarel/store.h"
@@ -38,26 +38,13 @@ int main(int argc, char** argv) {
   fs::path dir = argv[1];
   int n = static_cast<int>(bench::positive_arg(argc, argv, 2, 10000, usage));
   auto size = static_cast<std::size_t>(bench::positive_arg(argc, argv, 3, 4096, usage));
-  fs::create_directories(dir / "sign-only");
-  fs::create_directories(dir / "inputs");
   tessarel::set_store_location((dir / "store").string());
   tessarel::NewCertificateOptions o;
   o.common_name = "Archivio Benchmark";
   auto store = tessarel::personal_store();
   tessarel::Certificate cert = tessarel::CreateSelfSignedCertificate(o, *store);
   std::ofstream(dir / "cert.pem") << cert.pem();
-  std::mt19937_64 rng(3);
-  std::vector<std::string> inputs, alone;
-  for (int i = 0; i < n; ++i) {
-    std::string content(size, '\0');
-    for (auto& c : content)
-      c = static_cast<char>(rng());
-    std::string name = "doc" + std::to_string(i) + ".bin";
-    std::ofstream(dir / "inputs" / name, std::ios::binary) << content;
-    std::ofstream(dir / "sign-only" / name, std::ios::binary) << content;
-    inputs.push_back((dir / "inputs" / name).string());
-    alone.push_back((dir / "sign-only" / name).string());
-  }
+  auto [inputs, alone] = bench::write_twin_inputs(dir / "inputs", dir / "sign-only", n, size, 3);
   auto c0 = cpu();
   auto t0 = Clock::now();
   for (const auto& f : alone)

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "args.h"
+#include "bench_common.h"
 #include "boundary/batch_signer.h"
 #include "boundary/cert_lookup.h"
 #include "platform/crypto/keygen.h"
@@ -34,22 +34,10 @@ int main(int argc, char** argv) {
   auto size = static_cast<std::size_t>(bench::positive_arg(argc, argv, 2, 4096, usage));
   int rounds = static_cast<int>(bench::positive_arg(argc, argv, 3, 3, usage));
   fs::path dir = fs::temp_directory_path() / ("tessarel-bench-" + std::to_string(getpid()));
-  fs::create_directories(dir / "ours");
-  fs::create_directories(dir / "ref");
-  std::mt19937_64 rng(7);
-  std::vector<std::string> ours, ref;
+  auto [ours, ref] = bench::write_twin_inputs(dir / "ours", dir / "ref", files, size, 7);
   std::string list;
-  for (int i = 0; i < files; ++i) {
-    std::string content(size, '\0');
-    for (auto& c : content)
-      c = static_cast<char>(rng());
-    std::string name = "doc" + std::to_string(i) + ".bin";
-    std::ofstream(dir / "ours" / name, std::ios::binary) << content;
-    std::ofstream(dir / "ref" / name, std::ios::binary) << content;
-    ours.push_back((dir / "ours" / name).string());
-    ref.push_back((dir / "ref" / name).string());
-    list += ours.back() + "\n";
-  }
+  for (const auto& f : ours)
+    list += f + "\n";
 
   tessarel::set_store_location((dir / "store").string());
   tessarel::NewCertificateOptions o;

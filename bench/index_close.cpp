@@ -10,7 +10,7 @@
 #include <string>
 
 #include "archive/sign_e_archivia.h"
-#include "args.h"
+#include "bench_common.h"
 #include "boundary/cert_lookup.h"
 #include "tessarel/certgen.h"
 #include "tessarel/store.h"
