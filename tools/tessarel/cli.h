@@ -47,8 +47,8 @@ void error(const std::string& message);  // always shown; sets exit code 1
 
 // A password from a source: "env:VAR", "file:PATH" (first line), "fd:N" (first line), or
 // "pass:" for the empty password (a non-empty one on the command line is refused). Without
-// a source the password is asked through the user interface; nullopt when the user cancels. Throws
-// tessarel::Exception for a malformed or unreadable source.
+// a source the password is asked through the user interface; nullopt when the user
+// cancels. Throws tessarel::Exception for a malformed or unreadable source.
 std::optional<std::string> read_password(const std::string& source, const std::string& purpose);
 
 // Validates a password source on the command line (a malformed one is a usage error).

@@ -27,12 +27,15 @@ std::string first_line_of_fd(int fd, const std::string& what) {
   if (!line.empty() && line.back() == '\r') line.pop_back();
   return line;
 }
-}  // namespace
 
-namespace {
 const char* const kNoPasswordOnCommandLine =
     "a password on the command line is visible to other users; give it as env:VAR, "
     "file:PATH or fd:N (pass: alone is the empty password)";
+
+[[noreturn]] void unknown_source(const std::string& kind, const std::string& purpose) {
+  throw Exception("Password source '" + kind + "' for " + purpose +
+                  " is not one of env:VAR, file:PATH, fd:N or pass: (empty)");
+}
 }  // namespace
 
 std::optional<std::string> read_password(const std::string& source, const std::string& purpose) {
@@ -45,9 +48,7 @@ std::optional<std::string> read_password(const std::string& source, const std::s
   auto colon = source.find(':');
   std::string kind = source.substr(0, colon);
   std::string arg = colon == std::string::npos ? "" : source.substr(colon + 1);
-  if (colon == std::string::npos)
-    throw Exception("Password source '" + kind + "' for " + purpose +
-                    " is not one of env:VAR, file:PATH, fd:N or pass: (empty)");
+  if (colon == std::string::npos) unknown_source(kind, purpose);
   if (kind == "pass") {
     // Command lines are visible to every user of the machine (ps, /proc): only the empty
     // password may be written there.
@@ -75,8 +76,7 @@ std::optional<std::string> read_password(const std::string& source, const std::s
       throw Exception("Password source fd:" + arg + " is not a descriptor number");
     return first_line_of_fd(static_cast<int>(fd), "descriptor " + arg);
   }
-  throw Exception("Password source '" + kind + "' for " + purpose +
-                  " is not one of env:VAR, file:PATH, fd:N or pass: (empty)");
+  unknown_source(kind, purpose);
 }
 
 CLI::Validator password_source() {
