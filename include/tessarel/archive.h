@@ -2,6 +2,7 @@
 #ifndef TESSAREL_ARCHIVE_H
 #define TESSAREL_ARCHIVE_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -10,6 +11,12 @@
 #include "tessarel/export.h"
 
 namespace tessarel {
+
+// How long ApriIndice (and a change after ChiudiIndice) waits for an archive that another
+// engine or process holds, before failing with a message that says it is in use. The
+// default is 30 seconds; zero fails at once.
+TESSAREL_API void set_archive_lock_timeout(std::chrono::milliseconds timeout);
+TESSAREL_API std::chrono::milliseconds archive_lock_timeout();
 
 struct ArchiveFileEntry {
   std::string link;  // relative to the archive folder, backslash-separated

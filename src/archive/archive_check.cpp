@@ -128,7 +128,10 @@ ArchiveCheckReport VerifyArchive(const std::string& folder, const std::string& e
   // The index signature, and who made it.
   TElXMLVerifier verifier;
   try {
-    verifier.Load(doc->root());
+    // The index signature is the root's own ds:Signature child, never one inside a record.
+    xml::Node signature = OwnSignature(doc->root());
+    if (!signature) throw Exception("no ds:Signature element under the index's root");
+    verifier.Load(signature);
     XmlSignatureCheck check = verifier.Verify(*doc);
     for (const auto& p : check.problems)
       report.problems.push_back({"", "index signature: " + p});
@@ -182,9 +185,12 @@ ArchiveCheckReport VerifyArchive(const std::string& folder, const std::string& e
         auto data_source = std::make_shared<asn1::FileSource>(data_path);
         TElCMSContent data;
         data.Init(data_source, 0, data_source->size());
-        CmsVerification v = VerifySignedMessage(message, &data);
-        if (!message.FDetached && DigestContent(message.FContent.get(), DigestAlgorithm::SHA256) !=
-                                      DigestContent(&data, DigestAlgorithm::SHA256))
+        // An attached envelope is compared with the data file below, by digest.
+        CmsVerification v =
+            VerifySignedMessage(message, message.FEContentPresent ? nullptr : &data);
+        if (message.FEContentPresent &&
+            DigestContent(message.FContent.get(), DigestAlgorithm::SHA256) !=
+                DigestContent(&data, DigestAlgorithm::SHA256))
           report.problems.push_back(
               {label, "the envelope's content is not the archived data file"});
         for (const auto& p : v.problems)

@@ -14,11 +14,19 @@ namespace tessarel {
 
 namespace {
 
-bool name_start(unsigned char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || c >= 0x80;
+// NameStartChar and NameChar of XML 1.0 (fifth edition), without the colon: a group
+// element's name has no namespace prefix.
+bool name_start(char32_t c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || (c >= 0xC0 && c <= 0xD6) ||
+         (c >= 0xD8 && c <= 0xF6) || (c >= 0xF8 && c <= 0x2FF) || (c >= 0x370 && c <= 0x37D) ||
+         (c >= 0x37F && c <= 0x1FFF) || (c >= 0x200C && c <= 0x200D) ||
+         (c >= 0x2070 && c <= 0x218F) || (c >= 0x2C00 && c <= 0x2FEF) ||
+         (c >= 0x3001 && c <= 0xD7FF) || (c >= 0xF900 && c <= 0xFDCF) ||
+         (c >= 0xFDF0 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0xEFFFF);
 }
-bool name_char(unsigned char c) {
-  return name_start(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+bool name_char(char32_t c) {
+  return name_start(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == 0xB7 ||
+         (c >= 0x300 && c <= 0x36F) || (c >= 0x203F && c <= 0x2040);
 }
 
 std::vector<std::string> split_components(const std::string& s, char sep) {
@@ -36,8 +44,9 @@ std::vector<std::string> split_components(const std::string& s, char sep) {
 }  // namespace
 
 bool IsXmlName(const std::string& name) {
-  if (name.empty() || !name_start(static_cast<unsigned char>(name[0]))) return false;
-  for (unsigned char c : name)
+  std::u32string chars;
+  if (!decode_utf8(name, chars) || chars.empty() || !name_start(chars[0])) return false;
+  for (char32_t c : chars)
     if (!name_char(c)) return false;
   return true;
 }
@@ -50,8 +59,19 @@ void CheckTipo(const std::string& tipo) {
       tipo.find('\\') != std::string::npos)
     throw Exception("Tipo di documento non valido: \"" + tipo +
                     "\" deve essere un solo nome di cartella");
+  if (!is_utf8(tipo)) throw Exception("Tipo di documento non valido: il testo non è UTF-8");
   if (!IsXmlName(tipo))
     throw Exception("Tipo di documento non valido: \"" + tipo + "\" non è un nome di elemento XML");
+}
+
+void CheckRecordFileName(const std::string& name) {
+  std::u32string chars;
+  if (!decode_utf8(name, chars))
+    throw Exception("Nome di file non valido (non è testo UTF-8): " + latin1_to_utf8(name));
+  for (char32_t c : chars)
+    // Tabs and line breaks would come back from the index as spaces.
+    if (!is_xml_char(c) || c < 0x20)
+      throw Exception("Nome di file non valido (contiene caratteri di controllo): " + name);
 }
 
 std::string RelativeFolder(const std::string& tipo, DateTime data) {

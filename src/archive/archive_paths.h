@@ -14,9 +14,12 @@ namespace tessarel {
 // saying what is wrong otherwise (empty, "..", separators, NUL, not an XML name).
 void CheckTipo(const std::string& tipo);
 
-// True when name is an XML 1.0 element name without a colon (ASCII rules plus any
-// non-ASCII UTF-8 letter, which XML allows).
+// True when name is well-formed UTF-8 and an XML 1.0 Name without a colon.
 bool IsXmlName(const std::string& name);
+
+// Checks a file name that a record will carry: well-formed UTF-8 without control
+// characters, so that the index stays a document every XML parser reads back the same.
+void CheckRecordFileName(const std::string& name);
 
 // The relative folder of a record: Tipo\YYYY\MM\ (backslashes, trailing one included).
 std::string RelativeFolder(const std::string& tipo, DateTime data);

@@ -47,6 +47,20 @@ std::string escape_param(const std::string& text) {
   return replace_all(replace_all(text, "&", "&amp;"), "'", "&apos;");
 }
 
+// A record's parameter is written into the index verbatim (after escaping & and '), so it
+// must be text or well-formed markup; otherwise the index could never be read again.
+void CheckXmlParam(const std::string& param) {
+  if (param.empty()) return;
+  std::string wrapped = "<Documento>" + escape_param(param) + "</Documento>";
+  try {
+    xml::Document::Parse(reinterpret_cast<const std::uint8_t*>(wrapped.data()), wrapped.size(),
+                         "utf-8");
+  } catch (const Exception& e) {
+    throw Exception(std::string("Parametro XML del record non valido, nulla è stato archiviato: ") +
+                    e.what());
+  }
+}
+
 }  // namespace
 
 void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& fBusta,
@@ -56,6 +70,9 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
   if (Data == 0.0) Data = Date();
   // Nothing a document type names may lead outside the archive.
   CheckTipo(Tipo);
+  // Refused before anything is copied: the index must stay a document every parser reads.
+  CheckXmlParam(XMLParam);
+  RelockArchive();
   std::string archive = archive_folder();
   std::string relative = RelativeFolder(Tipo, Data);
   std::string folder = LinkToPath(archive, relative.substr(0, relative.size() - 1));
@@ -67,6 +84,7 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
   std::string name = ExtractFileName(fpath);
   if (name.empty() || name == "." || name == "..")
     throw Exception("Nome di file non valido: " + fpath);
+  CheckRecordFileName(name);
   std::string target = folder + "/" + name;
   bool copied = false, replaced = false;
   std::optional<StagedCopy> data_copy;
@@ -103,6 +121,7 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
     envelope_name = ExtractFileName(fBusta);
     if (envelope_name.empty() || envelope_name == "." || envelope_name == "..")
       throw Exception("Nome di file non valido: " + fBusta);
+    CheckRecordFileName(envelope_name);
     std::string envelope_target = folder + "/" + envelope_name;
     if (copied && !same_file(fBusta, envelope_target))
       envelope_copy.emplace(fBusta, envelope_target);
@@ -192,6 +211,10 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
 void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::string& XMLParam,
                                         const std::string& Tipo, DateTime Data) {
   RequireOpenIndex();
+  // Checked before signing, so a refused record leaves no envelope behind either.
+  CheckTipo(Tipo);
+  CheckXmlParam(XMLParam);
+  RelockArchive();
   std::optional<std::string> envelope = FirmaFiles(fpath, fpath, FidCert, Fdetached, nullptr);
   if (!envelope || envelope->empty()) return;
   ArchiviaFile(fpath, *envelope, XMLParam, Tipo, Data);
@@ -199,6 +222,7 @@ void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::str
 
 void TSignEArchivia::CancellaId() {
   RequireOpenIndex();
+  RelockArchive();
   xml::Node root = FXMLDocument->root();
   if (!root) throw Exception("File indice non valido");
   TSignCancRegDlg dlg;

@@ -3,6 +3,9 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <filesystem>
 
 #include "archive/sign_e_archivia.h"
@@ -11,6 +14,8 @@
 #include "platform/runtime/datetime.h"
 #include "platform/runtime/files.h"
 #include "platform/runtime/strings.h"
+#include "platform/runtime/warnings.h"
+#include "tessarel/archive.h"
 #include "tessarel/errors.h"
 #include "tessarel/ui.h"
 #include "xmlsig/xml_signature.h"
@@ -34,14 +39,25 @@ std::string index_location(const std::string& patharchivia) {
   return path;
 }
 
-// Reads the index while other writers are kept out (an advisory shared lock).
+// Reads the index; other writers are kept out by the archive's lock.
 std::unique_ptr<xml::Document> read_index(const std::string& path) {
   InputFile in(path);
-  ::flock(in.fd(), LOCK_SH);
   return xml::Document::ParseFd(in.fd(), in.size(), path, "utf-8");
 }
 
-// Temporary files of a writer that was killed while replacing the index.
+std::atomic<std::int64_t>& lock_timeout_ms() {
+  static std::atomic<std::int64_t> ms{30000};
+  return ms;
+}
+
+std::string seconds_text(std::chrono::milliseconds t) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%g s", static_cast<double>(t.count()) / 1000.0);
+  return buf;
+}
+
+// Temporary files of a writer that was killed while replacing the index. Only called with
+// the archive's lock held, so no live writer owns them.
 void remove_stale_temporaries(const std::string& index_path) {
   std::error_code ec;
   std::string prefix = "." + ExtractFileName(index_path) + ".tmp-";
@@ -54,6 +70,38 @@ void remove_stale_temporaries(const std::string& index_path) {
 }
 
 }  // namespace
+
+void set_archive_lock_timeout(std::chrono::milliseconds timeout) {
+  lock_timeout_ms() = std::max<std::int64_t>(0, timeout.count());
+}
+
+std::chrono::milliseconds archive_lock_timeout() {
+  return std::chrono::milliseconds(lock_timeout_ms().load());
+}
+
+void TSignEArchivia::LockArchive() {
+  archive_lock_.reset();
+  std::string folder = archive_folder();
+  std::chrono::milliseconds timeout = archive_lock_timeout();
+  archive_lock_ = FileLock::Acquire(Fpatharchivia + ".lock", timeout, [&] {
+    warn("the archive " + folder + " is in use by another program; waiting up to " +
+         seconds_text(timeout));
+  });
+  if (!archive_lock_)
+    throw Exception("L'archivio " + folder + " è in uso da un altro programma (atteso " +
+                    seconds_text(timeout) + "): riprovare più tardi");
+}
+
+void TSignEArchivia::RelockArchive() {
+  if (archive_lock_) return;
+  LockArchive();
+  if (StampOf(Fpatharchivia) != index_stamp_) {
+    archive_lock_.reset();
+    throw Exception("L'indice " + Fpatharchivia +
+                    " è stato cambiato da un altro programma dopo la chiusura: riaprirlo con "
+                    "ApriIndice");
+  }
+}
 
 std::string TSignEArchivia::archive_folder() const {
   return ExtractFileDir(Fpatharchivia);
@@ -88,16 +136,24 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
   // Until this completes no index is open: a failure leaves the engine closed.
   FXMLDocument.reset();
   Cert.reset();
-  std::unique_ptr<xml::Document> doc;
-  remove_stale_temporaries(Fpatharchivia);
-  if (FileExists(Fpatharchivia)) {
-    doc = read_index(Fpatharchivia);
-  } else {
+  archive_lock_.reset();
+  if (!FileExists(Fpatharchivia)) {
     std::string folder = ExtractFileDir(Fpatharchivia);
     if (!ForceDirectories(folder)) throw Exception("Impossibile accedere alla cartella: " + folder);
     if (DirectoryExists(Fpatharchivia))
       throw EFOpenError("Cannot open file \"" + Fpatharchivia + "\". Is a directory");
-    doc = std::make_unique<xml::Document>();
+  }
+  LockArchive();
+  std::unique_ptr<xml::Document> doc;
+  try {
+    remove_stale_temporaries(Fpatharchivia);
+    // Read only now: another writer may have created or changed the index while this one
+    // waited for the archive.
+    index_stamp_ = StampOf(Fpatharchivia);
+    doc = index_stamp_.exists ? read_index(Fpatharchivia) : std::make_unique<xml::Document>();
+  } catch (...) {
+    archive_lock_.reset();
+    throw;
   }
   FXMLDocument = std::move(doc);
   try {
@@ -123,12 +179,18 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
   } catch (...) {
     FXMLDocument.reset();
     Cert.reset();
+    archive_lock_.reset();
     throw;
   }
 }
 
 void TSignEArchivia::ChiudiIndice() {
-  if (!isModified || !FXMLDocument) return;
+  if (!isModified || !FXMLDocument) {
+    // Nothing to write: the archive is free for others again.
+    archive_lock_.reset();
+    return;
+  }
+  RelockArchive();
   xml::Node root = FXMLDocument->root();
   if (!root) throw Exception("File indice non valido");
   root.set_attribute("modificato_il", FormatShortDate(Date()));
@@ -193,7 +255,10 @@ void TSignEArchivia::ChiudiIndice() {
     AtomicFileWriter out(Fpatharchivia);
     FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });
     out.commit();
+    index_stamp_ = StampOf(Fpatharchivia);
+    archive_lock_.reset();
   } catch (const std::exception& e) {
+    // The archive stays held: the same engine can retry the close once the cause is gone.
     currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
                             std::string("Error: ") + e.what());
   }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/runtime/files.h"
 #include "platform/xml/dom.h"
 #include "tessarel/certificate.h"
 #include "tessarel/sign_e_archivia.h"
@@ -66,6 +67,12 @@ class TSignEArchivia : public ISignEArchivia {
  protected:
   // Raises "File indice non aperto" when no index is open.
   void RequireOpenIndex() const;
+  // Takes the archive for this engine (the lock file beside index.xml), waiting a bounded
+  // time for another holder; raises when the archive stays in use.
+  void LockArchive();
+  // Before a change after ChiudiIndice released the archive: takes it again and makes sure
+  // nobody changed the index meanwhile, since this engine would overwrite that change.
+  void RelockArchive();
 
   // The index held in memory; absent until ApriIndice. Its presence is what "open" means.
   std::unique_ptr<xml::Document> FXMLDocument;
@@ -84,6 +91,10 @@ class TSignEArchivia : public ISignEArchivia {
   // Files were put in the archive since the index was last written: they reach the disk
   // before the index that lists them.
   bool archived_since_close_ = false;
+  // Held from ApriIndice to ChiudiIndice (and the engine's end): one writer per archive.
+  std::unique_ptr<FileLock> archive_lock_;
+  // index.xml as this engine last read or wrote it.
+  FileStamp index_stamp_;
 };
 
 }  // namespace tessarel

@@ -1,6 +1,11 @@
 // The signing and checking functions of the public API.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 #include "boundary/batch_signer.h"
 #include "cms/cms_verify.h"
@@ -72,34 +77,74 @@ EnvelopeReport VerifyEnvelope(const std::string& envelope, const std::string& co
       e.signing_time = buf;
     }
     e.signature_valid = s.signature_valid;
+    e.digest_checked = s.digest_checked;
     e.digest_matches = s.digest_matches;
     e.content_type_matches = s.content_type_matches;
     e.signing_certificate_present = s.signing_certificate_present;
     e.signing_certificate_matches = s.signing_certificate_matches;
     e.cades_bes = s.cades_bes;
+    e.weak_algorithm = s.weak_algorithm;
     e.problems = s.problems;
     r.signers.push_back(std::move(e));
   }
   return r;
 }
 
-std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::string& output) {
-  TElSignedCMSMessage message;
-  message.Open(std::make_shared<asn1::FileSource>(envelope));
-  if (message.FDetached)
+namespace {
+
+// The envelope opened for extraction: it must carry its content.
+std::unique_ptr<TElSignedCMSMessage> open_attached(const std::string& envelope) {
+  auto message = std::make_unique<TElSignedCMSMessage>();
+  message->Open(std::make_shared<asn1::FileSource>(envelope));
+  if (!message->FEContentPresent)
     throw Exception("The envelope " + envelope + " carries no content (a detached signature)");
-  AtomicFileWriter writer(output);
-  const TElCMSContent& content = *message.FContent;
+  return message;
+}
+
+template <typename Write>
+std::uint64_t copy_content(const TElCMSContent& content, Write&& write) {
   Bytes buffer(1 << 20);
   std::uint64_t at = 0;
   while (at < content.Size()) {
     std::size_t n = content.Read(buffer.data(), buffer.size(), at);
     if (n == 0) throw EElCMSError("Unexpected end of data");
-    writer.write(buffer.data(), n);
+    write(buffer.data(), n);
     at += n;
   }
-  writer.commit(false);
   return at;
+}
+
+}  // namespace
+
+std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::string& output) {
+  // Writing the content over its own envelope would destroy the signature.
+  if (SameFile(envelope, output))
+    throw Exception("The output " + output + " is the envelope itself; choose another file");
+  auto message = open_attached(envelope);
+  OutputReplacement writer(output);
+  std::uint64_t n = copy_content(*message->FContent,
+                                 [&](const std::uint8_t* p, std::size_t k) { writer.write(p, k); });
+  writer.commit();
+  return n;
+}
+
+std::uint64_t ExtractEnvelopeContentToFd(const std::string& envelope, int fd) {
+  struct stat out {
+  }, in{};
+  if (::fstat(fd, &out) == 0 && ::stat(envelope.c_str(), &in) == 0 && S_ISREG(out.st_mode) &&
+      out.st_dev == in.st_dev && out.st_ino == in.st_ino)
+    throw Exception("The output is the envelope " + envelope + " itself; choose another file");
+  auto message = open_attached(envelope);
+  return copy_content(*message->FContent, [&](const std::uint8_t* p, std::size_t k) {
+    while (k) {
+      ssize_t w = ::write(fd, p, k);
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0)
+        throw EInOutError(std::string("I/O error writing the content: ") + std::strerror(errno));
+      p += w;
+      k -= static_cast<std::size_t>(w);
+    }
+  });
 }
 
 }  // namespace tessarel

@@ -46,8 +46,10 @@ std::string TSignEArchivia::EstraiContenuto(const std::string& input) {
     throw Exception("il file deve avere estensione .p7m");
   auto message = open_envelope(input);
   std::string output = RemoveLastExt(input);
-  // The content goes to a temporary file renamed into place, so a failure leaves no half file.
-  AtomicFileWriter writer(output);
+  if (SameFile(input, output))
+    throw Exception("Il file " + output + " è la busta stessa: il contenuto non viene scritto");
+  // A new or regular file is replaced whole, so a failure leaves no half file.
+  OutputReplacement writer(output);
   const TElCMSContent& content = *message->FContent;
   Bytes buffer(1 << 20);
   for (std::uint64_t at = 0; at < content.Size();) {
@@ -56,7 +58,7 @@ std::string TSignEArchivia::EstraiContenuto(const std::string& input) {
     writer.write(buffer.data(), n);
     at += n;
   }
-  writer.commit(false);
+  writer.commit();
   result = output;
   return result;
 }

@@ -69,6 +69,9 @@ std::optional<std::string> FirmaFiles(
 
     std::string& out = outputs.at(i);
     out += detached ? ".p7s" : ".p7m";
+    // An envelope name that leads back to the file (a link) would truncate what is signed.
+    if (SameFile(input, out))
+      throw EFCreateError("Cannot create file \"" + out + "\". It is the file being signed");
     // Created or truncated in place; if writing fails, the partial envelope is removed so
     // that no half envelope is left behind (the signed file itself is never touched).
     {

@@ -4,17 +4,6 @@
 
 namespace tessarel {
 
-namespace {
-bool has_signature_below(xml::Node n) {
-  for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
-    if (!c.is_element()) continue;
-    if (c.local_name() == "Signature" && c.namespace_uri() == xml::kDsigNamespace) return true;
-    if (has_signature_below(c)) return true;
-  }
-  return false;
-}
-}  // namespace
-
 void RimuoviFirmaXml(xml::Node node) {
   if (!node) return;
   // Up to the first Signature element, a non-element or a parentless element.
@@ -29,7 +18,9 @@ void RimuoviFirmaXml(xml::Node node) {
       if (c.is_element()) root = c;
   }
   if (!root || !root.is_element()) return;
-  if (root.local_name() != "Signature" && !has_signature_below(root)) return;
+  // Only the document's own signature goes; a record's signature is content.
+  if (root.local_name() != "Signature") root = OwnSignature(root);
+  if (!root) return;
   TElXMLVerifier verifier;
   try {
     verifier.Load(root);

@@ -239,7 +239,7 @@ std::size_t TElCMSContent::Read(std::uint8_t* buffer, std::size_t size,
       std::uint64_t within = at - base;
       std::size_t n =
           static_cast<std::size_t>(std::min<std::uint64_t>(size - copied, s.size - within));
-      if (s.memory)
+      if (!s.stream)
         std::memcpy(buffer + copied, s.memory + within, n);
       else
         s.stream->read(s.offset + within, buffer + copied, n);
@@ -262,7 +262,7 @@ Bytes DigestContent(const TElCMSContent* content, DigestAlgorithm alg,
     for (const auto& s : content->sources()) {
       for (std::uint64_t at = 0; at < s.size;) {
         std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kHashBlock, s.size - at));
-        if (s.memory) {
+        if (!s.stream) {
           hasher.update(s.memory + at, n);
         } else {
           buffer.resize(kHashBlock);
@@ -541,6 +541,7 @@ void TElSignedCMSMessage::Clear() {
   FCertificates.clear();
   FDigestAlgorithms.clear();
   FContentVersion = 0;
+  FEContentPresent = false;
 }
 
 void TElSignedCMSMessage::CreateNew(const std::uint8_t* buffer, std::uint64_t size) {
@@ -678,7 +679,7 @@ void TElSignedCMSMessage::SaveParts(
   if (with_content) {
     Bytes buffer;
     for (const auto& s : FContent->sources()) {
-      if (s.memory) {
+      if (!s.stream) {
         if (s.size) sink(s.memory, static_cast<std::size_t>(s.size));
         continue;
       }
@@ -742,7 +743,8 @@ void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
     asn1::ReadOid(src, etype);
     FContentType = asn1::ContentBytes(src, etype);
     FContent = std::make_unique<TElCMSContent>();
-    if (encap.children.size() > 1) {
+    FEContentPresent = encap.children.size() > 1;
+    if (FEContentPresent) {
       const BerNode& e0 = encap.children[1];
       expect(e0, 2, 0, true, "[0] eContent");
       const BerNode& octets = child(e0, 0, "eContent");

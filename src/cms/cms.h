@@ -118,6 +118,7 @@ struct TElPKCS7Signer {
 // The content of a message: byte ranges of memory or of a source read on demand.
 class TElCMSContent {
  public:
+  // A source without a stream is memory (possibly empty, with a null pointer).
   struct Source {
     const std::uint8_t* memory = nullptr;
     std::shared_ptr<const asn1::ByteSource> stream;
@@ -204,7 +205,11 @@ class TElSignedCMSMessage {
 
   // Content, certificates (in the order of the certificates field) and state.
   std::unique_ptr<TElCMSContent> FContent;
+  // True when the message carries no content (none, or an empty one).
   bool FDetached = false;
+  // True when the message has an eContent element, even an empty one: an attached
+  // envelope of an empty file, as opposed to a detached signature.
+  bool FEContentPresent = false;
   Bytes FContentType;  // eContentType, OID content octets
   std::int32_t FContentVersion = 0;
   bool FUseUndefSize = true;

@@ -1,5 +1,7 @@
 #include "cms/cms_verify.h"
 
+#include <algorithm>
+#include <cstring>
 #include <map>
 
 #include "cms/cades.h"
@@ -85,7 +87,12 @@ bool verify_value(const Certificate& cert, const TElPKCS7Signer& s, DigestAlgori
     if ((rsa_alg && kind == KeyKind::Rsa) || (ec_alg && kind == KeyKind::Ec) ||
         (dsa_alg && kind == KeyKind::Dsa))
       return key.verify_digest(digest_alg, data_digest, s.EncryptedDigest);
-    problem = "signature algorithm " + alg + " does not fit the certificate's key";
+    if (!rsa_alg && !ec_alg && !dsa_alg) {
+      problem = "unsupported signature algorithm " + AlgorithmLabel(alg);
+      return false;
+    }
+    problem = "signature algorithm " + AlgorithmLabel(alg) + " does not fit the certificate's " +
+              KeyKindName(kind) + " key";
     return false;
   } catch (const Exception& e) {
     problem = e.what();
@@ -93,7 +100,58 @@ bool verify_value(const Certificate& cert, const TElPKCS7Signer& s, DigestAlgori
   }
 }
 
+// Whether two contents hold the same bytes, read in blocks.
+bool same_content(const TElCMSContent& a, const TElCMSContent& b) {
+  if (a.Size() != b.Size()) return false;
+  constexpr std::size_t kBlock = 1 << 20;
+  Bytes x(kBlock), y(kBlock);
+  for (std::uint64_t at = 0; at < a.Size();) {
+    std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, a.Size() - at));
+    if (a.Read(x.data(), n, at) != n || b.Read(y.data(), n, at) != n) return false;
+    if (std::memcmp(x.data(), y.data(), n) != 0) return false;
+    at += n;
+  }
+  return true;
+}
+
 }  // namespace
+
+std::string AlgorithmLabel(const std::string& oid) {
+  static const std::pair<const char*, const char*> kNames[] = {
+      {"1.3.101.112", "Ed25519"},
+      {"1.3.101.113", "Ed448"},
+      {"1.2.643.2.2.19", "GOST R 34.10-2001"},
+      {"1.2.643.7.1.1.1.1", "GOST R 34.10-2012 (256 bit)"},
+      {"1.2.643.7.1.1.1.2", "GOST R 34.10-2012 (512 bit)"},
+      {"1.2.840.113549.1.1.1", "RSA"},
+      {"1.2.840.113549.1.1.10", "RSASSA-PSS"},
+      {"1.2.840.10045.2.1", "ECDSA"},
+      {"1.2.840.10040.4.1", "DSA"},
+  };
+  for (const auto& [o, name] : kNames)
+    if (oid == o) return std::string(name) + " (" + oid + ")";
+  return oid;
+}
+
+std::string KeyKindName(KeyKind kind) {
+  switch (kind) {
+    case KeyKind::Rsa:
+      return "RSA";
+    case KeyKind::RsaPss:
+      return "RSA-PSS";
+    case KeyKind::Dsa:
+      return "DSA";
+    case KeyKind::Ec:
+      return "EC";
+    case KeyKind::Ed25519:
+      return "Ed25519";
+    case KeyKind::Gost2001:
+      return "GOST";
+    case KeyKind::Unknown:
+      break;
+  }
+  return "unknown";
+}
 
 bool CmsVerification::ok() const {
   if (!problems.empty() || signers.empty()) return false;
@@ -105,12 +163,15 @@ bool CmsVerification::ok() const {
 CmsVerification VerifySignedMessage(TElSignedCMSMessage& m, const TElCMSContent* external) {
   CmsVerification out;
   const TElCMSContent* content = m.FContent.get();
-  out.detached = m.FDetached;
-  if (m.FDetached) {
+  // An attached envelope of an empty file carries an empty eContent: it is not detached.
+  out.detached = !m.FEContentPresent;
+  if (out.detached) {
     if (!external)
       out.problems.push_back("the envelope carries no content and no content file was given");
     else
       content = external;
+  } else if (external && !same_content(*content, *external)) {
+    out.problems.push_back("the given content differs from the content the envelope carries");
   }
   out.content_size = content ? content->Size() : 0;
   if (m.SignatureCount() == 0) out.problems.push_back("the envelope has no signer");
@@ -132,7 +193,10 @@ CmsVerification VerifySignedMessage(TElSignedCMSMessage& m, const TElCMSContent*
       continue;
     }
     Bytes content_digest;
-    bool have_content = m.FDetached ? external != nullptr : true;
+    bool have_content = !out.detached || external != nullptr;
+    v.digest_checked = have_content;
+    if (v.digest == DigestAlgorithm::MD5 || v.digest == DigestAlgorithm::SHA1)
+      v.weak_algorithm = crypto::digest_name(v.digest);
     if (have_content) {
       auto it = digests.find(v.digest);
       if (it == digests.end())

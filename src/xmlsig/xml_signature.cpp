@@ -180,6 +180,10 @@ std::string DistinguishedNameText(const std::vector<NameAttribute>& attributes) 
   return out;
 }
 
+xml::Node OwnSignature(xml::Node element) {
+  return element ? dsig_child(element, "Signature") : xml::Node();
+}
+
 void CanonicalizeWithout(const xml::Document& doc, const std::vector<xml::Node>& excluded,
                          const std::function<void(const char*, std::size_t)>& sink) {
   auto visible = [&](xml::Node node, xml::Node parent) {
@@ -202,22 +206,14 @@ void TElXMLSigner::SetCanonicalizationMethod(int code) {
 void TElXMLSigner::UpdateReferencesDigest(xml::Document& doc) {
   if (!FReferences) return;
   for (auto& ref : FReferences->FReferences) {
+    // The enveloped transform leaves out only the Signature element that holds it (once
+    // Save has placed it): other signatures in the document (a record may carry its own)
+    // are content like any other.
     bool enveloped = false;
     for (const auto& t : ref->FTransformChain.FTransforms)
       if (t->FTransformAlgorithmURI == dsig::kEnveloped) enveloped = true;
-    // The enveloped transform takes every signature of the document out of the node set.
     std::vector<xml::Node> excluded;
-    if (enveloped) {
-      std::function<void(xml::Node)> collect = [&](xml::Node n) {
-        for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
-          if (is_dsig(c, "Signature"))
-            excluded.push_back(c);
-          else if (c.is_element())
-            collect(c);
-        }
-      };
-      collect(doc.node());
-    }
+    if (enveloped && signature_node_) excluded.push_back(signature_node_);
     crypto::Hasher hasher(digest_of(ref->FDigestMethod));
     std::uint64_t bytes = 0;
     auto sink = [&](const char* p, std::size_t n) {
@@ -373,6 +369,7 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   if (!si) security_error("Invalid element: SignedInfo");
   // The white space placed around the signature belongs to the signed document: the
   // digests are taken again now that the signature stands where it will stay.
+  signature_node_ = sig;
   UpdateReferencesDigest(doc);
   int index = 0;
   for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
@@ -405,6 +402,8 @@ void TElXMLVerifier::Load(xml::Node element) {
   if (element.is_element() && element.local_name() == "Signature" &&
       (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature")) {
     sig = element;
+  } else if (xml::Node own = OwnSignature(element)) {
+    sig = own;
   } else {
     std::function<xml::Node(xml::Node, const char*, const char*)> find =
         [&](xml::Node n, const char* local, const char* ns) {

@@ -69,6 +69,10 @@ std::string DigestMethodURI(TElXMLDigestMethod m);
 // attributes from the last to the first, "NAME=value" joined by ", ", escaped.
 std::string DistinguishedNameText(const std::vector<NameAttribute>& attributes);
 
+// An element's own enveloped signature: its ds:Signature child, or a null node. Signatures
+// deeper down belong to the content (a record may carry one of its own).
+xml::Node OwnSignature(xml::Node element);
+
 class TElXMLTransform {
  public:
   virtual ~TElXMLTransform() = default;
@@ -149,7 +153,8 @@ class TElXMLSigner {
   // The canonical SignedInfo that was signed.
   Bytes FSignedInfo;
 
-  // Digests of the references (for URI "": the whole document without its signatures).
+  // Digests of the references (for URI "": the whole document; an enveloped transform
+  // leaves out the signature this signer wrote, and no other).
   void UpdateReferencesDigest(xml::Document& doc);
   // Checks the key against the method and prepares the signature.
   void GenerateSignature();
@@ -160,6 +165,8 @@ class TElXMLSigner {
   int FCanonicalizationMethod = 1;
   TElXMLReferenceList* FReferences = nullptr;
   bool generated_ = false;
+  // The ds:Signature element once Save has placed it.
+  xml::Node signature_node_;
 };
 
 // The outcome of checking an enveloped signature.

@@ -12,6 +12,11 @@ bool exists(const std::string& p) {
   return ::stat(p.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
+bool regular_file(const std::string& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 void sign(const std::vector<std::string>& files, const std::string& cert, bool detached) {
   std::vector<std::string> missing;
   for (const auto& f : files)
@@ -43,14 +48,16 @@ void print_report(const EnvelopeReport& r) {
           "\"signing_time\": %s,\n   \"signature_valid\": %s, \"digest_matches\": %s, "
           "\"content_type_matches\": %s, "
           "\"signing_certificate_present\": %s, \"signing_certificate_matches\": %s, "
-          "\"cades_bes\": %s, \"problems\": [",
+          "\"cades_bes\": %s, \"digest_checked\": %s, \"weak_algorithm\": %s, \"problems\": [",
           i ? "," : "", s.index, json_string(s.certificate_id).c_str(),
           json_string(s.subject).c_str(), json_string(s.issuer).c_str(),
           json_string(s.digest_algorithm).c_str(), json_string(s.signing_time).c_str(),
           s.signature_valid ? "true" : "false", s.digest_matches ? "true" : "false",
           s.content_type_matches ? "true" : "false",
           s.signing_certificate_present ? "true" : "false",
-          s.signing_certificate_matches ? "true" : "false", s.cades_bes ? "true" : "false");
+          s.signing_certificate_matches ? "true" : "false", s.cades_bes ? "true" : "false",
+          s.digest_checked ? "true" : "false",
+          s.weak_algorithm.empty() ? "null" : json_string(s.weak_algorithm).c_str());
       for (std::size_t k = 0; k < s.problems.size(); ++k)
         std::printf("%s%s", k ? ", " : "", json_string(s.problems[k]).c_str());
       std::printf("]}");
@@ -73,19 +80,38 @@ void print_report(const EnvelopeReport& r) {
                 s.cades_bes ? "yes" : "no");
     std::printf(
         "  signature value: %s   content digest: %s   content type: %s   signing certificate: %s\n",
-        s.signature_valid ? "ok" : "FAILED", s.digest_matches ? "ok" : "FAILED",
+        s.signature_valid ? "ok" : "FAILED",
+        !s.digest_checked  ? "not checked: no content given"
+        : s.digest_matches ? "ok"
+                           : "FAILED",
         s.content_type_matches ? "ok" : "FAILED",
         !s.signing_certificate_present  ? "absent"
         : s.signing_certificate_matches ? "ok"
                                         : "FAILED");
+    if (!s.weak_algorithm.empty())
+      std::printf(
+          "  warning: %s is a weak digest algorithm: collisions can be made, so the "
+          "signature proves less than it seems\n",
+          s.weak_algorithm.c_str());
     for (const auto& p : s.problems)
       std::printf("  problem: %s\n", p.c_str());
   }
 }
 
-void verify(const std::string& envelope, std::string content) {
+// "-" names standard input; anything else is a path (pipes such as <(cmd) included).
+std::string input_path(const std::string& name) {
+  return name == "-" ? "/dev/stdin" : name;
+}
+
+void verify(const std::string& given, std::string content) {
+  std::string envelope = input_path(given);
+  if (!content.empty()) content = input_path(content);
+  if (given == "-" && content == "/dev/stdin") {
+    error("the envelope and its content cannot both come from standard input");
+    return;
+  }
   // A detached signature's data lies beside it, as x.pdf for x.pdf.p7s.
-  if (content.empty() && envelope.size() > 4) {
+  if (content.empty() && given != "-" && regular_file(envelope) && envelope.size() > 4) {
     std::string base = envelope.substr(0, envelope.rfind('.'));
     if (envelope.rfind('.') != std::string::npos && exists(base)) {
       EnvelopeReport probe = VerifyEnvelope(envelope);
@@ -97,19 +123,41 @@ void verify(const std::string& envelope, std::string content) {
   if (!r.valid) set_exit_code(1);
 }
 
-void extract(const std::string& envelope, std::string output) {
+void extract(const std::string& given, std::string output) {
+  std::string envelope = input_path(given);
   if (output.empty()) {
-    auto dot = envelope.rfind('.');
-    auto slash = envelope.rfind('/');
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) {
-      error("cannot derive the output name from " + envelope + ": give -o FILE");
+    auto dot = given.rfind('.');
+    auto slash = given.rfind('/');
+    if (given == "-" || dot == std::string::npos || (slash != std::string::npos && dot < slash)) {
+      error("cannot derive the output name from " + given +
+            ": give -o FILE (or -o - for "
+            "standard output)");
       return;
     }
-    output = envelope.substr(0, dot);
+    output = given.substr(0, dot);
+  }
+  if (output == "-") {
+    std::fflush(stdout);
+    std::uint64_t n = ExtractEnvelopeContentToFd(envelope, 1);
+    info("extracted " + std::to_string(n) + " bytes");
+    return;
   }
   std::uint64_t n = ExtractEnvelopeContent(envelope, output);
   std::printf("%s\n", output.c_str());
   info("extracted " + std::to_string(n) + " bytes");
+}
+
+// An input given on the command line: "-" or something that can be opened for reading.
+CLI::Validator readable_input() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        if (value == "-") return {};
+        struct stat st {};
+        if (::stat(value.c_str(), &st) != 0) return "No such file: " + value;
+        if (S_ISDIR(st.st_mode)) return "Is a directory: " + value;
+        return {};
+      },
+      "FILE|-");
 }
 
 CommandRegistration reg(30, [](CLI::App& app) {
@@ -126,21 +174,24 @@ CommandRegistration reg(30, [](CLI::App& app) {
   static std::string envelope, content;
   auto* v = app.add_subcommand(
       "verify", "Check an envelope's signatures cryptographically; exit 1 when it does not verify");
-  v->add_option("ENVELOPE", envelope, "The .p7m or .p7s file")
+  v->add_option("ENVELOPE", envelope, "The .p7m or .p7s file (- for standard input)")
       ->required()
-      ->check(CLI::ExistingFile);
+      ->check(readable_input());
   v->add_option("--content", content,
                 "The signed data of a detached signature (default: the envelope's name without its "
-                "extension)")
-      ->check(CLI::ExistingFile);
+                "extension); with an attached envelope, checked to be the same bytes")
+      ->check(readable_input());
   v->add_flag("--json", globals().json, "Output as JSON");
   on_run(v, [] { verify(envelope, content); });
 
   static std::string in, out;
   auto* x = app.add_subcommand("extract", "Write the content of an attached envelope to a file");
-  x->add_option("ENVELOPE", in, "The .p7m file")->required()->check(CLI::ExistingFile);
+  x->add_option("ENVELOPE", in, "The .p7m file (- for standard input)")
+      ->required()
+      ->check(readable_input());
   x->add_option("-o,--output", out,
-                "Output file (default: the envelope's name without its extension)");
+                "Output file (default: the envelope's name without its extension; - for standard "
+                "output)");
   on_run(x, [] { extract(in, out); });
 });
 

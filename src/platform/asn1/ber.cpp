@@ -12,7 +12,8 @@ void MemorySource::read(std::uint64_t offset, void* buffer, std::size_t n) const
   std::memcpy(buffer, data_ + offset, n);
 }
 
-FileSource::FileSource(const std::string& path) : file_(path), size_(file_.size()) {}
+FileSource::FileSource(const std::string& path)
+    : file_(path, InputFile::Streams::Spool), size_(file_.size()) {}
 
 void FileSource::read(std::uint64_t offset, void* buffer, std::size_t n) const {
   if (offset > size_ || n > size_ - offset)

@@ -1,6 +1,7 @@
 #include "platform/runtime/files.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -93,7 +94,92 @@ std::string ExecutableDir() {
   return exe.parent_path().string();
 }
 
-InputFile::InputFile(const std::string& path) : path_(path) {
+FileStamp StampOf(const std::string& path) {
+  struct stat st {};
+  FileStamp out;
+  if (::stat(path.c_str(), &st) != 0) return out;
+  out.exists = true;
+  out.device = st.st_dev;
+  out.inode = st.st_ino;
+  out.size = static_cast<std::uint64_t>(st.st_size);
+  out.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  out.ctime_ns = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+  return out;
+}
+
+std::unique_ptr<FileLock> FileLock::Acquire(const std::string& path,
+                                            std::chrono::milliseconds timeout,
+                                            const std::function<void()>& on_wait) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  // Someone who may only read the folder can still take a lock on an existing file.
+  if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Where no lock file can be made, no writer can replace anything either (read-only media,
+  // a folder without write permission): there is nobody to keep out.
+  if (fd < 0 && (errno == EROFS || errno == EACCES))
+    return std::unique_ptr<FileLock>(new FileLock(-1));
+  if (fd < 0) throw_create(path, errno);
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  bool waited = false;
+  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    int err = errno;
+    if (err == EINTR) continue;
+    if (err != EWOULDBLOCK) {
+      ::close(fd);
+      throw_io("locking", path, err);
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      ::close(fd);
+      return nullptr;
+    }
+    if (!waited && on_wait) on_wait();
+    waited = true;
+    ::usleep(20000);
+  }
+  return std::unique_ptr<FileLock>(new FileLock(fd));
+}
+
+FileLock::~FileLock() {
+  if (fd_ >= 0) ::close(fd_);  // closing the descriptor releases the lock
+}
+
+bool SameFile(const std::string& a, const std::string& b) {
+  struct stat sa {
+  }, sb{};
+  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
+
+namespace {
+// Reads a stream to its end into an anonymous file, which disappears with its descriptor.
+int spool_stream(int in, const std::string& path) {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string dir = (tmp && *tmp) ? tmp : "/tmp";
+  int out = ::open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (out < 0) {
+    std::string name = MakeTempFile("tessarel-input");
+    out = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
+    ::unlink(name.c_str());
+    if (out < 0) throw_create(name, errno);
+  }
+  constexpr std::size_t kChunk = 1 << 16;
+  std::unique_ptr<char[]> buf(new char[kChunk]);
+  try {
+    while (true) {
+      ssize_t n = ::read(in, buf.get(), kChunk);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) throw_io("reading", path, errno);
+      if (n == 0) break;
+      write_all(out, buf.get(), static_cast<std::size_t>(n), "a temporary copy of " + path);
+    }
+  } catch (...) {
+    ::close(out);
+    throw;
+  }
+  return out;
+}
+}  // namespace
+
+InputFile::InputFile(const std::string& path, Streams streams) : path_(path) {
   fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd_ < 0) throw_open(path, errno);
   struct stat st {};
@@ -101,6 +187,18 @@ InputFile::InputFile(const std::string& path) : path_(path) {
     ::close(fd_);
     fd_ = -1;
     throw_open(path, EISDIR);
+  }
+  if (streams == Streams::Spool && !S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
+    int spooled = -1;
+    try {
+      spooled = spool_stream(fd_, path);
+    } catch (...) {
+      ::close(fd_);
+      fd_ = -1;
+      throw;
+    }
+    ::close(fd_);
+    fd_ = spooled;
   }
 }
 
@@ -212,6 +310,64 @@ void AtomicFileWriter::commit(bool durable) {
   if (!durable) return;
   std::string dir = ExtractFileDir(target_);
   SyncDirectory(dir.empty() ? "." : dir);
+}
+
+OutputReplacement::OutputReplacement(const std::string& target) : target_(target) {
+  std::string path = target;
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    // The link stays; the file it names gets the content.
+    std::error_code ec;
+    auto resolved = std::filesystem::canonical(path, ec);
+    if (!ec) path = resolved.string();
+  }
+  bool exists = ::stat(path.c_str(), &st) == 0;
+  if (exists && S_ISDIR(st.st_mode)) throw_create(target, EISDIR);
+  if (!exists && ::lstat(path.c_str(), &st) == 0) {
+    // A link that names nothing yet: writing through it creates its target.
+    in_place_fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (in_place_fd_ < 0) throw_create(target, errno);
+    return;
+  }
+  if (!exists || (S_ISREG(st.st_mode) && st.st_nlink == 1)) {
+    atomic_ = std::make_unique<AtomicFileWriter>(path);
+    if (exists) {
+      // The replacement keeps what the user set on the file it replaces.
+      if (::fchown(atomic_->fd(), st.st_uid, st.st_gid) != 0 && errno != EPERM)
+        throw_create(target, errno);
+      if (::fchmod(atomic_->fd(), st.st_mode & 07777) != 0) throw_create(target, errno);
+    }
+    return;
+  }
+  // Devices, FIFOs and hard-linked files are written where they are.
+  int flags = O_WRONLY | O_CLOEXEC | (S_ISREG(st.st_mode) ? O_TRUNC : 0);
+  in_place_fd_ = ::open(path.c_str(), flags);
+  if (in_place_fd_ < 0) throw_create(target, errno);
+}
+
+OutputReplacement::~OutputReplacement() {
+  if (in_place_fd_ >= 0) ::close(in_place_fd_);
+}
+
+void OutputReplacement::write(const void* data, std::size_t n) {
+  if (atomic_)
+    atomic_->write(data, n);
+  else
+    write_all(in_place_fd_, data, n, target_);
+}
+
+int OutputReplacement::fd() const {
+  return atomic_ ? atomic_->fd() : in_place_fd_;
+}
+
+void OutputReplacement::commit() {
+  if (atomic_) {
+    atomic_->commit(false);
+    return;
+  }
+  int fd = in_place_fd_;
+  in_place_fd_ = -1;
+  if (fd >= 0 && ::close(fd) != 0) throw_io("writing", target_, errno);
 }
 
 void SyncDirectory(const std::string& dir) {

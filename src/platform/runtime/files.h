@@ -4,8 +4,11 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "tessarel/types.h"
@@ -27,11 +30,47 @@ std::string ExtractFileExt(const std::string& path);   // "a/b.txt" -> ".txt"
 std::string RemoveLastExt(const std::string& path);
 std::string ExecutableDir();
 
+// Same file (device and inode), symbolic links followed; false when either is missing.
+bool SameFile(const std::string& a, const std::string& b);
+
+// What a file is on disk right now: a replacement by rename or any write changes it.
+struct FileStamp {
+  bool exists = false;
+  std::uint64_t device = 0, inode = 0, size = 0;
+  std::int64_t mtime_ns = 0, ctime_ns = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+FileStamp StampOf(const std::string& path);
+
+// An exclusive advisory lock (flock) on a lock file, created when missing. The kernel
+// releases it when the process ends, however it ends.
+class FileLock {
+ public:
+  // Waits at most timeout for the lock; on_wait is called once when it must wait. Returns
+  // null when the timeout passes. EFCreateError when the lock file cannot be opened.
+  static std::unique_ptr<FileLock> Acquire(const std::string& path,
+                                           std::chrono::milliseconds timeout,
+                                           const std::function<void()>& on_wait = {});
+  ~FileLock();
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+ private:
+  explicit FileLock(int fd) : fd_(fd) {}
+  int fd_;
+};
+
 // A file opened read-only: what is only read must be readable from read-only media.
 class InputFile {
  public:
+  // What to do with an input that is not a regular file (a pipe, a terminal, a socket).
+  enum class Streams {
+    AsIs,   // read it as it comes; size() is 0
+    Spool,  // read it to its end into an anonymous temporary file first, so that the
+            // size and random access that readers of envelopes need work as for a file
+  };
   // EFOpenError naming the path and the reason when the file cannot be opened.
-  explicit InputFile(const std::string& path);
+  explicit InputFile(const std::string& path, Streams streams = Streams::AsIs);
   ~InputFile();
   InputFile(const InputFile&) = delete;
   InputFile& operator=(const InputFile&) = delete;
@@ -97,6 +136,28 @@ class AtomicFileWriter {
   std::string temp_;
   int fd_ = -1;
   bool committed_ = false;
+};
+
+// Writes an output the way a user expects a named file to be written: a new path, or a
+// regular file with a single link, is replaced atomically on commit (keeping the existing
+// file's mode and owner); a symbolic link is followed to the file it names; anything else
+// (a device, a FIFO, a file with several hard links) is written into as it is.
+class OutputReplacement {
+ public:
+  explicit OutputReplacement(const std::string& target);
+  ~OutputReplacement();
+  OutputReplacement(const OutputReplacement&) = delete;
+  OutputReplacement& operator=(const OutputReplacement&) = delete;
+
+  void write(const void* data, std::size_t n);
+  int fd() const;
+  // Puts the new content in place (only closes an output written where it is).
+  void commit();
+
+ private:
+  std::string target_;
+  std::unique_ptr<AtomicFileWriter> atomic_;
+  int in_place_fd_ = -1;
 };
 
 Bytes ReadFileBytes(const std::string& path);

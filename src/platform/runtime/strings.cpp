@@ -114,4 +114,64 @@ std::int64_t StrToInt(std::string_view s) {
   return value;
 }
 
+bool decode_utf8(std::string_view s, std::u32string& out) {
+  out.clear();
+  for (std::size_t i = 0; i < s.size();) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    int extra = c < 0x80             ? 0
+                : (c & 0xE0) == 0xC0 ? 1
+                : (c & 0xF0) == 0xE0 ? 2
+                : (c & 0xF8) == 0xF0 ? 3
+                                     : -1;
+    if (extra < 0 || s.size() - i <= static_cast<std::size_t>(extra)) return false;
+    char32_t cp = extra == 0 ? c : c & (0x3Fu >> extra);
+    for (int k = 1; k <= extra; ++k) {
+      unsigned char t = static_cast<unsigned char>(s[i + static_cast<std::size_t>(k)]);
+      if ((t & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (t & 0x3F);
+    }
+    static const char32_t kMin[] = {0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    out.push_back(cp);
+    i += static_cast<std::size_t>(extra) + 1;
+  }
+  return true;
+}
+
+bool is_utf8(std::string_view s) {
+  std::u32string ignored;
+  return decode_utf8(s, ignored);
+}
+
+void append_utf8(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out.push_back(static_cast<char>(cp));
+  } else if (cp < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else if (cp < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  }
+}
+
+std::string latin1_to_utf8(std::string_view s) {
+  std::string out;
+  out.reserve(s.size());
+  for (unsigned char c : s)
+    append_utf8(out, c);
+  return out;
+}
+
+bool is_xml_char(char32_t cp) {
+  return cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
+         (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
+}
+
 }  // namespace tessarel

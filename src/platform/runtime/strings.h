@@ -38,6 +38,16 @@ std::string trim(std::string_view s);
 bool starts_with(std::string_view s, std::string_view prefix);
 bool ends_with(std::string_view s, std::string_view suffix);
 std::string join(const std::vector<std::string>& parts, std::string_view sep);
+// UTF-8. decode_utf8 gives the code points of well-formed UTF-8 (no overlong forms, no
+// surrogates, nothing past U+10FFFF), or false.
+bool decode_utf8(std::string_view s, std::u32string& out);
+bool is_utf8(std::string_view s);
+void append_utf8(std::string& out, char32_t cp);
+// Bytes of a single-byte character set taken as Latin-1 (each byte is its code point).
+std::string latin1_to_utf8(std::string_view s);
+// A character that XML 1.0 allows in a document.
+bool is_xml_char(char32_t cp);
+
 // Whole-text integer conversion as the runtime does it (optional sign, decimal digits,
 // surrounding blanks refused); EConvertError "'x' is not a valid integer value" otherwise.
 std::int64_t StrToInt(std::string_view s);

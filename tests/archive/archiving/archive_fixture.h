@@ -30,12 +30,14 @@ class ArchiveFixture : public ::testing::Test {
     return dir_ / ("in/" + name);
   }
   std::string at(const std::string& relative) const { return arch_ + "/" + relative; }
-  // Files below the archive folder (relative paths), temporary files included.
+  // Files below the archive folder (relative paths), temporary files included; not the
+  // archive's lock file, which stays once an engine has opened the archive.
   std::vector<std::string> tree() const {
     std::vector<std::string> out;
     if (!std::filesystem::exists(arch_)) return out;
     for (auto& e : std::filesystem::recursive_directory_iterator(arch_))
-      if (e.is_regular_file()) out.push_back(std::filesystem::relative(e.path(), arch_).string());
+      if (e.is_regular_file() && e.path().filename() != "index.xml.lock")
+        out.push_back(std::filesystem::relative(e.path(), arch_).string());
     std::sort(out.begin(), out.end());
     return out;
   }

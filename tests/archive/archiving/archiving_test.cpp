@@ -104,22 +104,24 @@ TEST_F(Archiving, CollisionChoices) {
 
 TEST_F(Archiving, CancelStopsAndIsRememberedTheCloseBoxKeepsTheSelection) {
   std::string f = input("doc.txt", "v1");
-  TSignEArchivia e;
-  e.ApriIndice(arch_, "0A2C", false);
-  e.ArchiviaFile(f, "", "", "Contratti", march_);
-  test::write_file(f, "v2");
-  ui_->answer_overwrite(4);
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    try {
-      e.ArchiviaFile(f, "", "", "Contratti", march_);
-      FAIL() << "no cancellation";
-    } catch (const Exception& ex) {
-      EXPECT_STREQ(ex.what(), "Operazione Annullata");
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(f, "", "", "Contratti", march_);
+    test::write_file(f, "v2");
+    ui_->answer_overwrite(4);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      try {
+        e.ArchiviaFile(f, "", "", "Contratti", march_);
+        FAIL() << "no cancellation";
+      } catch (const Exception& ex) {
+        EXPECT_STREQ(ex.what(), "Operazione Annullata");
+      }
     }
-  }
-  EXPECT_EQ(ui_->shown.size(), 1u);  // the second collision was cancelled without asking
-  EXPECT_EQ(test::read_file(at("Contratti/2021/03/doc.txt")), "v1");
-  EXPECT_EQ(e.collision_action(), 4);
+    EXPECT_EQ(ui_->shown.size(), 1u);  // the second collision was cancelled without asking
+    EXPECT_EQ(test::read_file(at("Contratti/2021/03/doc.txt")), "v1");
+    EXPECT_EQ(e.collision_action(), 4);
+  }  // the engine's end frees the archive for the next one
 
   TSignEArchivia again;
   again.ApriIndice(arch_, "0A2C", false);  // opening resets the remembered answer

@@ -184,6 +184,7 @@ TEST_F(Index, AnUnwritableIndexIsReportedAndTheOldOneStays) {
   e.add_record("Contratti", "a.xml");
   e.ChiudiIndice();
   std::string before = test::read_file(index());
+  e.ApriIndice(arch_, "1D0C", false);
   e.add_record("Contratti", "b.xml");
   // The folder becomes a place where nothing can be created: make index.xml's folder a
   // read-only mount point stand-in by replacing the path with a directory of that name.
