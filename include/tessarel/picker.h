@@ -24,7 +24,7 @@ namespace tessarel {
 class TESSAREL_API TfrmSelWinCert {
  public:
   static constexpr const char* kCaption = "Seleziona certificato";
-  static constexpr const char* kLabel1 = "Certificati installati in Windows (MY Storage)";
+  static constexpr const char* kLabel1 = "Certificati installati in Tessarel (MY Storage)";
   static constexpr const char* kLbPrivateKey = "Ha chiave privata: ";
   static constexpr const char* kLbUsage = "Utilizzo del certificato: ";
   static constexpr const char* kRemoveItem = "Rimuovi Certificato";

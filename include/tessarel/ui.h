@@ -1,6 +1,6 @@
 // The user interface seen by the library. Every dialog and message goes through the Ui
 // installed with setUi(); a host that installs nothing gets the front end named by the
-// TESSAREL_UI environment variable ("terminal", "none"), else "none", which never blocks.
+// TESSAREL_UI environment variable ("auto", "qt", "terminal", "none"), else "auto".
 #ifndef TESSAREL_UI_H
 #define TESSAREL_UI_H
 
@@ -50,9 +50,16 @@ class TESSAREL_API Ui {
 TESSAREL_API void setUi(std::shared_ptr<Ui> ui);
 // The Ui in use.
 TESSAREL_API Ui& currentUi();
-// A built-in front end by name: "none", "terminal" (prompts on /dev/tty; falls back to
-// "none" when there is no terminal). Unknown names and "qt" in a build without Qt give
-// "none" with a warning.
+// A front end by name:
+//   "auto"     desktop dialogs when a display is available (WAYLAND_DISPLAY or DISPLAY) and
+//              the Qt front end (libtessarel-qt) is installed; else the terminal when
+//              standard input is one; else "none".
+//   "qt"       desktop dialogs; parented to the host's active window when the host runs a
+//              QApplication, else in a private one. When no display can be used it says why
+//              once on stderr and falls back as "auto" would without a display.
+//   "terminal" prompts on /dev/tty; "none" when there is no terminal.
+//   "none"     never asks: every dialog ends as if closed without an answer.
+// Unknown names give "none" with a warning.
 TESSAREL_API std::shared_ptr<Ui> make_ui(const std::string& name);
 
 }  // namespace tessarel

@@ -90,6 +90,9 @@ class TESSAREL_API TfrmGenerateCert {
   int cbCountryIndex = -1;
   // Selects a country by its displayed name; false (and nothing changes) when it is not listed.
   bool select_country(const std::string& name);
+  // Indexes of the entries whose name starts with prefix (letters compared without case),
+  // in list order; an empty prefix matches nothing.
+  std::vector<int> countries_starting_with(const std::string& prefix) const;
   std::string country_text() const;
   // Validity period (dates; the time part is ignored). Clamped to the pickers' range.
   void set_dtpFrom(DateTime d);

@@ -142,6 +142,15 @@ bool TfrmGenerateCert::select_country(const std::string& name) {
   return false;
 }
 
+std::vector<int> TfrmGenerateCert::countries_starting_with(const std::string& prefix) const {
+  std::vector<int> out;
+  if (prefix.empty()) return out;
+  const std::string p = lower_ascii(prefix);
+  for (std::size_t i = 0; i < cbCountryItems.size(); ++i)
+    if (lower_ascii(cbCountryItems[i]).rfind(p, 0) == 0) out.push_back(static_cast<int>(i));
+  return out;
+}
+
 std::string TfrmGenerateCert::country_text() const {
   if (cbCountryIndex < 0 || cbCountryIndex >= static_cast<int>(cbCountryItems.size())) return "";
   return cbCountryItems[static_cast<std::size_t>(cbCountryIndex)];

@@ -10,8 +10,8 @@
 
 #include "certgen/wizard_internal.h"
 #include "platform/runtime/datetime.h"
-#include "platform/ui/scripted_ui.h"
-#include "platform/ui/terminal_ui.h"
+#include "frontends/scripted_ui.h"
+#include "frontends/terminal_ui.h"
 #include "tessarel/exports.h"
 #include "tessarel/sign_e_archivia.h"
 #include "tessarel/wizard.h"

@@ -8,7 +8,7 @@
 #include "cms/cms_verify.h"
 #include "cms_support.h"
 #include "platform/crypto/digest.h"
-#include "platform/ui/scripted_ui.h"
+#include "frontends/scripted_ui.h"
 
 namespace tessarel {
 namespace {

@@ -10,7 +10,7 @@
 #include "cms_support.h"
 #include "platform/asn1/der.h"
 #include "platform/runtime/datetime.h"
-#include "platform/ui/scripted_ui.h"
+#include "frontends/scripted_ui.h"
 
 namespace tessarel {
 namespace {

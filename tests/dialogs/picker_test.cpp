@@ -9,8 +9,8 @@
 #include <cstring>
 #include <thread>
 
-#include "platform/ui/scripted_ui.h"
-#include "platform/ui/terminal_ui.h"
+#include "frontends/scripted_ui.h"
+#include "frontends/terminal_ui.h"
 #include "tessarel/exports.h"
 #include "tessarel/picker.h"
 #include "test_support.h"

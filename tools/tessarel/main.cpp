@@ -104,8 +104,9 @@ void install_ui() {
   std::string name = globals().ui;
   if (name.empty()) {
     const char* env = std::getenv("TESSAREL_UI");
-    // Never wait for an answer that cannot come: without a terminal on stdin, no prompts.
-    name = env && *env ? env : (isatty(0) ? "terminal" : "none");
+    // "auto" never waits for an answer that cannot come: without a display or a terminal on
+    // stdin, no prompts.
+    name = env && *env ? env : "auto";
   }
   setUi(std::make_shared<CliUi>(make_ui(name)));
 }
@@ -158,8 +159,9 @@ int main(int argc, char** argv) {
       "--store", globals().store,
       "Certificate store folder (default: $TESSAREL_STORE, else ~/.local/share/tessarel/MY)");
   app.add_option("--ui", globals().ui,
-                 "Dialogs: none, terminal or qt (default: terminal on a terminal, else none)")
-      ->check(CLI::IsMember({"none", "terminal", "qt"}));
+                 "Dialogs: auto, qt, terminal or none (default: $TESSAREL_UI, else auto: "
+                 "desktop dialogs on a display, else the terminal when stdin is one, else none)")
+      ->check(CLI::IsMember({"auto", "none", "terminal", "qt"}));
   app.add_flag("--json", globals().json, "Structured output as JSON where the command has any");
   app.add_flag("-q,--quiet", globals().quiet, "No progress or informational messages");
 

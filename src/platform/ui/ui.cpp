@@ -1,11 +1,9 @@
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
 #include "platform/runtime/strings.h"
-#include "platform/runtime/warnings.h"
+#include "platform/ui/default_ui.h"
 #include "platform/ui/none_ui.h"
-#include "platform/ui/terminal_ui.h"
 #include "tessarel/ui.h"
 
 namespace tessarel {
@@ -74,19 +72,15 @@ std::shared_ptr<Ui>& installed() {
   static std::shared_ptr<Ui> ui;
   return ui;
 }
+DefaultUiFactory& default_factory() {
+  static DefaultUiFactory f = nullptr;
+  return f;
+}
 }  // namespace
 
-std::shared_ptr<Ui> make_ui(const std::string& name) {
-  if (name.empty() || name == "none") return std::make_shared<NoneUi>();
-  if (name == "terminal") {
-    if (auto t = TerminalUi::open()) return t;
-    return std::make_shared<NoneUi>();
-  }
-  if (name == "qt")
-    warn("this build has no Qt front end; dialogs are answered as if cancelled");
-  else
-    warn("unknown user interface '" + name + "'; dialogs are answered as if cancelled");
-  return std::make_shared<NoneUi>();
+void register_default_ui_factory(DefaultUiFactory factory) {
+  std::lock_guard lock(ui_mutex());
+  default_factory() = factory;
 }
 
 void setUi(std::shared_ptr<Ui> ui) {
@@ -98,8 +92,8 @@ Ui& currentUi() {
   std::lock_guard lock(ui_mutex());
   auto& ui = installed();
   if (!ui) {
-    const char* env = std::getenv("TESSAREL_UI");
-    ui = make_ui(env ? env : "none");
+    DefaultUiFactory f = default_factory();
+    ui = f ? f() : std::make_shared<NoneUi>();
   }
   return *ui;
 }

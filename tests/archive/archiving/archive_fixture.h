@@ -7,7 +7,7 @@
 
 #include "archive/sign_e_archivia.h"
 #include "platform/runtime/datetime.h"
-#include "platform/ui/scripted_ui.h"
+#include "frontends/scripted_ui.h"
 #include "tessarel/archive.h"
 #include "test_support.h"
 

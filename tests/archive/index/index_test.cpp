@@ -11,7 +11,7 @@
 
 #include "index_support.h"
 #include "platform/runtime/datetime.h"
-#include "platform/ui/scripted_ui.h"
+#include "frontends/scripted_ui.h"
 #include "xmlsig/xml_signature.h"
 
 namespace tessarel {

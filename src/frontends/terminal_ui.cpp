@@ -1,4 +1,4 @@
-#include "platform/ui/terminal_ui.h"
+#include "frontends/terminal_ui.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -323,16 +323,39 @@ void TerminalUi::certificate_wizard(TfrmGenerateCert& w) {
         ok = ask(std::string("* ") + W::kLabelCommonName, w.edtCommonName) &&
              ask(std::string("* ") + W::kLabelLocality, w.edtLocality) &&
              ask(std::string("  ") + W::kLabelState, w.edtState);
+        std::vector<int> offered;  // the names listed after an ambiguous prefix
         while (ok) {
           write(std::string("* ") + W::kLabelCountry + " [" + w.country_text() + "]: ");
           auto line = read_line();
           if (!line) {
             ok = false;
-          } else if (line->empty() || w.select_country(*line)) {
             break;
-          } else {
-            write("  (not in the list: type a country name exactly as listed, e.g. Italia)\n");
           }
+          std::string a = trim(*line);
+          if (a.empty() || w.select_country(a)) break;
+          if (!offered.empty() && !a.empty() && a.find_first_not_of("0123456789") == a.npos &&
+              a.size() < 4) {
+            std::size_t n = std::stoul(a);
+            if (n >= 1 && n <= offered.size()) {
+              w.cbCountryIndex = offered[n - 1];
+              break;
+            }
+          }
+          offered = w.countries_starting_with(a);
+          if (offered.size() == 1) {
+            w.cbCountryIndex = offered.front();
+            write("  " + w.country_text() + "\n");
+            break;
+          }
+          if (offered.empty()) {
+            write("  (no country starts with \"" + a + "\")\n");
+            continue;
+          }
+          std::string list;
+          for (std::size_t i = 0; i < offered.size(); ++i)
+            list += "  [" + std::to_string(i + 1) + "] " +
+                    w.cbCountryItems[static_cast<std::size_t>(offered[i])] + "\n";
+          write(list + "  (type a number, or more letters)\n");
         }
         ok = ok && ask(std::string("* ") + W::kLabelOrganization, w.edtOrganization) &&
              ask(std::string("* ") + W::kLabelEmail, w.EdtEmail) && navigate(w.NextEnabled());

@@ -1,4 +1,4 @@
-#include "platform/ui/scripted_ui.h"
+#include "frontends/scripted_ui.h"
 
 #include "tessarel/picker.h"
 #include "tessarel/types.h"

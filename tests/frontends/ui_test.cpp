@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "platform/ui/none_ui.h"
-#include "platform/ui/scripted_ui.h"
-#include "platform/ui/terminal_ui.h"
+#include "frontends/scripted_ui.h"
+#include "frontends/terminal_ui.h"
 #include "test_support.h"
 
 namespace tessarel {

@@ -1,0 +1,517 @@
+// The desktop dialogs driven by keyboard and mouse on the offscreen platform, through the
+// paths a host takes: the exported entry points and the engine's dialogs via the installed
+// Ui. Results are held to the same expectations as the terminal front end's.
+#include <QComboBox>
+#include <QContextMenuEvent>
+#include <QDateEdit>
+#include <QDialog>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMainWindow>
+#include <QMenu>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QStackedWidget>
+#include <QTest>
+#include <QTreeWidget>
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "qt/drive.h"
+#include "qt_support.h"
+
+namespace tessarel {
+namespace {
+
+using namespace std::chrono_literals;
+using qt::control;
+using qt::when_shown;
+
+std::string run_shell(const std::string& command) {
+  std::string out;
+  FILE* p = popen(command.c_str(), "r");
+  if (!p) return out;
+  char buf[4096];
+  std::size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+    out.append(buf, n);
+  pclose(p);
+  return out;
+}
+
+class QtDialogs : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    static qt_test::TempFolder env;
+    qt_test::private_environment(env.path());
+    setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    static int argc = 1;
+    static char arg0[] = "qt_dialogs_test";
+    static char* argv[] = {arg0, nullptr};
+    if (!qApp) new QApplication(argc, argv);
+  }
+  void SetUp() override {
+    set_store_location(dir_.path() + "/MY");
+    ui_ = make_ui("qt");
+    ASSERT_STREQ(ui_->name(), "qt");
+    setUi(ui_);
+  }
+  void TearDown() override { setUi(nullptr); }
+
+  Certificate add_certificate(const std::string& cn) {
+    NewCertificateOptions o;
+    o.common_name = cn;
+    o.key = KeyKind::Ec;
+    return CreateSelfSignedCertificate(o, *personal_store());
+  }
+  // A certificate made by openssl whose key usage lacks non-repudiation.
+  Certificate add_openssl_certificate_without_non_repudiation() {
+    const std::string d = dir_.path();
+    std::string cmd = "cd '" + d +
+                      "' && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+                      "-keyout k.pem -out c.pem -subj /CN=Senza -days 30 "
+                      "-addext keyUsage=digitalSignature 2>/dev/null && "
+                      "openssl pkcs12 -export -in c.pem -inkey k.pem -passout pass:pw -out x.p12 "
+                      "&& echo ok";
+    EXPECT_EQ(run_shell(cmd), "ok\n");
+    std::ifstream f(d + "/x.p12", std::ios::binary);
+    Bytes pfx((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    return import_pkcs12(*personal_store(), pfx, "pw");
+  }
+  static std::string pick(bool show_ca) {
+    char* result = strdup("kept");
+    SelezionaCertificato(&result, show_ca);
+    std::string out = result;
+    std::free(result);
+    return out;
+  }
+  static void click(QWidget* w) { QTest::mouseClick(w, Qt::LeftButton); }
+  // Types text key by key; characters without a key of their own arrive as text, the way
+  // an input method delivers them.
+  static void type(QWidget* w, const QString& text) {
+    for (QChar ch : text) {
+      if (ch.unicode() < 0x80)
+        QTest::keyClick(w, static_cast<char>(ch.unicode()));
+      else
+        QTest::sendKeyEvent(QTest::Click, w, Qt::Key_unknown, QString(ch), Qt::NoModifier);
+    }
+  }
+  static void click_row(QTreeWidget* list, int row) {
+    QRect r = list->visualItemRect(list->topLevelItem(row));
+    QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, r.center());
+  }
+  static QString panel_text(QWidget* form, const char* name) {
+    return control<QLabel>(form, name)->text();
+  }
+
+  qt_test::TempFolder dir_;
+  std::shared_ptr<Ui> ui_;
+};
+
+TEST_F(QtDialogs, PasswordIsTypedMaskedAndEnterInTheFieldConfirms) {
+  TPasswordRequestForm form;
+  bool masked = false, escape_kept_open = false, fixed = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* edit = control<QLineEdit>(d, "edtPassword");
+    masked = edit->echoMode() == QLineEdit::Password && edit->hasFocus();
+    fixed = d->minimumSize() == QSize(306, 72) && d->maximumSize() == QSize(306, 72);
+    QTest::keyClicks(edit, "hunter2 secret");
+    QTest::keyClick(edit, Qt::Key_Escape);
+    escape_kept_open = d->isVisible();
+    QTest::keyClick(edit, Qt::Key_Return);
+  });
+  EXPECT_EQ(ui_->password(form), ModalResult::Ok);
+  EXPECT_EQ(form.edtPassword, "hunter2 secret");
+  EXPECT_TRUE(masked);
+  EXPECT_TRUE(escape_kept_open) << "Escape is not a cancel key on the password form";
+  EXPECT_TRUE(fixed) << "the password form must not be resizable";
+
+  TPasswordRequestForm cancelled;
+  when_shown<QDialog>([&](QDialog* d) {
+    QTest::keyClicks(control<QLineEdit>(d, "edtPassword"), "typed");
+    click(control<QPushButton>(d, "btnCancel"));
+  });
+  EXPECT_EQ(ui_->password(cancelled), ModalResult::Cancel);
+  EXPECT_EQ(cancelled.edtPassword, "") << "a cancelled form hands no password over";
+
+  TPasswordRequestForm closed;
+  when_shown<QDialog>([](QDialog* d) { d->close(); });
+  EXPECT_EQ(ui_->password(closed), ModalResult::Cancel);
+}
+
+TEST_F(QtDialogs, EveryOverwriteItemCanBeChosenAndTheCloseBoxKeepsTheSelection) {
+  for (int item = 0; item < 5; ++item) {
+    TSignFileOverriteDlg dlg;
+    QString text;
+    when_shown<QDialog>([&](QDialog* d) {
+      auto* radio = control<QRadioButton>(d, QStringLiteral("RadioGroup1_%1").arg(item).toLatin1());
+      text = radio->text();
+      click(radio);
+      click(control<QPushButton>(d, "OKBtn"));
+    });
+    ui_->overwrite_choice(dlg);
+    EXPECT_EQ(dlg.ItemIndex, item);
+    EXPECT_EQ(dlg.modal_result(), ModalResult::Ok);
+    EXPECT_EQ(text.toStdString(), TSignFileOverriteDlg::kItems[static_cast<std::size_t>(item)]);
+  }
+  TSignFileOverriteDlg untouched;
+  bool first_checked = false, escape_kept_open = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    first_checked = control<QRadioButton>(d, "RadioGroup1_0")->isChecked();
+    QTest::keyClick(d, Qt::Key_Escape);
+    escape_kept_open = d->isVisible();
+    d->close();
+  });
+  ui_->overwrite_choice(untouched);
+  EXPECT_TRUE(first_checked);
+  EXPECT_TRUE(escape_kept_open);
+  EXPECT_EQ(untouched.ItemIndex, 0);
+
+  TSignFileOverriteDlg changed_then_closed;
+  when_shown<QDialog>([&](QDialog* d) {
+    click(control<QRadioButton>(d, "RadioGroup1_3"));
+    d->close();
+  });
+  ui_->overwrite_choice(changed_then_closed);
+  EXPECT_EQ(changed_then_closed.ItemIndex, 3) << "the selection left by the close box counts";
+}
+
+TEST_F(QtDialogs, RecordDeletionTakesATypedIdAndAListedTypeAndEscapeCancels) {
+  TSignCancRegDlg dlg;
+  dlg.ComboBox1 = {"Contratti", "Fatture"};
+  dlg.ItemIndex = 0;
+  bool editable = true;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* combo = control<QComboBox>(d, "ComboBox1");
+    editable = combo->isEditable();
+    QTest::keyClicks(control<QLineEdit>(d, "Edit1"), "12");
+    QTest::keyClick(combo, Qt::Key_Down);
+    click(control<QPushButton>(d, "OKBtn"));
+  });
+  EXPECT_EQ(ui_->record_deletion(dlg), ModalResult::Ok);
+  EXPECT_EQ(dlg.Edit1, "12");
+  EXPECT_EQ(dlg.selected_type(), "Fatture");
+  EXPECT_FALSE(editable) << "the type is chosen from the list only";
+
+  TSignCancRegDlg escaped;
+  escaped.ComboBox1 = {"Contratti"};
+  escaped.ItemIndex = 0;
+  when_shown<QDialog>([&](QDialog* d) {
+    QTest::keyClicks(control<QLineEdit>(d, "Edit1"), "3");
+    QTest::keyClick(control<QLineEdit>(d, "Edit1"), Qt::Key_Escape);
+  });
+  EXPECT_EQ(ui_->record_deletion(escaped), ModalResult::Cancel);
+}
+
+TEST_F(QtDialogs, ThePickerReturnsTheChosenIdentifierAndWarnsOnceWithoutNonRepudiation) {
+  add_certificate("Primo");
+  Certificate second = add_certificate("Secondo");
+  Certificate senza = add_openssl_certificate_without_non_repudiation();
+
+  QStringList first_row;
+  QString usage, key, usage_before;
+  bool enter_escape_kept_open = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* list = control<QTreeWidget>(d, "lvCerificates");
+    usage_before = panel_text(d, "dlbUsage");
+    for (int c = 0; c < list->columnCount(); ++c)
+      first_row << list->topLevelItem(0)->text(c);
+    click_row(list, 1);
+    usage = panel_text(d, "dlbUsage");
+    key = panel_text(d, "dlbPrivateKey");
+    QTest::keyClick(list, Qt::Key_Return);
+    QTest::keyClick(list, Qt::Key_Escape);
+    enter_escape_kept_open = d->isVisible();
+    click(control<QPushButton>(d, "btnOK"));
+  });
+  EXPECT_EQ(pick(false), second.id());
+  EXPECT_EQ(usage_before, "None");
+  EXPECT_EQ(key, "Available");
+  EXPECT_EQ(usage, "Digital Signitare, Non-repudiation");
+  EXPECT_TRUE(enter_escape_kept_open) << "Enter and Escape must not close the picker";
+  ASSERT_EQ(first_row.size(), 6);
+  EXPECT_EQ(first_row[1], "Primo");
+  EXPECT_EQ(first_row[5], "Yes");
+
+  // The certificate without non-repudiation: one plain warning, then OK still counts.
+  int warnings = 0;
+  QString warning_text;
+  when_shown<QDialog>([&](QDialog* d) {
+    click_row(control<QTreeWidget>(d, "lvCerificates"), 2);
+    when_shown<QMessageBox>([&](QMessageBox* box) {
+      ++warnings;
+      warning_text = box->text();
+      EXPECT_EQ(box->icon(), QMessageBox::NoIcon);
+      box->button(QMessageBox::Ok)->click();
+    });
+    click(control<QPushButton>(d, "btnOK"));
+  });
+  EXPECT_EQ(pick(false), senza.id());
+  EXPECT_EQ(warnings, 1);
+  EXPECT_EQ(warning_text.toStdString(), TfrmSelWinCert::kNonRepudiationWarning);
+
+  // Cancel, the close box, and OK with nothing selected leave the caller's result alone.
+  when_shown<QDialog>([&](QDialog* d) { click(control<QPushButton>(d, "btnCancel")); });
+  EXPECT_EQ(pick(false), "kept");
+  when_shown<QDialog>([&](QDialog* d) { d->close(); });
+  EXPECT_EQ(pick(false), "kept");
+  when_shown<QDialog>([&](QDialog* d) { click(control<QPushButton>(d, "btnOK")); });
+  EXPECT_EQ(pick(false), "kept");
+}
+
+TEST_F(QtDialogs, RemovingACertificateFromThePickerTakesItOutOfTheStore) {
+  add_certificate("Resta");
+  Certificate gone = add_certificate("Va via");
+  int rows_after = -1;
+  QString key_after, usage_after;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* list = control<QTreeWidget>(d, "lvCerificates");
+    click_row(list, 1);
+    QPoint at = list->visualItemRect(list->topLevelItem(1)).center();
+    QContextMenuEvent menu_event(QContextMenuEvent::Mouse, at, list->viewport()->mapToGlobal(at));
+    QApplication::sendEvent(list->viewport(), &menu_event);
+    auto* menu = d->findChild<QMenu*>("PopupMenu1");
+    ASSERT_TRUE(menu && menu->isVisible());
+    QAction* remove = menu->actions().value(0);
+    ASSERT_TRUE(remove);
+    EXPECT_EQ(remove->text().toStdString(), TfrmSelWinCert::kRemoveItem);
+    QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(remove).center());
+    rows_after = list->topLevelItemCount();
+    key_after = panel_text(d, "dlbPrivateKey");
+    usage_after = panel_text(d, "dlbUsage");
+    click(control<QPushButton>(d, "btnOK"));
+  });
+  EXPECT_EQ(pick(false), "kept") << "after a removal nothing is selected";
+  EXPECT_EQ(rows_after, 1);
+  EXPECT_EQ(key_after, "None");
+  EXPECT_EQ(usage_after, "None");
+  auto left = open_store(dir_.path() + "/MY")->certificates();
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_NE(left.front().id(), gone.id());
+}
+
+TEST_F(QtDialogs, TheWizardIsWalkedByTypingAndStoresTheCertificate) {
+  std::vector<std::string> messages;
+  auto answer_message = [&] {
+    when_shown<QMessageBox>([&](QMessageBox* box) {
+      messages.push_back(box->text().toStdString());
+      box->button(QMessageBox::Ok)->click();
+    });
+  };
+  bool back_disabled = true, next_disabled_on_generate = false;
+  QString banner;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* next = control<QPushButton>(d, "btnNext");
+    auto* pages = control<QStackedWidget>(d, "pcMain");
+    banner = control<QLabel>(d, "lblInfo")->text();
+    // Nothing typed: refused, the page stays.
+    answer_message();
+    click(next);
+    EXPECT_EQ(pages->currentIndex(), 0);
+    QTest::keyClicks(control<QLineEdit>(d, "edtCommonName"), "Lucia Neri");
+    type(control<QLineEdit>(d, "edtLocality"), QStringLiteral("Forlì"));
+    // The province may stay empty; the e-mail address may not.
+    QTest::keyClicks(control<QLineEdit>(d, "edtOrganization"), "Studio Neri");
+    answer_message();
+    click(next);
+    EXPECT_EQ(pages->currentIndex(), 0);
+    auto* country = control<QComboBox>(d, "cbCountry");
+    EXPECT_EQ(country->currentText(), "Italia");
+    QTest::keyClicks(country, "Germany");  // "German" alone finds the older entry first
+    QTest::keyClicks(control<QLineEdit>(d, "EdtEmail"), "lucia@example.org");
+    QTest::keyClick(control<QLineEdit>(d, "EdtEmail"), Qt::Key_Return);  // Next is the default
+    EXPECT_EQ(pages->currentIndex(), 1);
+    back_disabled = back_disabled && !control<QPushButton>(d, "btnBack")->isEnabled();
+    // A period that ends before it starts is refused.
+    auto* from = control<QDateEdit>(d, "dtpFrom");
+    auto* to = control<QDateEdit>(d, "dtpTo");
+    QDate start = from->date();
+    to->setDate(start.addDays(-1));
+    answer_message();
+    click(next);
+    EXPECT_EQ(pages->currentIndex(), 1);
+    to->setDate(start.addMonths(12));
+    click(next);
+    EXPECT_EQ(pages->currentIndex(), 2);
+    back_disabled = back_disabled && !control<QPushButton>(d, "btnBack")->isEnabled();
+    next_disabled_on_generate = !next->isEnabled();
+    click(control<QPushButton>(d, "btnGenerate"));
+  });
+  char* result = nullptr;
+  CreaCertificatoPrivato(&result);
+  std::string name = result ? result : "";
+  std::free(result);
+  EXPECT_EQ(name, "Lucia Neri");
+  EXPECT_EQ(banner.toStdString(), TfrmGenerateCert::kHintEnterFields);
+  EXPECT_TRUE(back_disabled);
+  EXPECT_TRUE(next_disabled_on_generate);
+  ASSERT_EQ(messages.size(), 3u);
+  EXPECT_EQ(messages[0], TfrmGenerateCert::kMissingFields);
+  EXPECT_EQ(messages[1], TfrmGenerateCert::kMissingFields);
+  EXPECT_EQ(messages[2], TfrmGenerateCert::kPeriodReversed);
+
+  auto certs = open_store(dir_.path() + "/MY")->certificates();
+  ASSERT_EQ(certs.size(), 1u);
+  const Certificate& c = certs.front();
+  EXPECT_EQ(c.subject_values(oid::kCommonName), std::vector<std::string>{"Lucia Neri"});
+  EXPECT_EQ(c.subject_values(oid::kCountryName), std::vector<std::string>{"DE"});
+  EXPECT_EQ(c.subject_values(oid::kLocalityName), std::vector<std::string>{"Forlì"});
+  EXPECT_TRUE(c.subject_values(oid::kStateOrProvinceName).empty() ||
+              c.subject_values(oid::kStateOrProvinceName).front().empty());
+}
+
+TEST_F(QtDialogs, CancellingTheWizardAsksAndNoKeepsItOpen) {
+  std::vector<QMessageBox::StandardButton> answers = {QMessageBox::No, QMessageBox::Yes};
+  int questions = 0;
+  bool open_after_no = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* cancel = control<QPushButton>(d, "btnCancel");
+    for (auto answer : answers) {
+      when_shown<QMessageBox>([&, answer](QMessageBox* box) {
+        ++questions;
+        EXPECT_EQ(box->text().toStdString(), TfrmGenerateCert::kConfirmCancel);
+        box->button(answer)->click();
+      });
+      click(cancel);
+      if (answer == QMessageBox::No) open_after_no = d->isVisible();
+    }
+  });
+  char* result = strdup("prima");
+  CreaCertificatoPrivato(&result);
+  std::string name = result;
+  std::free(result);
+  EXPECT_EQ(questions, 2);
+  EXPECT_TRUE(open_after_no);
+  EXPECT_EQ(name, "") << "a cancelled wizard names no certificate";
+  EXPECT_TRUE(open_store(dir_.path() + "/MY")->certificates().empty());
+}
+
+TEST_F(QtDialogs, ClosingTheWizardDuringGenerationStopsTheWorkerAndStoresNothing) {
+  TfrmGenerateCert w(personal_store());
+  w.edtCommonName = "Lento";
+  w.edtLocality = "Asti";
+  w.edtOrganization = "Studio";
+  w.EdtEmail = "lento@example.org";
+  w.set_key_bits(15360);  // minutes of prime search unless stopped
+  std::vector<int> positions;
+  bool cancel_disabled = false;
+  bool worker_running_before = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    click(control<QPushButton>(d, "btnNext"));
+    click(control<QPushButton>(d, "btnNext"));
+    click(control<QPushButton>(d, "btnGenerate"));
+    auto* bar = control<QProgressBar>(d, "pbGenerate");
+    // Progress arrives through the form's event loop while the key is being generated.
+    for (int i = 0; i < 200 && positions.size() < 3; ++i) {
+      QTest::qWait(50);
+      if (positions.empty() || positions.back() != bar->value()) positions.push_back(bar->value());
+    }
+    cancel_disabled = !control<QPushButton>(d, "btnCancel")->isEnabled() && bar->isVisible();
+    worker_running_before = w.worker_running();
+    d->close();
+  });
+  ui_->certificate_wizard(w);
+  EXPECT_TRUE(worker_running_before);
+  EXPECT_TRUE(cancel_disabled);
+  ASSERT_GE(positions.size(), 3u);
+  EXPECT_EQ(positions[1], positions[0] + 5);
+  EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
+  EXPECT_FALSE(w.worker_running()) << "the worker thread must be joined when the form closes";
+  EXPECT_EQ(w.cert_commonName(), "");
+  EXPECT_TRUE(open_store(dir_.path() + "/MY")->certificates().empty());
+}
+
+TEST_F(QtDialogs, AHostWindowParentsTheDialogsModally) {
+  QMainWindow host;
+  host.resize(640, 480);
+  host.show();
+  host.activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&host));
+  QWidget* parent = nullptr;
+  bool modal = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    parent = d->parentWidget();
+    modal = d->isModal();
+    click(control<QPushButton>(d, "btnCancel"));
+  });
+  TPasswordRequestForm form;
+  ui_->password(form);
+  EXPECT_EQ(parent, &host);
+  EXPECT_TRUE(modal);
+}
+
+// Each form at its layout's client size, with its controls where the layout puts them; the
+// picker's anchored controls follow a resize.
+TEST_F(QtDialogs, FormsHaveTheirLayoutSizesAndAnchors) {
+  add_certificate("Uno");
+  struct Expect {
+    QSize size;
+    std::vector<std::pair<const char*, QRect>> controls;
+  };
+  std::vector<std::pair<QString, QSize>> seen;
+  auto measure = [&](const Expect& e) {
+    when_shown<QDialog>([&, e](QDialog* d) {
+      seen.emplace_back(d->objectName(), d->size());
+      EXPECT_EQ(d->size(), e.size) << d->objectName().toStdString();
+      EXPECT_EQ(d->grab().deviceIndependentSize().toSize(), e.size);
+      for (const auto& [name, rect] : e.controls) {
+        auto* w = control<QWidget>(d, name);
+        ASSERT_TRUE(w) << name;
+        EXPECT_EQ(w->geometry(), rect) << d->objectName().toStdString() << " " << name;
+      }
+      if (d->objectName() == "frmSelWinCert") {
+        // The usage text starts at 120, or after its caption when the font is wider, and
+        // keeps its right edge and height.
+        QRect usage = control<QWidget>(d, "dlbUsage")->geometry();
+        QRect caption = control<QWidget>(d, "lbUsage")->geometry();
+        EXPECT_EQ(usage.left(), std::max(120, caption.right() + 6));
+        EXPECT_EQ(usage.right(), 120 + 369 - 1);
+        EXPECT_EQ(usage.top(), 48);
+        EXPECT_EQ(usage.height(), 33);
+        d->resize(614, 526);
+        EXPECT_EQ(control<QWidget>(d, "lvCerificates")->geometry(), QRect(8, 32, 598, 360));
+        EXPECT_EQ(control<QWidget>(d, "btnOK")->geometry(), QRect(441, 493, 75, 25));
+        EXPECT_EQ(control<QWidget>(d, "btnCancel")->geometry(), QRect(531, 493, 75, 25));
+      }
+      d->close();
+    });
+  };
+  TPasswordRequestForm pw;
+  measure({{306, 72},
+           {{"edtPassword", {136, 8, 169, 21}},
+            {"btnOk", {72, 40, 75, 25}},
+            {"btnCancel", {152, 40, 75, 25}}}});
+  ui_->password(pw);
+  TSignFileOverriteDlg ow;
+  measure({{384, 186}, {{"RadioGroup1", {16, 32, 345, 105}}, {"OKBtn", {151, 148, 75, 25}}}});
+  ui_->overwrite_choice(ow);
+  TSignCancRegDlg del;
+  del.ComboBox1 = {"Contratti"};
+  del.ItemIndex = 0;
+  measure({{259, 141},
+           {{"Edit1", {80, 24, 121, 21}},
+            {"ComboBox1", {80, 56, 124, 21}},
+            {"OKBtn", {63, 100, 75, 25}},
+            {"CancelBtn", {143, 100, 75, 25}}}});
+  ui_->record_deletion(del);
+  TfrmSelWinCert picker;
+  measure({{514, 426},
+           {{"lvCerificates", {8, 32, 498, 260}},
+            {"btnOK", {341, 393, 75, 25}},
+            {"btnCancel", {431, 393, 75, 25}},
+            {"Panel1", {8, 298, 501, 89}}}});
+  ui_->certificate_picker(picker);
+  TfrmGenerateCert wizard(personal_store());
+  measure({{500, 420}, {}});
+  ui_->certificate_wizard(wizard);
+  EXPECT_EQ(seen.size(), 5u);
+}
+
+}  // namespace
+}  // namespace tessarel

@@ -1,0 +1,158 @@
+// tessarel-render-forms OUTDIR: opens every desktop form on the offscreen platform, puts it
+// in each of its states as a user would, and writes one PNG per state into OUTDIR. The
+// forms work on a private, temporary certificate store.
+#include <stdlib.h>
+
+#include <QApplication>
+#include <QComboBox>
+#include <QDialog>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QTest>
+#include <QTreeWidget>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "qt/drive.h"
+#include "tessarel/tessarel.h"
+
+using namespace tessarel;
+using qt::control;
+using qt::when_shown;
+
+namespace {
+
+std::string g_out;
+int g_written = 0;
+
+void save(QWidget* form, const char* name) {
+  QApplication::processEvents();
+  std::string path = g_out + "/" + name + ".png";
+  if (!form->grab().save(QString::fromStdString(path))) {
+    std::fprintf(stderr, "tessarel-render-forms: cannot write %s\n", path.c_str());
+    std::exit(1);
+  }
+  std::printf("%s\n", path.c_str());
+  ++g_written;
+}
+
+void click(QWidget* w) {
+  QTest::mouseClick(w, Qt::LeftButton);
+}
+
+void type(QWidget* form, const char* name, const char* text) {
+  QTest::keyClicks(control<QWidget>(form, name), QString::fromUtf8(text));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2 || std::string(argv[1]) == "--help") {
+    std::fprintf(stderr, "usage: tessarel-render-forms OUTDIR\n");
+    return argc == 2 ? 0 : 2;
+  }
+  g_out = argv[1];
+  std::error_code ec;
+  std::filesystem::create_directories(g_out, ec);
+  // Pictures do not depend on the desktop that runs the program.
+  setenv("QT_QPA_PLATFORM", "offscreen", 1);
+  std::string tmpl = (std::filesystem::temp_directory_path() / "tessarel-forms-XXXXXX").string();
+  if (!mkdtemp(tmpl.data())) {
+    std::perror("tessarel-render-forms: mkdtemp");
+    return 1;
+  }
+  const std::string store_dir = tmpl;
+  set_store_location(store_dir + "/MY");
+
+  int code = 0;
+  {
+    QApplication app(argc, argv);
+    auto ui = make_ui("qt");
+    if (std::string(ui->name()) != "qt") {
+      std::fprintf(stderr, "tessarel-render-forms: the Qt front end cannot be loaded\n");
+      return 1;
+    }
+    setUi(ui);
+    NewCertificateOptions o;
+    o.common_name = "Mario Rossi";
+    o.organization = "Studio Rossi";
+    o.key = KeyKind::Ec;
+    CreateSelfSignedCertificate(o, *personal_store());
+    o.common_name = "Anna Bianchi";
+    o.organization = "Bianchi Srl";
+    CreateSelfSignedCertificate(o, *personal_store());
+
+    TPasswordRequestForm password;
+    when_shown<QDialog>([](QDialog* d) {
+      save(d, "password");
+      type(d, "edtPassword", "segreto");
+      save(d, "password-typed");
+      click(control<QPushButton>(d, "btnCancel"));
+    });
+    ui->password(password);
+
+    TSignFileOverriteDlg overwrite;
+    when_shown<QDialog>([](QDialog* d) {
+      save(d, "overwrite");
+      click(control<QRadioButton>(d, "RadioGroup1_3"));
+      save(d, "overwrite-item3");
+      click(control<QPushButton>(d, "OKBtn"));
+    });
+    ui->overwrite_choice(overwrite);
+
+    TSignCancRegDlg deletion;
+    deletion.ComboBox1 = {"Contratti", "Fatture", "Ordini"};
+    deletion.ItemIndex = 0;
+    when_shown<QDialog>([](QDialog* d) {
+      save(d, "deletion");
+      type(d, "Edit1", "12");
+      QTest::keyClick(control<QComboBox>(d, "ComboBox1"), Qt::Key_Down);
+      save(d, "deletion-filled");
+      click(control<QPushButton>(d, "CancelBtn"));
+    });
+    ui->record_deletion(deletion);
+
+    TfrmSelWinCert picker;
+    when_shown<QDialog>([](QDialog* d) {
+      save(d, "picker");
+      auto* list = control<QTreeWidget>(d, "lvCerificates");
+      QTest::mouseClick(list->viewport(), Qt::LeftButton, {},
+                        list->visualItemRect(list->topLevelItem(1)).center());
+      save(d, "picker-selected");
+      click(control<QPushButton>(d, "btnCancel"));
+    });
+    ui->certificate_picker(picker);
+
+    TfrmGenerateCert wizard(personal_store());
+    // Slows the generation down so that its progress can be pictured.
+    wizard.set_before_generation([] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
+    when_shown<QDialog>([](QDialog* d) {
+      save(d, "wizard-subject");
+      type(d, "edtCommonName", "Lucia Neri");
+      type(d, "edtLocality", "Napoli");
+      type(d, "edtState", "NA");
+      type(d, "edtOrganization", "Studio Neri");
+      type(d, "EdtEmail", "lucia@example.org");
+      save(d, "wizard-subject-filled");
+      click(control<QPushButton>(d, "btnNext"));
+      save(d, "wizard-period");
+      click(control<QPushButton>(d, "btnNext"));
+      save(d, "wizard-generate");
+      click(control<QPushButton>(d, "btnGenerate"));
+      QTest::qWait(900);
+      save(d, "wizard-generating");
+      d->close();
+    });
+    ui->certificate_wizard(wizard);
+    setUi(nullptr);
+    if (g_written != 13) {
+      std::fprintf(stderr, "tessarel-render-forms: %d pictures written, 13 expected\n", g_written);
+      code = 1;
+    }
+  }
+  std::filesystem::remove_all(store_dir, ec);
+  return code;
+}
