@@ -348,7 +348,7 @@ void TerminalUi::certificate_wizard(TfrmGenerateCert& w) {
             break;
           }
           if (offered.empty()) {
-            write("  (no country starts with \"" + a + "\")\n");
+            write("  (not in the list: no country starts with \"" + a + "\")\n");
             continue;
           }
           std::string list;

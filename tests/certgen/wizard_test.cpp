@@ -9,9 +9,9 @@
 #include <thread>
 
 #include "certgen/wizard_internal.h"
-#include "platform/runtime/datetime.h"
 #include "frontends/scripted_ui.h"
 #include "frontends/terminal_ui.h"
+#include "platform/runtime/datetime.h"
 #include "tessarel/exports.h"
 #include "tessarel/sign_e_archivia.h"
 #include "tessarel/wizard.h"
@@ -343,6 +343,48 @@ TEST(WizardTerminal, CompletedByTyping) {
   auto certs = open_store(store.path())->certificates();
   ASSERT_EQ(certs.size(), 1u);
   EXPECT_EQ(certs[0].subject_values(oid::kCountryName), std::vector<std::string>{"IT"});
+}
+
+// 245 names are too many to type exactly: the first letters find them.
+TEST(WizardTerminal, CountryIsFoundByItsFirstLetters) {
+  test::TempDir tmp;
+  W model(open_store(tmp.path()));
+  EXPECT_TRUE(model.countries_starting_with("").empty());
+  ASSERT_EQ(model.countries_starting_with("GER").size(), 2u);
+  auto italia = model.countries_starting_with("ital");
+  ASSERT_EQ(italia.size(), 1u);
+  EXPECT_EQ(model.cbCountryItems[static_cast<std::size_t>(italia[0])], "Italia");
+
+  test::ScopedStore store;
+  int master = -1, slave = -1;
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  test::ScopedUi scoped(std::make_shared<TerminalUi>(slave, slave, false));
+  std::string result;
+  std::thread t([&] { result = W::DoCreateCertificate(); });
+  // "ger" is ambiguous: the matches are listed and one is chosen by its number.
+  const std::string keys =
+      "Hans Weber\nBerlin\n\nger\n2\nWeber GmbH\nhans@example.org\na\n\n\na\ng\n";
+  ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  std::string screen;
+  char buf[8192];
+  auto end = std::chrono::steady_clock::now() + 60s;
+  while (std::chrono::steady_clock::now() < end) {
+    pollfd p{master, POLLIN, 0};
+    if (poll(&p, 1, 100) > 0) {
+      ssize_t n = ::read(master, buf, sizeof buf);
+      if (n > 0) screen.append(buf, static_cast<std::size_t>(n));
+    } else if (!result.empty()) {
+      break;
+    }
+  }
+  t.join();
+  ::close(master);
+  ::close(slave);
+  EXPECT_EQ(result, "Hans Weber") << screen;
+  EXPECT_NE(screen.find("[2] Germany"), std::string::npos) << screen;
+  auto certs = open_store(store.path())->certificates();
+  ASSERT_EQ(certs.size(), 1u);
+  EXPECT_EQ(certs[0].subject_values(oid::kCountryName), std::vector<std::string>{"DE"});
 }
 
 }  // namespace

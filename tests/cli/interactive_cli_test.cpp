@@ -25,6 +25,9 @@ PtyRun on_terminal(const std::vector<std::string>& args, const std::string& wait
   int master = -1;
   pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
   if (pid == 0) {
+    // The terminal is under test, not the desktop dialogs.
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
     std::vector<char*> argv;
     for (const auto& a : args)
       argv.push_back(const_cast<char*>(a.c_str()));
