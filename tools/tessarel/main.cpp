@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <mutex>
 
 #include "cli.h"
 #include "tessarel/tessarel.h"
@@ -26,23 +27,24 @@ std::vector<std::pair<CLI::App*, std::function<void()>>>& actions() {
   return a;
 }
 
-// Forwards to the chosen front end and shows progress on stderr.
+// Forwards to the chosen front end and shows progress on stderr. The front end is made on
+// first use: commands that ask nothing never load a toolkit or connect to a display.
 class CliUi : public Ui {
  public:
-  explicit CliUi(std::shared_ptr<Ui> inner) : inner_(std::move(inner)), tty_(isatty(2)) {}
+  explicit CliUi(std::string name) : name_(std::move(name)), tty_(isatty(2)) {}
   ~CliUi() override { finish_progress(); }
-  const char* name() const override { return inner_->name(); }
+  const char* name() const override { return inner().name(); }
   ModalResult message_box(MessageKind k, MessageButtons b, const std::string& t) override {
     finish_progress();
     if (k == MessageKind::Confirmation && globals().assume_yes) {
       std::fprintf(stderr, "%s (yes)\n", t.c_str());
       return b == MessageButtons::YesNo ? ModalResult::Yes : ModalResult::Ok;
     }
-    return inner_->message_box(k, b, t);
+    return inner().message_box(k, b, t);
   }
   ModalResult password(TPasswordRequestForm& f) override {
     finish_progress();
-    return inner_->password(f);
+    return inner().password(f);
   }
   void overwrite_choice(TSignFileOverriteDlg& d) override {
     finish_progress();
@@ -51,7 +53,7 @@ class CliUi : public Ui {
       d.OKBtnClick();
       return;
     }
-    inner_->overwrite_choice(d);
+    inner().overwrite_choice(d);
   }
   ModalResult record_deletion(TSignCancRegDlg& d) override {
     finish_progress();
@@ -68,17 +70,17 @@ class CliUi : public Ui {
       d.OKBtnClick();
       return d.modal_result();
     }
-    return inner_->record_deletion(d);
+    return inner().record_deletion(d);
   }
   ModalResult certificate_picker(TfrmSelWinCert& p) override {
     finish_progress();
-    return inner_->certificate_picker(p);
+    return inner().certificate_picker(p);
   }
   void certificate_wizard(TfrmGenerateCert& w) override {
     finish_progress();
-    inner_->certificate_wizard(w);
+    inner().certificate_wizard(w);
   }
-  void busy_cursor(bool b) override { inner_->busy_cursor(b); }
+  void busy_cursor(bool b) override { inner().busy_cursor(b); }
   void progress_text(const std::string& text) override {
     if (globals().quiet) return;
     if (tty_) {
@@ -88,14 +90,20 @@ class CliUi : public Ui {
       std::fprintf(stderr, "%s\n", text.c_str());
     }
   }
-  void beep() override { inner_->beep(); }
+  void beep() override { inner().beep(); }
 
  private:
   void finish_progress() {
     if (open_line_) std::fputc('\n', stderr);
     open_line_ = false;
   }
-  std::shared_ptr<Ui> inner_;
+  Ui& inner() const {
+    std::call_once(made_, [this] { inner_ = make_ui(name_); });
+    return *inner_;
+  }
+  std::string name_;
+  mutable std::once_flag made_;
+  mutable std::shared_ptr<Ui> inner_;
   bool tty_;
   bool open_line_ = false;
 };
@@ -108,7 +116,7 @@ void install_ui() {
     // stdin, no prompts.
     name = env && *env ? env : "auto";
   }
-  setUi(std::make_shared<CliUi>(make_ui(name)));
+  setUi(std::make_shared<CliUi>(name));
 }
 }  // namespace
 
