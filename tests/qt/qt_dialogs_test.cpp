@@ -16,8 +16,10 @@
 #include <QRadioButton>
 #include <QStackedWidget>
 #include <QTest>
+#include <QThread>
 #include <QTreeWidget>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -444,6 +446,29 @@ TEST_F(QtDialogs, AHostWindowParentsTheDialogsModally) {
   ui_->password(form);
   EXPECT_EQ(parent, &host);
   EXPECT_TRUE(modal);
+}
+
+TEST_F(QtDialogs, ADialogAskedFromAnotherThreadOpensOnTheGuiThread) {
+  TPasswordRequestForm form;
+  std::atomic<bool> finished{false};
+  ModalResult result = ModalResult::None;
+  bool on_gui_thread = false;
+  when_shown<QDialog>([&](QDialog* d) {
+    on_gui_thread = QThread::currentThread() == qApp->thread();
+    auto* edit = control<QLineEdit>(d, "edtPassword");
+    QTest::keyClicks(edit, "da un altro thread");
+    QTest::keyClick(edit, Qt::Key_Return);
+  });
+  std::thread host_worker([&] {
+    result = ui_->password(form);
+    finished = true;
+  });
+  for (int i = 0; i < 1000 && !finished; ++i)
+    QTest::qWait(10);  // the host's event loop keeps running
+  host_worker.join();
+  EXPECT_TRUE(on_gui_thread);
+  EXPECT_EQ(result, ModalResult::Ok);
+  EXPECT_EQ(form.edtPassword, "da un altro thread");
 }
 
 // Each form at its layout's client size, with its controls where the layout puts them; the
