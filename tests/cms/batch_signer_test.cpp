@@ -7,8 +7,8 @@
 #include "boundary/batch_signer.h"
 #include "cms/cms_verify.h"
 #include "cms_support.h"
-#include "platform/crypto/digest.h"
 #include "frontends/scripted_ui.h"
+#include "platform/crypto/digest.h"
 
 namespace tessarel {
 namespace {

@@ -8,9 +8,9 @@
 
 #include "archive/sign_e_archivia.h"
 #include "cms_support.h"
+#include "frontends/scripted_ui.h"
 #include "platform/asn1/der.h"
 #include "platform/runtime/datetime.h"
-#include "frontends/scripted_ui.h"
 
 namespace tessarel {
 namespace {

@@ -7,9 +7,9 @@
 
 #include <thread>
 
-#include "platform/ui/none_ui.h"
 #include "frontends/scripted_ui.h"
 #include "frontends/terminal_ui.h"
+#include "platform/ui/none_ui.h"
 #include "test_support.h"
 
 namespace tessarel {

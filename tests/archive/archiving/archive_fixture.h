@@ -6,8 +6,8 @@
 #include <filesystem>
 
 #include "archive/sign_e_archivia.h"
-#include "platform/runtime/datetime.h"
 #include "frontends/scripted_ui.h"
+#include "platform/runtime/datetime.h"
 #include "tessarel/archive.h"
 #include "test_support.h"
 

@@ -9,9 +9,9 @@
 #include <fstream>
 #include <random>
 
+#include "frontends/scripted_ui.h"
 #include "index_support.h"
 #include "platform/runtime/datetime.h"
-#include "frontends/scripted_ui.h"
 #include "xmlsig/xml_signature.h"
 
 namespace tessarel {
