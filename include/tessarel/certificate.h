@@ -16,12 +16,14 @@ namespace tessarel {
 
 // One attribute of a distinguished name, as encoded: the OID in dotted form, the ASN.1
 // string tag of the value (19 PrintableString, 12 UTF8String, 22 IA5String, ...), the raw
-// value bytes, and the index of the RDN (SET) it belongs to.
+// value bytes, the value as UTF-8 text (whatever the string type), and the index of the
+// RDN (SET) it belongs to.
 struct NameAttribute {
   std::string oid;
   int tag = 0;
   std::string value;
   int rdn = 0;
+  std::string text;
 };
 
 // X.509 key-usage bits, numbered as in the standard (bit 0 = digitalSignature).
@@ -68,7 +70,8 @@ class TESSAREL_API Certificate {
   // DER of the subject and issuer Name, byte for byte as in the certificate.
   Bytes subject_der() const;
   Bytes issuer_der() const;
-  // Values of one attribute type ("2.5.4.3" for commonName ...), in encoded order.
+  // Values of one attribute type ("2.5.4.3" for commonName ...), in encoded order, as
+  // UTF-8 text.
   std::vector<std::string> subject_values(const std::string& oid) const;
   std::vector<std::string> issuer_values(const std::string& oid) const;
   // First commonName of the subject / issuer, empty when there is none.

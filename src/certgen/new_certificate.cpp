@@ -80,18 +80,17 @@ Certificate CreateSelfSignedCertificate(const NewCertificateOptions& o, CertStor
   if (!problem.empty()) throw Exception("Cannot create the certificate: " + problem);
 
   TElX509CertificateEx cert;
-  auto add = [&](const char* oid, const std::string& value, int tag) {
-    if (value.empty()) return;
-    cert.SubjectRDN.Add(oid, value, tag);
-    cert.IssuerRDN.Add(oid, value, tag);
+  auto add = [&](const char* oid, const std::string& value) {
+    cert.SubjectRDN.AddText(oid, value);
+    cert.IssuerRDN.AddText(oid, value);
   };
-  add(oid::kCountryName, o.country, asn1::kPrintableString);
-  add(oid::kStateOrProvinceName, o.state, 0);
-  add(oid::kLocalityName, o.locality, 0);
-  add(oid::kOrganizationName, o.organization, 0);
-  add(oid::kOrganizationalUnitName, o.organizational_unit, 0);
-  add(oid::kCommonName, o.common_name, 0);
-  add(oid::kEmailAddress, o.email, 0);
+  add(oid::kCountryName, o.country);
+  add(oid::kStateOrProvinceName, o.state);
+  add(oid::kLocalityName, o.locality);
+  add(oid::kOrganizationName, o.organization);
+  add(oid::kOrganizationalUnitName, o.organizational_unit);
+  add(oid::kCommonName, o.common_name);
+  add(oid::kEmailAddress, o.email);
 
   using namespace std::chrono;
   sys_days today = floor<days>(system_clock::now());

@@ -38,40 +38,6 @@ DateTime IncMonth(DateTime d, int months) {
   return EncodeDateTime(c);
 }
 
-// The subject is stored as single-byte text (Latin-1); characters outside it become '?'.
-std::string to_single_byte(const std::string& utf8) {
-  std::string out;
-  std::size_t i = 0;
-  while (i < utf8.size()) {
-    unsigned char c = static_cast<unsigned char>(utf8[i]);
-    int extra = c < 0x80             ? 0
-                : (c & 0xE0) == 0xC0 ? 1
-                : (c & 0xF0) == 0xE0 ? 2
-                : (c & 0xF8) == 0xF0 ? 3
-                                     : -1;
-    if (extra < 0) {
-      out.push_back('?');
-      ++i;
-      continue;
-    }
-    unsigned cp = extra == 0 ? c : c & (0x3Fu >> extra);
-    int k = 1;
-    for (; k <= extra; ++k) {
-      std::size_t at = i + static_cast<std::size_t>(k);
-      if (at >= utf8.size() || (static_cast<unsigned char>(utf8[at]) & 0xC0) != 0x80) break;
-      cp = (cp << 6) | (static_cast<unsigned char>(utf8[at]) & 0x3F);
-    }
-    if (k <= extra) {  // truncated sequence
-      out.push_back('?');
-      ++i;
-      continue;
-    }
-    out.push_back(cp < 0x100 ? static_cast<char>(cp) : '?');
-    i += static_cast<std::size_t>(extra) + 1;
-  }
-  return out;
-}
-
 std::size_t utf8_length(const std::string& s) {
   return static_cast<std::size_t>(
       std::count_if(s.begin(), s.end(), [](char c) { return (c & 0xC0) != 0x80; }));
@@ -259,19 +225,15 @@ void TfrmGenerateCert::StartGeneration() {
   TElX509CertificateEx& cert = *impl_->cert;
   const std::string country = CountryCode(country_text());
   const std::pair<const char*, std::string> attributes[] = {
-      {oid::kCountryName, country},
-      {oid::kStateOrProvinceName, to_single_byte(edtState)},
-      {oid::kLocalityName, to_single_byte(edtLocality)},
-      {oid::kOrganizationName, to_single_byte(edtOrganization)},
-      {oid::kCommonName, to_single_byte(edtCommonName)},
-      {oid::kEmailAddress, to_single_byte(EdtEmail)},
+      {oid::kCountryName, country},      {oid::kStateOrProvinceName, edtState},
+      {oid::kLocalityName, edtLocality}, {oid::kOrganizationName, edtOrganization},
+      {oid::kCommonName, edtCommonName}, {oid::kEmailAddress, EdtEmail},
   };
+  // Each value in a string type that can hold it, so that every X.509 reader parses the
+  // name; issuer and subject are the same name.
   for (const auto& [oid, value] : attributes) {
-    cert.SubjectRDN.Add(oid, value, asn1::kPrintableString);
-    // The issuer's copy of the e-mail address is an IA5String; the subject's is not.
-    cert.IssuerRDN.Add(
-        oid, value,
-        std::string(oid) == oid::kEmailAddress ? asn1::kIa5String : asn1::kPrintableString);
+    cert.SubjectRDN.AddText(oid, value);
+    cert.IssuerRDN.AddText(oid, value);
   }
   cert.ValidFrom = SysFromDateTime(std::trunc(dtp_from_));
   cert.ValidTo = SysFromDateTime(std::trunc(dtp_to_));

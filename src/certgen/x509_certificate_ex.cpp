@@ -183,6 +183,27 @@ TElAlgorithmIdentifier identifier_of_key(const crypto::PrivateKey& key) {
 
 }  // namespace
 
+namespace {
+bool printable_string_char(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+         std::string_view(" '()+,-./:=?").find(static_cast<char>(c)) != std::string_view::npos;
+}
+}  // namespace
+
+void TElRelativeDistinguishedName::AddText(const std::string& oid, const std::string& utf8_value) {
+  if (utf8_value.empty()) return;
+  bool ascii = std::all_of(utf8_value.begin(), utf8_value.end(),
+                           [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (oid == oid::kEmailAddress) {
+    Add(oid, utf8_value, ascii ? asn1::kIa5String : asn1::kUtf8String);
+    return;
+  }
+  bool printable = std::all_of(utf8_value.begin(), utf8_value.end(), [](char c) {
+    return printable_string_char(static_cast<unsigned char>(c));
+  });
+  Add(oid, utf8_value, printable ? asn1::kPrintableString : asn1::kUtf8String);
+}
+
 Bytes TElRelativeDistinguishedName::Encode(bool utf8_strings) const {
   asn1::DerWriter w;
   w.begin(asn1::kSequence);

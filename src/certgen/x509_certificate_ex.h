@@ -39,6 +39,10 @@ class TElRelativeDistinguishedName {
   void Add(const std::string& oid, const std::string& value, int tag = 0) {
     attributes.push_back({oid, tag, value});
   }
+  // Adds a value typed by a person (UTF-8) in the string type every X.509 reader takes:
+  // PrintableString when each character is in its alphabet, else UTF8String; an e-mail
+  // address as IA5String (UTF8String if it is not ASCII). An empty value is left out.
+  void AddText(const std::string& oid, const std::string& utf8_value);
   int Count() const { return static_cast<int>(attributes.size()); }
   Bytes Encode(bool utf8_strings) const;
   std::vector<RdnAttribute> attributes;

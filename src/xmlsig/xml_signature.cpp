@@ -175,7 +175,7 @@ std::string DistinguishedNameText(const std::vector<NameAttribute>& attributes) 
     for (const auto& [oid, short_name] : kNames)
       if (it->oid == oid) name = short_name;
     if (!out.empty()) out += ", ";
-    out += name + "=" + escape_dn_value(it->value);
+    out += name + "=" + escape_dn_value(it->text);
   }
   return out;
 }

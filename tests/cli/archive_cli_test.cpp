@@ -61,8 +61,10 @@ TEST_F(ArchiveCli, AddListVerifyDelete) {
   // Deleting without a terminal needs the record named and the confirmation given.
   r = cli({"archive", "delete", arch_, "--type", "Contratti"});
   EXPECT_EQ(r.exit_code, 2);
+  // Unconfirmed, nothing is deleted, and the exit code says so.
   r = cli({"archive", "delete", arch_, "--type", "Contratti", "--id", "1"});
-  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("nothing was deleted"), std::string::npos) << r.err;
   EXPECT_TRUE(std::filesystem::exists(arch_ + "/Contratti/2021/03/b.txt"))
       << "deleted without confirmation";
   r = cli({"archive", "delete", arch_, "--type", "Contratti", "--id", "1", "--yes"});

@@ -63,16 +63,17 @@ TEST(Removal, TheVerifierRefusesASecondRemovalAndMissingElements) {
 
 TEST(Names, LastAttributeFirstWithShortNamesAndEscapes) {
   std::vector<NameAttribute> attrs = {
-      {"2.5.4.6", 19, "IT", 0},
-      {"2.5.4.10", 12, "Rossi, Bianchi & C.", 1},
-      {"2.5.4.3", 12, " #1=uno+due<tre>;\"q\"\\ ", 2},
-      {"1.2.840.113549.1.9.1", 22, "a@b.it", 3},
-      {"2.5.4.5", 19, "X1", 4},
+      {"2.5.4.6", 19, "IT", 0, "IT"},
+      {"2.5.4.10", 12, "Rossi, Bianchi & C.", 1, "Rossi, Bianchi & C."},
+      {"2.5.4.3", 12, " #1=uno+due<tre>;\"q\"\\ ", 2, " #1=uno+due<tre>;\"q\"\\ "},
+      {"1.2.840.113549.1.9.1", 22, "a@b.it", 3, "a@b.it"},
+      {"2.5.4.5", 19, "X1", 4, "X1"},
   };
   EXPECT_EQ(DistinguishedNameText(attrs),
             "2.5.4.5=X1, E=a@b.it, CN=\\20#1\\=uno\\+due\\<tre\\>\\;\\\"q\\\"\\\\\\20, O=Rossi\\, "
             "Bianchi & C., C=IT");
-  EXPECT_EQ(DistinguishedNameText({{"2.5.4.3", 12, "#hash\ttab", 0}}), "CN=\\#hash\\09tab");
+  EXPECT_EQ(DistinguishedNameText({{"2.5.4.3", 12, "#hash\ttab", 0, "#hash\ttab"}}),
+            "CN=\\#hash\\09tab");
 }
 
 TEST(Signer, RefusesWithoutKeyDataOrForAnotherKeyKind) {

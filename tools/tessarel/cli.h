@@ -25,7 +25,8 @@ struct Globals {
   int overwrite_answer = -1;  // item of the overwrite question, -1 to ask
   std::string deletion_type;  // record to delete, when given
   std::string deletion_id;
-  bool assume_yes = false;  // confirmations answered OK
+  bool assume_yes = false;   // confirmations answered OK
+  std::string current_file;  // the file being archived, for messages about it
 };
 Globals& globals();
 

@@ -22,6 +22,21 @@ double parse_date(const std::string& text) {
   return static_cast<double>((sys_days{ymd} - sys_days{year{1899} / 12 / 30}).count());
 }
 
+// How long to wait for an archive that another program holds.
+double g_wait_seconds = 30;
+
+void apply_wait() {
+  set_archive_lock_timeout(
+      std::chrono::milliseconds(static_cast<long long>(g_wait_seconds * 1000)));
+}
+
+CLI::Option* add_wait_option(CLI::App* command) {
+  return command
+      ->add_option("--wait", g_wait_seconds,
+                   "Seconds to wait for an archive that another program is using (default 30)")
+      ->check(CLI::NonNegativeNumber);
+}
+
 struct AddArgs {
   std::string dir, type, date, param, cert, existing = "ask";
   bool detached = false;
@@ -33,6 +48,7 @@ void add(const AddArgs& a) {
       {"overwrite", 1}, {"skip", 3}, {"cancel", 4}};
   if (a.existing != "ask") globals().overwrite_answer = kExisting.at(a.existing);
   double date = parse_date(a.date);
+  apply_wait();
   std::unique_ptr<ISignEArchivia> engine(GetSignEArchivia());
   engine->ApriIndice(a.dir, a.cert, a.detached);
   int n = 0;
@@ -41,6 +57,7 @@ void add(const AddArgs& a) {
     if (!globals().quiet && a.files.size() > 1)
       currentUi().progress_text(std::to_string(n) + "/" + std::to_string(a.files.size()) + " " + f);
     try {
+      globals().current_file = f;
       engine->FirmaEArchiviaFile(f, a.param, a.type, date);
       std::printf("%s\n", f.c_str());
     } catch (const Exception& e) {
@@ -108,10 +125,22 @@ void verify(const std::string& dir, const std::string& cert) {
   if (!report.ok()) set_exit_code(1);
 }
 
+std::size_t records_on_disk(const std::string& dir) {
+  try {
+    return ListArchive(dir).size();
+  } catch (const Exception&) {
+    return 0;  // no index yet
+  }
+}
+
 void remove(const std::string& dir, const std::string& cert) {
+  apply_wait();
   std::unique_ptr<ISignEArchivia> engine(GetSignEArchivia());
   engine->ApriIndice(dir, cert, false);
+  // The engine holds the archive, so nobody else changes the count meanwhile.
+  std::size_t before = records_on_disk(dir);
   engine->CancellaId();
+  if (records_on_disk(dir) >= before) error("nothing was deleted");
 }
 
 CommandRegistration reg(40, [](CLI::App& app) {
@@ -134,6 +163,7 @@ CommandRegistration reg(40, [](CLI::App& app) {
       ->add_option("--existing", a.existing,
                    "When a file is already archived: ask (default), overwrite, skip, cancel")
       ->check(CLI::IsMember({"ask", "overwrite", "skip", "cancel"}));
+  add_wait_option(add_cmd);
   add_cmd->add_option("FILE", a.files, "Files to sign and archive")->required();
   add_cmd->callback([] { parse_date(a.date); });
   on_run(add_cmd, [] { add(a); });
@@ -164,6 +194,7 @@ CommandRegistration reg(40, [](CLI::App& app) {
   delete_cmd->add_option("--type", globals().deletion_type, "Type of the record to delete");
   delete_cmd->add_option("--id", globals().deletion_id, "Id of the record to delete");
   delete_cmd->add_flag("-y,--yes", globals().assume_yes, "Do not ask for confirmation");
+  add_wait_option(delete_cmd);
   delete_cmd->callback([] {
     if (globals().deletion_type.empty() != globals().deletion_id.empty())
       throw CLI::ValidationError("archive delete", "--type and --id go together");

@@ -54,6 +54,10 @@ class CliUi : public Ui {
       return;
     }
     inner().overwrite_choice(d);
+    // Nobody was asked, yet an archived file is about to be replaced: say so.
+    if (std::string(inner().name()) == "none" && (d.ItemIndex == 0 || d.ItemIndex == 1))
+      std::fprintf(stderr, "tessarel: overwriting the archived copy of %s (no terminal to ask)\n",
+                   globals().current_file.empty() ? "a file" : globals().current_file.c_str());
   }
   ModalResult record_deletion(TSignCancRegDlg& d) override {
     finish_progress();

@@ -14,6 +14,7 @@
 #include "platform/crypto/pkey.h"
 #include "platform/crypto/x509.h"
 #include "platform/runtime/hex.h"
+#include "platform/runtime/strings.h"
 #include "tessarel/errors.h"
 
 namespace tessarel {
@@ -68,17 +69,49 @@ std::string obj_text(const ASN1_OBJECT* obj) {
   return n > 0 ? std::string(buf, static_cast<std::size_t>(std::min<int>(n, sizeof buf - 1))) : "";
 }
 
+// A name attribute's value as UTF-8 text, whatever string type holds it. Single-byte
+// types (PrintableString, T61String, IA5String...) holding 8-bit bytes are taken as
+// Latin-1, unless the bytes already are UTF-8 (as older certificates of ours wrote them).
+// Characters that XML cannot carry become U+FFFD, so a name can go into any document.
 std::string to_utf8(const ASN1_STRING* s) {
-  unsigned char* out = nullptr;
-  int n = ASN1_STRING_to_UTF8(&out, s);
-  if (n < 0) {
-    crypto::openssl_errors();
-    return std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(s)),
-                       static_cast<std::size_t>(ASN1_STRING_length(s)));
+  const unsigned char* p = ASN1_STRING_get0_data(s);
+  std::size_t n = static_cast<std::size_t>(ASN1_STRING_length(s));
+  std::u32string chars;
+  switch (ASN1_STRING_type(s)) {
+    case V_ASN1_BMPSTRING:
+      for (std::size_t i = 0; i + 1 < n; i += 2) {
+        char32_t u = static_cast<char32_t>(p[i] << 8 | p[i + 1]);
+        if (u >= 0xD800 && u <= 0xDBFF && i + 3 < n) {
+          char32_t low = static_cast<char32_t>(p[i + 2] << 8 | p[i + 3]);
+          if (low >= 0xDC00 && low <= 0xDFFF) {
+            chars.push_back(0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
+            i += 2;
+            continue;
+          }
+        }
+        chars.push_back(u);
+      }
+      break;
+    case V_ASN1_UNIVERSALSTRING:
+      for (std::size_t i = 0; i + 3 < n; i += 4)
+        chars.push_back(static_cast<char32_t>(p[i]) << 24 | static_cast<char32_t>(p[i + 1]) << 16 |
+                        static_cast<char32_t>(p[i + 2]) << 8 | p[i + 3]);
+      break;
+    default: {
+      std::string_view bytes(reinterpret_cast<const char*>(p), n);
+      if (!decode_utf8(bytes, chars)) decode_utf8(latin1_to_utf8(bytes), chars);
+    }
   }
-  std::string r(reinterpret_cast<char*>(out), static_cast<std::size_t>(n));
-  OPENSSL_free(out);
-  return r;
+  std::string out;
+  for (char32_t c : chars)
+    append_utf8(out, is_xml_char(c) && (c >= 0x20 || c == 0x9) ? c : 0xFFFD);
+  return out;
+}
+
+std::string obj_short_name(const ASN1_OBJECT* obj) {
+  int nid = OBJ_obj2nid(obj);
+  const char* sn = nid == NID_undef ? nullptr : OBJ_nid2sn(nid);
+  return sn ? sn : obj_text(obj);
 }
 
 std::vector<NameAttribute> attributes(const X509_NAME* name) {
@@ -92,6 +125,7 @@ std::vector<NameAttribute> attributes(const X509_NAME* name) {
     a.tag = ASN1_STRING_type(data);
     a.value.assign(reinterpret_cast<const char*>(ASN1_STRING_get0_data(data)),
                    static_cast<std::size_t>(ASN1_STRING_length(data)));
+    a.text = to_utf8(data);
     a.rdn = X509_NAME_ENTRY_set(e);
     out.push_back(std::move(a));
   }
@@ -109,13 +143,35 @@ std::vector<std::string> values(const X509_NAME* name, const std::string& oid) {
   return out;
 }
 
+// RFC 2253 escaping of one value, non-ASCII characters left as they are.
+std::string escape_value(const std::string& v) {
+  std::string out;
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    char c = v[i];
+    bool special = c == ',' || c == '+' || c == '"' || c == '\\' || c == '<' || c == '>' ||
+                   c == ';' || (i == 0 && (c == '#' || c == ' ')) ||
+                   (i + 1 == v.size() && c == ' ');
+    if (special) out.push_back('\\');
+    out.push_back(c);
+  }
+  return out;
+}
+
+// Most significant attribute first ("CN=x, O=y, C=IT"), as RFC 2253 orders a name, in
+// UTF-8 whatever string types the certificate uses.
 std::string name_text(const X509_NAME* name) {
-  crypto::BioPtr bio(BIO_new(BIO_s_mem()));
-  X509_NAME_print_ex(bio.get(), name, 0,
-                     (XN_FLAG_RFC2253 & ~ASN1_STRFLGS_ESC_MSB) | XN_FLAG_SEP_CPLUS_SPC);
-  char* data = nullptr;
-  long n = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<std::size_t>(n));
+  std::string out;
+  int count = X509_NAME_entry_count(name);
+  int previous_set = -1;
+  for (int i = count - 1; i >= 0; --i) {
+    const X509_NAME_ENTRY* e = X509_NAME_get_entry(name, i);
+    int set = X509_NAME_ENTRY_set(e);
+    if (!out.empty()) out += set == previous_set ? " + " : ", ";
+    previous_set = set;
+    out += obj_short_name(X509_NAME_ENTRY_get_object(e)) + "=" +
+           escape_value(to_utf8(X509_NAME_ENTRY_get_data(e)));
+  }
+  return out;
 }
 
 std::chrono::sys_seconds asn1_time(const ASN1_TIME* t) {
