@@ -49,6 +49,10 @@ class TESSAREL_API CertStore {
   virtual bool remove(const Certificate& cert) = 0;
   // The certificate with its private key as PKCS#12 protected by password (may be empty).
   virtual Bytes export_pkcs12(const Certificate& cert, const std::string& password) = 0;
+  // A value that changes whenever the store's content may have changed, by this process or
+  // another; the library reads the store again when it differs from what it saw. The
+  // default, empty, means "unknown": the cached view is then kept.
+  virtual std::string change_stamp();
 };
 
 // Default location of the personal store ($TESSAREL_STORE, else the XDG data folder).

@@ -17,8 +17,10 @@ std::unique_ptr<SharedCertStorage>& shared_storage() {
 }
 }  // namespace
 
+// The stamp is taken before the certificates are read: a change in between makes the next
+// lookup read again rather than miss it.
 SharedCertStorage::SharedCertStorage()
-    : store_(personal_store()), certificates_(store_->certificates()) {}
+    : store_(personal_store()), stamp_(store_->change_stamp()), certificates_(store_->certificates()) {}
 
 SharedCertStorage* CurrentSharedCertStorage() {
   std::lock_guard lock(shared_mutex());
@@ -33,7 +35,8 @@ void ResetSharedCertStorage() {
 const Certificate* TrovaCertificato(const std::string& idCert) {
   std::lock_guard lock(shared_mutex());
   auto& shared = shared_storage();
-  if (shared && shared->Count() == 0) shared.reset();
+  if (shared && (shared->Count() == 0 || shared->store().change_stamp() != shared->stamp()))
+    shared.reset();
   if (!shared) {
     shared = std::make_unique<SharedCertStorage>();
     if (shared->Count() == 0) return nullptr;

@@ -14,9 +14,9 @@
 namespace tessarel {
 
 // The process-wide snapshot of the personal store used by the signing routines. It is read
-// on first use and re-read only while it holds no certificate; once it has held
-// certificates it is reused for the life of the process (or until the store is changed
-// with set_store_location).
+// on first use and read again while it holds no certificate, when the store changed since
+// it was read (a certificate added by the wizard, an import, another process), and when
+// another store is selected with set_store_location.
 class SharedCertStorage {
  public:
   SharedCertStorage();
@@ -25,11 +25,14 @@ class SharedCertStorage {
     return certificates_.at(static_cast<std::size_t>(i));
   }
   CertStore& store() const { return *store_; }
+  // The store's change stamp when the snapshot was read.
+  const std::string& stamp() const { return stamp_; }
   // The signing key of one of its certificates, read from the store once and kept.
   std::shared_ptr<SigningKey> key(const Certificate& cert);
 
  private:
   std::shared_ptr<CertStore> store_;
+  std::string stamp_;
   std::vector<Certificate> certificates_;
   std::vector<std::pair<Bytes, std::shared_ptr<SigningKey>>> keys_;
 };

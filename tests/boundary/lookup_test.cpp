@@ -43,7 +43,7 @@ TEST(Lookup, EmptyIdentifierGivesTheFirstCertificateOrNone) {
   EXPECT_EQ(first->subject_cn(), "First");
 }
 
-TEST(Lookup, AnEmptySnapshotIsReadAgainAFilledOneIsKept) {
+TEST(Lookup, TheSnapshotIsKeptUntilTheStoreChangesThenReadAgain) {
   test::ScopedStore store;
   auto a = cert_with_serial({0x31}, "Late");
   EXPECT_EQ(TrovaCertificato("31"), nullptr);  // empty at the first lookup
@@ -51,12 +51,26 @@ TEST(Lookup, AnEmptySnapshotIsReadAgainAFilledOneIsKept) {
   EXPECT_EQ(CurrentSharedCertStorage()->Count(), 0);
   open_store(store.path())->add(a.cert, a.pkcs8());  // filled behind the snapshot's back
   EXPECT_NE(TrovaCertificato("31"), nullptr);        // the empty snapshot was rebuilt
+  SharedCertStorage* kept = CurrentSharedCertStorage();
+  EXPECT_NE(TrovaCertificato("31"), nullptr);
+  EXPECT_EQ(CurrentSharedCertStorage(), kept);  // nothing changed: not read again
 
+  // Written by this process (as the wizard or an import does): seen at the next lookup.
   auto b = cert_with_serial({0x32}, "Later");
   open_store(store.path())->add(b.cert, b.pkcs8());
-  EXPECT_EQ(TrovaCertificato("32"), nullptr);  // a filled snapshot is not refreshed
-  ResetSharedCertStorage();
   EXPECT_NE(TrovaCertificato("32"), nullptr);
+  EXPECT_TRUE(ChiaveValida("32"));
+
+  // Written by another process: seen too.
+  auto r = test::run({test::cli_path(), "--store", store.path(), "cert", "new", "--cn",
+                      "From another process", "--bits", "1024"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::string id = r.out.substr(0, r.out.find('\n'));
+  ASSERT_FALSE(id.empty());
+  const Certificate* other = TrovaCertificato(id);
+  ASSERT_NE(other, nullptr);
+  EXPECT_EQ(other->subject_cn(), "From another process");
+  EXPECT_TRUE(ChiaveValida(id));
 }
 
 TEST(Lookup, SameSerialTwiceTheFirstInStoreOrderWins) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -24,6 +25,15 @@ namespace tessarel {
 
 namespace {
 constexpr const char* kManifest = "manifest";
+
+// Writes of this process: two in the same clock tick still change the stamp.
+std::atomic<std::uint64_t> g_writes{0};
+
+std::string stamp_text(const FileStamp& s) {
+  if (!s.exists) return "-";
+  return std::to_string(s.device) + ":" + std::to_string(s.inode) + ":" + std::to_string(s.size) +
+         ":" + std::to_string(s.mtime_ns) + ":" + std::to_string(s.ctime_ns);
+}
 constexpr const char* kManifestHeader = "# tessarel certificate store v1";
 
 bool is_entry_name(const std::string& s) {
@@ -111,6 +121,7 @@ std::vector<std::string> FileCertStore::read_manifest() const {
 }
 
 void FileCertStore::write_manifest(const std::vector<std::string>& entries) {
+  ++g_writes;
   std::string text = std::string(kManifestHeader) + "\n";
   for (const auto& e : entries)
     text += e + "\n";
@@ -207,12 +218,19 @@ void FileCertStore::add(const Certificate& cert, const Bytes& pkcs8_key) {
   remove_orphans(entries);
   std::string name = entry_name(cert);
   bool present = std::find(entries.begin(), entries.end(), name) != entries.end();
-  if (!pkcs8_key.empty() && !(present && FileExists(path(name + ".key"))))
+  if (!pkcs8_key.empty() && !(present && FileExists(path(name + ".key")))) {
+    ++g_writes;
     WriteFileAtomic(path(name + ".key"), pkcs8_key.data(), pkcs8_key.size(), 0600);
+  }
   if (present) return;
   WriteFileAtomic(path(name + ".crt"), cert.der().data(), cert.der().size(), 0600);
   entries.push_back(name);
   write_manifest(entries);
+}
+
+std::string FileCertStore::change_stamp() {
+  return stamp_text(StampOf(folder_)) + "/" + stamp_text(StampOf(path(kManifest))) + "/" +
+         std::to_string(g_writes.load());
 }
 
 bool FileCertStore::remove(const Certificate& cert) {
@@ -242,4 +260,7 @@ Bytes FileCertStore::export_pkcs12(const Certificate& cert, const std::string& p
 namespace tessarel {
 SigningKey::~SigningKey() = default;
 CertStore::~CertStore() = default;
+std::string CertStore::change_stamp() {
+  return {};
+}
 }  // namespace tessarel

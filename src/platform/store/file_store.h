@@ -27,6 +27,8 @@ class FileCertStore : public CertStore {
   void add(const Certificate& cert, const Bytes& pkcs8_key) override;
   bool remove(const Certificate& cert) override;
   Bytes export_pkcs12(const Certificate& cert, const std::string& password) override;
+  // The folder's and the manifest's identity and times, and this process's own writes.
+  std::string change_stamp() override;
 
   // Entry name of a certificate (its SHA-1 fingerprint in upper-case hexadecimal).
   static std::string entry_name(const Certificate& cert);

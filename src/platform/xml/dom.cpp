@@ -75,10 +75,12 @@ void end_element(void* ctx, const xmlChar* localname, const xmlChar* prefix, con
   st->end(ctx, localname, prefix, uri);
 }
 
-// Nothing outside the document is ever read.
-xmlParserInputPtr no_external_entities(const char*, const char*, xmlParserCtxtPtr) {
+// Nothing outside the document is ever read. Set on each parser's own SAX handler: the
+// process-wide loader of libxml2 belongs to the host.
+xmlParserInputPtr no_external_entity(void*, const xmlChar*, const xmlChar*) {
   return nullptr;
 }
+void no_external_subset(void*, const xmlChar*, const xmlChar*, const xmlChar*) {}
 
 int write_to_function(void* ctx, const char* buffer, int len) {
   (*static_cast<const std::function<void(const char*, std::size_t)>*>(ctx))(
@@ -288,17 +290,15 @@ std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> safe_parse(
   state.end = ctxt->sax->endElementNs;
   ctxt->_private = &state;
   ctxt->sax->internalSubset = refuse_doctype;
+  ctxt->sax->externalSubset = no_external_subset;
+  ctxt->sax->resolveEntity = no_external_entity;
   ctxt->sax->startElementNs = start_element;
   ctxt->sax->endElementNs = end_element;
-  // The loader is process-wide in libxml2; the library is used from one thread at a time.
-  xmlExternalEntityLoader previous = xmlGetExternalEntityLoader();
-  xmlSetExternalEntityLoader(no_external_entities);
   // No NOENT, no DTDLOAD, no HUGE; errors are returned, not printed. COMPACT keeps short
   // texts inside their nodes: one allocation fewer per attribute-heavy record.
   int options = XML_PARSE_NONET | XML_PARSE_NOCDATA | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
                 XML_PARSE_COMPACT;
   xmlDocPtr doc = read(ctxt, options);
-  xmlSetExternalEntityLoader(previous);
   std::string reason;
   if (state.doctype) {
     reason = "documents with a DOCTYPE are not accepted";
