@@ -168,6 +168,10 @@ TestCert make_cert(const CertParams& params, const TestCert* issuer) {
     X509_NAME_add_entry_by_txt(name, "emailAddress", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>(params.email.c_str()), -1, -1,
                                0);
+  for (const auto& e : params.raw_subject)
+    X509_NAME_add_entry_by_txt(name, e.field.c_str(), e.type,
+                               reinterpret_cast<const unsigned char*>(e.bytes.data()),
+                               static_cast<int>(e.bytes.size()), -1, 0);
   X509* issuer_x = issuer ? crypto::x509_of(issuer->cert) : x.get();
   X509_set_issuer_name(x.get(), X509_get_subject_name(issuer_x));
   if (params.ca) add_ext(x.get(), issuer_x, NID_basic_constraints, "critical,CA:TRUE");
@@ -358,6 +362,8 @@ bool have_program(const std::string& name) {
 }
 
 std::string cli_path() {
+  // Another build of the program can be put under the same tests (an older one, say).
+  if (const char* other = std::getenv("TESSAREL_TEST_CLI"); other && *other) return other;
   return TESSAREL_CLI_PATH;
 }
 

@@ -49,6 +49,14 @@ struct CertParams {
   bool ca = false;
   int days = 365;
   int not_before_offset_days = -1;
+  // Further subject attributes written exactly: short name ("L", "O"...), ASN.1 string
+  // type (V_ASN1_T61STRING...) and the value's bytes.
+  struct RawEntry {
+    std::string field;
+    int type;
+    std::string bytes;
+  };
+  std::vector<RawEntry> raw_subject;
 };
 
 struct TestCert {
