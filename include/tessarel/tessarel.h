@@ -10,6 +10,7 @@
 #include "tessarel/errors.h"
 #include "tessarel/export.h"
 #include "tessarel/exports.h"
+#include "tessarel/pdf.h"
 #include "tessarel/picker.h"
 #include "tessarel/sign_e_archivia.h"
 #include "tessarel/signing.h"
