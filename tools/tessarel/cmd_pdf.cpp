@@ -55,7 +55,6 @@ void sign(const SignArgs& a) {
   o.cert_id = a.cert;
   o.invisible = a.invisible;
   o.pades = a.pades;
-  o.progress = !globals().quiet;
   if (!a.pfx.empty()) {
     std::ifstream f(a.pfx, std::ios::binary);
     if (!f) {
@@ -88,6 +87,9 @@ void sign(const SignArgs& a) {
     input = in_temp->path();
     if (output.empty()) output = "-";
   }
+  // Small documents sign in a blink: progress only where it can be watched.
+  struct stat st {};
+  o.progress = !globals().quiet && ::stat(input.c_str(), &st) == 0 && st.st_size >= (16 << 20);
   bool to_stdout = output == "-";
   if (to_stdout) {
     out_temp = std::make_unique<TempFile>();

@@ -126,16 +126,16 @@ class ChangeCheck {
     } else if (type == "Page" && o.isDictionary() && n.isDictionary()) {
       std::vector<std::string> keys = changed_keys(o, n, {"/Annots"});
       if (!keys.empty()) problems_.push_back(page_name(og) + " was changed: " + join(keys));
-      judge_list(n, o.getKey("/Annots"), n.getKey("/Annots"), page_name(og) + "'s annotations");
+      judge_list(o.getKey("/Annots"), n.getKey("/Annots"), page_name(og) + "'s annotations");
     } else if (is_field_or_widget(o) && is_field_or_widget(n)) {
       report(n, changed_keys(o, n, {"/V", "/AP", "/AS", "/Kids", "/MK"}));
       QPDFObjectHandle ov = o.getKey("/V");
       if (ov.isDictionary() && type_of(ov) == "Sig" && ov.unparse() != n.getKey("/V").unparse())
         problems_.push_back("the signature of field " + n.getKey("/T").getUTF8Value() +
                             " was replaced");
-      judge_list(n, o.getKey("/Kids"), n.getKey("/Kids"), describe(n) + "'s kids");
+      judge_list(o.getKey("/Kids"), n.getKey("/Kids"), describe(n) + "'s kids");
     } else if (o.isArray() && n.isArray()) {
-      judge_list(n, o, n, describe(n));
+      judge_list(o, n, describe(n));
     } else if (n.isStream()) {
       std::string page = content_page(og);
       problems_.push_back(page.empty() ? describe(n) + " was changed"
@@ -152,45 +152,36 @@ class ChangeCheck {
       return;
     }
     report(owner, changed_keys(o, n, {"/Fields", "/SigFlags", "/DR", "/DA", "/NeedAppearances"}));
-    judge_list(owner, o.getKey("/Fields"), n.getKey("/Fields"), "the form's field list");
+    judge_list(o.getKey("/Fields"), n.getKey("/Fields"), "the form's field list");
   }
 
   // A list may only grow, and only by fields or widget annotations.
-  void judge_list(QPDFObjectHandle owner, QPDFObjectHandle o, QPDFObjectHandle n,
-                  const std::string& what) {
+  void judge_list(QPDFObjectHandle o, QPDFObjectHandle n, const std::string& what) {
     // An indirect list is judged as an object of its own when it changed.
     if (o.isIndirect() && n.isIndirect() && o.getObjGen() == n.getObjGen()) return;
     std::vector<QPDFObjectHandle> before =
         o.isArray() ? o.getArrayAsVector() : std::vector<QPDFObjectHandle>();
     std::vector<QPDFObjectHandle> after =
         n.isArray() ? n.getArrayAsVector() : std::vector<QPDFObjectHandle>();
-    std::multiset<std::string> remaining;
+    std::multiset<std::string> added;
     for (auto& h : after)
-      remaining.insert(h.unparse());
+      added.insert(h.unparse());
     for (auto& h : before) {
-      auto it = remaining.find(h.unparse());
-      if (it == remaining.end()) {
+      auto it = added.find(h.unparse());
+      if (it == added.end())
         problems_.push_back(what + " lost an entry (" + h.unparse() + ")");
-        return;
-      }
-      remaining.erase(it);
+      else
+        added.erase(it);
     }
-    std::multiset<std::string> old_items;
-    for (auto& h : before)
-      old_items.insert(h.unparse());
     for (auto& h : after) {
-      auto it = old_items.find(h.unparse());
-      if (it != old_items.end()) {
-        old_items.erase(it);
-        continue;
-      }
-      if (!is_field_or_widget(h)) {
+      auto it = added.find(h.unparse());
+      if (it == added.end()) continue;
+      added.erase(it);
+      if (!is_field_or_widget(h))
         problems_.push_back(what + " gained " +
                             (h.isIndirect() ? describe(h) : std::string("an entry")) +
                             " that is neither a form field nor a widget");
-      }
     }
-    (void)owner;
   }
 
   void report(QPDFObjectHandle n, const std::vector<std::string>& keys) {
