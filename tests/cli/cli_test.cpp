@@ -30,10 +30,28 @@ bool valid_json(const std::string& text) {
 }
 
 TEST(Cli, HelpEverywhereAndUsageErrorsExitTwo) {
-  for (std::string command :
-       {"", "hash", "cert", "cert list", "cert show", "cert remove", "cert import", "cert export",
-        "cert new", "cert pick", "sign", "verify", "extract", "archive", "archive add",
-        "archive list", "archive verify", "archive delete", "demo"}) {
+  for (std::string command : {"",
+                              "hash",
+                              "cert",
+                              "cert list",
+                              "cert show",
+                              "cert remove",
+                              "cert import",
+                              "cert export",
+                              "cert new",
+                              "cert pick",
+                              "sign",
+                              "verify",
+                              "extract",
+                              "archive",
+                              "archive add",
+                              "archive list",
+                              "archive verify",
+                              "archive delete",
+                              "pdf",
+                              "pdf sign",
+                              "pdf verify",
+                              "demo"}) {
     std::vector<std::string> args;
     std::istringstream words(command);
     for (std::string w; words >> w;)
