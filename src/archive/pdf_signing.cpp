@@ -12,6 +12,7 @@
 #include "archive/sign_e_archivia.h"
 #include "cms/cms.h"
 #include "platform/crypto/pkcs12.h"
+#include "platform/pdf/pdf_text.h"
 #include "platform/pdf/pdf_update.h"
 #include "platform/runtime/datetime.h"
 #include "platform/runtime/files.h"
@@ -155,7 +156,7 @@ std::string SignPdfDocument(pdf::Document& doc, const std::string& path, const P
   request.sub_filter = settings.pades ? "ETSI.CAdES.detached" : "adbe.pkcs7.detached";
   request.name = settings.name;
   request.reason = settings.reason;
-  request.signing_time = now;
+  request.date = pdf::pdf_date(now.time_since_epoch().count());
   request.appearance_text = settings.display;
   request.contents_size = cms_size;
   pdf::PreparedSignature prepared = pdf::prepare_signature(doc, request);

@@ -5,6 +5,7 @@
 // may gain widget annotations, a field may get a value and an appearance. Everything else that
 // changed (page content, resources, the page tree, an existing signature) is reported.
 #include <qpdf/QPDFXRefEntry.hh>
+#include "platform/pdf/qpdf_document.h"
 
 #include <algorithm>
 #include <cstring>

@@ -6,6 +6,7 @@
 
 #include <qpdf/QPDFExc.hh>
 #include <qpdf/QPDFXRefEntry.hh>
+#include "platform/pdf/qpdf_document.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -35,7 +35,9 @@ enum class XrefKind {
 struct ObjectId {
   int number = 0;
   int generation = 0;
-  bool operator==(const ObjectId&) const = default;
+  bool operator==(const ObjectId& o) const {
+    return number == o.number && generation == o.generation;
+  }
 };
 
 // A signature field that holds a signature value.

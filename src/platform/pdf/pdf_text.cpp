@@ -1,6 +1,7 @@
 #include "platform/pdf/pdf_text.h"
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <vector>
 
@@ -166,6 +167,19 @@ std::string text_string(const std::string& utf8) {
     }
   }
   return hex_string(be);
+}
+
+std::string pdf_date(std::int64_t unix_seconds) {
+  std::chrono::sys_seconds t{std::chrono::seconds(unix_seconds)};
+  auto days = std::chrono::floor<std::chrono::days>(t);
+  std::chrono::year_month_day ymd{days};
+  std::chrono::hh_mm_ss hms{t - days};
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "D:%04d%02u%02u%02d%02d%02d+00'00'", static_cast<int>(ymd.year()),
+                static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                static_cast<int>(hms.hours().count()), static_cast<int>(hms.minutes().count()),
+                static_cast<int>(hms.seconds().count()));
+  return buf;
 }
 
 }  // namespace tessarel::pdf

@@ -24,4 +24,7 @@ std::string hex_string(const std::string& bytes);
 // byte-order mark, in hexadecimal.
 std::string text_string(const std::string& utf8);
 
+// A date as PDF writes it, in UTC: "D:YYYYMMDDHHmmSS+00'00'" (from seconds since 1970).
+std::string pdf_date(std::int64_t unix_seconds);
+
 }  // namespace tessarel::pdf

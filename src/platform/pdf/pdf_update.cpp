@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <qpdf/QPDFXRefEntry.hh>
+#include "platform/pdf/qpdf_document.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -138,18 +139,6 @@ std::string appearance_stream(const std::string& text, double width, int font) {
          ">>\nstream\n" + content + "\nendstream";
 }
 
-std::string pdf_date(std::chrono::sys_seconds t) {
-  auto days = std::chrono::floor<std::chrono::days>(t);
-  std::chrono::year_month_day ymd{days};
-  std::chrono::hh_mm_ss hms{t - days};
-  char buf[40];
-  std::snprintf(buf, sizeof buf, "D:%04d%02u%02u%02d%02d%02d+00'00'", static_cast<int>(ymd.year()),
-                static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
-                static_cast<int>(hms.hours().count()), static_cast<int>(hms.minutes().count()),
-                static_cast<int>(hms.seconds().count()));
-  return buf;
-}
-
 void write_table(Writer& w, const std::string& trailer_keys) {
   std::uint64_t xref_at = w.here();
   std::string x = "xref\n";
@@ -252,7 +241,7 @@ PreparedSignature prepare_signature(Document& doc, const SignatureRequest& reque
         "<</Type/Sig/Filter/" + request.filter + "/SubFilter/" + request.sub_filter;
     if (!request.name.empty()) sigdict += "/Name" + text_string(request.name);
     if (!request.reason.empty()) sigdict += "/Reason" + text_string(request.reason);
-    sigdict += "/M" + literal_string(pdf_date(request.signing_time)) + "/ByteRange ";
+    sigdict += "/M" + literal_string(request.date) + "/ByteRange ";
     std::size_t sig_start = w.out.size() + std::to_string(sig).size() + 7;
     std::size_t byte_range_at = sig_start + sigdict.size();
     sigdict += std::string(kByteRangeWidth, ' ') + "/Contents ";

@@ -1,9 +1,9 @@
 // The incremental update that adds a signature field to a document: the original bytes stay
-// as they are, the update is appended after them.
+// as they are, the update is appended after them. (C++17: under clang these files are
+// compiled as C++17, see src/CMakeLists.txt.)
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -17,7 +17,7 @@ struct SignatureRequest {
   std::string sub_filter = "adbe.pkcs7.detached";
   std::string name;    // /Name (UTF-8); empty: left out
   std::string reason;  // /Reason (UTF-8); empty: left out
-  std::chrono::sys_seconds signing_time{};
+  std::string date;    // /M, as pdf_date writes it
   // A visible widget on the first page showing this text; empty: a zero-size widget
   // without an appearance.
   std::string appearance_text;

@@ -27,7 +27,7 @@ pdf::PreparedSignature sign_placeholder(const std::string& path, const std::stri
   r.name = "Prova";
   r.appearance_text = text;
   r.contents_size = contents;
-  r.signing_time = std::chrono::sys_seconds(std::chrono::seconds(1700000000));
+  r.date = pdf::pdf_date(1700000000);
   auto p = pdf::prepare_signature(*doc, r);
   pdf::append_update(path, p);
   return p;
