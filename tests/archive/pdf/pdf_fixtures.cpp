@@ -76,8 +76,46 @@ std::string hand_pdf(const HandPdf& o) {
   return pdf;
 }
 
+std::string hybrid_pdf() {
+  std::string objstm_objects = "<</Type/Catalog/Pages 2 0 R>>\n<</Type/Pages/Kids[3 0 R]/Count 1>>";
+  std::string header = "1 0 2 " + std::to_string(objstm_objects.find("\n") + 1) + " ";
+  std::string objstm_data = header + objstm_objects;
+  std::string content = "BT /F1 24 Tf 72 720 Td (Documento ibrido) Tj ET";
+  std::string pdf = "%PDF-1.5\n%\xE2\xE3\xCF\xD3\n";
+  std::map<int, std::size_t> at;
+  auto object = [&](int n, const std::string& body) {
+    at[n] = pdf.size();
+    pdf += std::to_string(n) + " 0 obj\n" + body + "\nendobj\n";
+  };
+  object(3,
+         "<</Type/Page/Parent 2 0 R/MediaBox[0 0 595 842]/Resources<</Font<</F1 5 0 R>>>>"
+         "/Contents 4 0 R>>");
+  object(4,
+         "<</Length " + std::to_string(content.size()) + ">>\nstream\n" + content + "\nendstream");
+  object(5, "<</Type/Font/Subtype/Type1/BaseFont/Helvetica>>");
+  object(7, "<</Type/ObjStm/N 2/First " + std::to_string(header.size()) + "/Length " +
+                std::to_string(objstm_data.size()) + ">>\nstream\n" + objstm_data + "\nendstream");
+  // The stream lists the two compressed objects: type 2, in object stream 7, at index 0 and 1.
+  std::string entries = std::string("\x02\x00\x07\x00", 4) + std::string("\x02\x00\x07\x01", 4);
+  object(8,
+         "<</Type/XRef/Size 9/Index[1 2]/W[1 2 1]/Length 8>>\nstream\n" + entries + "\nendstream");
+  std::size_t xref = pdf.size();
+  pdf += "xref\n0 9\n";
+  for (int n = 0; n < 9; ++n) {
+    char e[32];
+    if (at.count(n))
+      std::snprintf(e, sizeof e, "%010zu 00000 n \n", at[n]);
+    else
+      std::snprintf(e, sizeof e, "0000000000 65535 f \n");
+    pdf += e;
+  }
+  pdf += "trailer\n<</Size 9/Root 1 0 R/XRefStm " + std::to_string(at[8]) + ">>\nstartxref\n" +
+         std::to_string(xref) + "\n%%EOF\n";
+  return pdf;
+}
+
 std::vector<std::string> producer_kinds() {
-  return {"gs", "qpdf", "qpdf-stream", "linearized", "cairo", "pdfunite"};
+  return {"gs", "qpdf", "qpdf-stream", "linearized", "cairo", "pdfunite", "hybrid"};
 }
 
 std::string produce_pdf(const std::string& kind, const std::string& dir) {
@@ -133,6 +171,10 @@ std::string produce_pdf(const std::string& kind, const std::string& dir) {
     write_file(hand, hand_pdf());
     if (gs.empty()) return "";
     return run({"pdfunite", gs, hand, out}).exit_code == 0 ? out : "";
+  }
+  if (kind == "hybrid") {
+    write_file(out, hybrid_pdf());
+    return out;
   }
   throw std::invalid_argument("no producer " + kind);
 }

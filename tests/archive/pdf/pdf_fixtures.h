@@ -17,9 +17,14 @@ struct HandPdf {
 // A small document with a classic cross-reference table, written byte by byte.
 std::string hand_pdf(const HandPdf& options = {});
 
+// A hybrid document: a classic table whose trailer names a cross-reference stream (/XRefStm)
+// for the catalog and page tree, which sit in an object stream.
+std::string hybrid_pdf();
+
 // A document from a producer; the path of the file made, or "" when the producer is missing.
 // kind: "gs" (ps2pdf), "qpdf" (classic table), "qpdf-stream" (cross-reference stream),
-// "linearized" (qpdf --linearize), "cairo" (a pycairo script), "pdfunite".
+// "linearized" (qpdf --linearize), "cairo" (a pycairo script), "pdfunite", and "hybrid"
+// (hybrid_pdf, made here: no producer at hand writes one).
 std::string produce_pdf(const std::string& kind, const std::string& dir);
 std::vector<std::string> producer_kinds();
 

@@ -233,6 +233,27 @@ TEST(PdfWriter, CrossReferenceStreamsGetAStreamAndMissingLineBreaksAreAdded) {
       << xref.out;
 }
 
+TEST(PdfWriter, HybridFilesGetATableAndCompressedObjectsAreWrittenPlainly) {
+  test::TempDir d;
+  std::string original = test::hybrid_pdf();
+  test::write_file(d / "hybrid.pdf", original);
+  EXPECT_EQ(Document::open(d / "hybrid.pdf")->xref_kind(), pdf::XrefKind::Hybrid);
+  sign_placeholder(d / "hybrid.pdf", "Firmato: Prova");
+  std::string update = update_text(d / "hybrid.pdf", original.size());
+  EXPECT_NE(update.find("\nxref\n"), std::string::npos);
+  EXPECT_EQ(update.find("/Type/XRef"), std::string::npos);
+  // The catalog lived in the object stream; its new version is a plain object of the update.
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(update, m, std::regex(R"(\n1 0 obj\n(<<.*>>)\nendobj)")));
+  EXPECT_NE(m[1].str().find("/Pages 2 0 R"), std::string::npos) << m[1];
+  EXPECT_NE(m[1].str().find("/AcroForm "), std::string::npos) << m[1];
+  EXPECT_EQ(Document::open(d / "hybrid.pdf")->signatures().size(), 1u);
+  if (test::have_program("qpdf")) {
+    auto check = test::run({"qpdf", "--check", d / "hybrid.pdf"});
+    EXPECT_EQ(check.exit_code, 0) << check.out << check.err;
+  }
+}
+
 TEST(PdfWriter, AnExistingFormKeepsItsFieldsAndOnlyChangedObjectsAreWritten) {
   test::TempDir d;
   test::HandPdf h;
