@@ -31,8 +31,8 @@ struct PdfSignResult {
 };
 
 // Signs a PDF document into output (empty: the input itself is replaced, only once signing
-// succeeded). The input is never edited in place: a temporary copy is signed and then copied
-// to the output. Throws tessarel::Exception with a clear message (encrypted or damaged
+// succeeded). The input is never edited in place: a copy made beside the output is signed and
+// then renamed over it. Throws tessarel::Exception with a clear message (encrypted or damaged
 // document, wrong PFX password, certificate without key, output not writable, output naming
 // the input); the input and an existing output are unchanged then, and no temporary file is
 // left.

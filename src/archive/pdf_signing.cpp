@@ -265,11 +265,7 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
     throw Exception("the output " + output +
                     " is the document being signed; leave the output out to sign it in place");
 
-  std::string temp = MakeTempFile("tessarel");
-  ScopeExit remove_temp([&] { ::unlink(temp.c_str()); });
-  CopyFileStream(input, temp);
-  auto doc = pdf::Document::open(temp, {}, input);
-
+  // The certificate first: a wrong password or identifier costs no copy of the document.
   std::optional<PdfSigner> signer;
   if (!options.pfx.empty()) {
     signer = from_pfx(options.pfx, options.pfx_password);
@@ -286,6 +282,18 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
                           : "certificate " + options.cert_id + " is not in the personal store");
     signer = PdfSigner{*it, store->signing_key(*it), {}};
   }
+  // The copy that gets signed is made beside the output and renamed over it at the end: one
+  // copy of the document instead of two, and readers of the output see the old file or the
+  // signed one, never a part. Replacing data that existed is forced to disk first.
+  struct stat st {};
+  bool existed = ::stat(dest.c_str(), &st) == 0;
+  InputFile in(input);
+  AtomicFileWriter writer(dest);
+  if (existed && S_ISREG(st.st_mode)) ::fchmod(writer.fd(), st.st_mode & 07777);
+  CopyAll(in, writer.fd(), writer.temp_path());
+  const std::string& temp = writer.temp_path();
+  auto doc = pdf::Document::open(temp, {}, input);
+
   PdfSignatureSettings settings =
       settings_for(options.reason, options.name, options.invisible, signer->cert);
   settings.pades = options.pades;
@@ -302,12 +310,8 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
   result.field = SignPdfDocument(*doc, temp, *signer, settings);
   result.signer = signer->cert.subject_text();
   result.output = dest;
-  try {
-    deliver(temp, dest);
-  } catch (const std::exception& e) {
-    throw Exception(std::string("Failed to save temporary file: ") + e.what());
-  }
-  struct stat st {};
+  doc.reset();
+  writer.commit(existed);
   if (::stat(dest.c_str(), &st) == 0) result.size = static_cast<std::uint64_t>(st.st_size);
   return result;
 }
