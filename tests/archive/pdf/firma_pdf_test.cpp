@@ -11,10 +11,10 @@
 #include <sstream>
 
 #include "archive/pdf_signing.h"
+#include "frontends/scripted_ui.h"
 #include "pdf_fixtures.h"
 #include "platform/crypto/pkcs12.h"
 #include "platform/pdf/pdf_document.h"
-#include "frontends/scripted_ui.h"
 #include "tessarel/exports.h"
 #include "tessarel/pdf.h"
 #include "tessarel/sign_e_archivia.h"
