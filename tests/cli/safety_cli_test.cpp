@@ -1,13 +1,13 @@
 // What a user meets from the command line when the input is unusual: empty files, pipes,
 // outputs that are links, devices or the input itself, several archivers at once, and
 // record parameters and types that would break the index.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "test_support.h"
 
@@ -200,14 +200,20 @@ TEST_F(SafetyCli, OutputsThatAreNotPlainNewFilesKeepWhatTheyAre) {
     EXPECT_TRUE(fs::is_character_file(null_dev));
   }
 
-  // A FIFO is written into; its reader gets the content.
+  // A FIFO is written into; its reader, there before the writer, gets the content.
   std::string fifo = dir_ / "fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  std::string received;
-  std::thread reader([&] { received = test::read_file(fifo); });
+  int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  ::fcntl(reader, F_SETFL, 0);
   auto r = cli({"extract", env, "-o", fifo});
-  reader.join();
   EXPECT_EQ(r.exit_code, 0) << r.err;
+  std::string received;
+  char buf[64];
+  // With no writer left, the read ends at once: a replaced FIFO cannot make this wait.
+  for (ssize_t n; (n = ::read(reader, buf, sizeof buf)) > 0;)
+    received.append(buf, static_cast<std::size_t>(n));
+  ::close(reader);
   EXPECT_TRUE(fs::is_fifo(fifo));
   EXPECT_EQ(received, "alpha\n");
 
@@ -219,14 +225,18 @@ TEST_F(SafetyCli, OutputsThatAreNotPlainNewFilesKeepWhatTheyAre) {
 
 TEST_F(SafetyCli, ConcurrentArchiversLoseNothing) {
   constexpr int kWriters = 16;
-  std::string command = "pids=; ";
+  // Every writer waits at a start line (a lock the shell holds), so they all open the
+  // archive at the same moment; each archives two documents.
+  std::string command = "exec 9> start.lock; flock -x 9; ";
   for (int i = 0; i < kWriters; ++i) {
-    test::write_file(dir_ / ("d" + std::to_string(i) + ".txt"), "documento " + std::to_string(i));
-    command += tessarel() + " --quiet archive add '" + arch_ + "' --type T d" + std::to_string(i) +
-               ".txt > out" + std::to_string(i) + " 2> err" + std::to_string(i) + "; echo $? > rc" +
-               std::to_string(i) + " & ";
+    std::string n = std::to_string(i);
+    test::write_file(dir_ / ("d" + n + "a.txt"), "documento " + n + "a");
+    test::write_file(dir_ / ("d" + n + "b.txt"), "documento " + n + "b");
+    command += "(flock -s start.lock true; " + tessarel() + " --quiet archive add '" + arch_ +
+               "' --type T d" + n + "a.txt d" + n + "b.txt > out" + n + " 2> err" + n +
+               "; echo $? > rc" + n + ") 9>&- & ";
   }
-  command += "wait";
+  command += "sleep 1; flock -u 9; wait";
   ASSERT_EQ(shell(command).exit_code, 0);
   int succeeded = 0;
   for (int i = 0; i < kWriters; ++i) {
@@ -234,10 +244,10 @@ TEST_F(SafetyCli, ConcurrentArchiversLoseNothing) {
     EXPECT_EQ(rc, "0\n") << test::read_file(dir_ / ("err" + std::to_string(i)));
     succeeded += rc == "0\n";
   }
-  EXPECT_EQ(records(), static_cast<std::size_t>(succeeded));
+  EXPECT_EQ(records(), static_cast<std::size_t>(2 * succeeded));
   auto r = cli({"archive", "verify", arch_});
   EXPECT_EQ(r.exit_code, 0) << r.out;
-  EXPECT_NE(r.out.find(std::to_string(kWriters) + " records, " + std::to_string(2 * kWriters) +
+  EXPECT_NE(r.out.find(std::to_string(2 * kWriters) + " records, " + std::to_string(4 * kWriters) +
                        " files checked, 0 problems"),
             std::string::npos)
       << r.out;
