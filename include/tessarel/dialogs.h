@@ -15,7 +15,7 @@ namespace tessarel {
 // Result of a modal dialog, with the numeric values hosts know.
 enum class ModalResult : int { None = 0, Ok = 1, Cancel = 2, Yes = 6, No = 7 };
 
-// Password prompt for a PFX file.
+// Password prompt for a PFX file, or for the PIN of a token (its caption then names it).
 class TESSAREL_API TPasswordRequestForm {
  public:
   static constexpr const char* kCaption = "Richiesta Password";
@@ -28,6 +28,8 @@ class TESSAREL_API TPasswordRequestForm {
   TPasswordRequestForm& operator=(const TPasswordRequestForm&) = delete;
   ~TPasswordRequestForm();  // wipes the password
 
+  // The window's title; the caller may name what the password is for.
+  std::string Caption = kCaption;
   // The password field, edited by the front end; shown masked.
   std::string edtPassword;
 

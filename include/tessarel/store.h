@@ -3,11 +3,15 @@
 // The default store is a folder: $TESSAREL_STORE when set, else $XDG_DATA_HOME/tessarel/MY
 // (~/.local/share/tessarel/MY). Its order is insertion order, stable between calls and
 // between processes; every write is atomic and serialised by an advisory lock.
+//
+// A location that is a PKCS#11 URI (RFC 7512, "pkcs11:token=...") selects the certificates
+// of smart cards, USB tokens or HSMs instead; their keys never leave the token.
 #ifndef TESSAREL_STORE_H
 #define TESSAREL_STORE_H
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +30,10 @@ class TESSAREL_API SigningKey {
   virtual int bits() const = 0;
   // RSA: PKCS#1 v1.5 over a DigestInfo for alg. DSA/ECDSA: DER Dss-Sig-Value.
   virtual Bytes sign_digest(DigestAlgorithm alg, const Bytes& digest) const = 0;
+  // RSASSA-PSS over a ready digest made with alg: MGF1 with mgf_alg, a salt of salt_len
+  // bytes. Keys that cannot make such signatures raise tessarel::Exception (the default).
+  virtual Bytes sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
+                                int salt_len) const;
 };
 
 class TESSAREL_API CertStore {
@@ -61,7 +69,7 @@ TESSAREL_API std::string default_store_location();
 // shared store snapshot, so the next lookup reads the newly selected store.
 TESSAREL_API void set_store_location(const std::string& location);
 TESSAREL_API std::string store_location();
-// Opens a store by location (a folder path). Throws when it cannot be opened.
+// Opens a store by location (a folder path or a pkcs11: URI). Throws when it cannot be opened.
 TESSAREL_API std::shared_ptr<CertStore> open_store(const std::string& location);
 // The personal store selected for this process.
 TESSAREL_API std::shared_ptr<CertStore> personal_store();
@@ -70,6 +78,45 @@ TESSAREL_API std::shared_ptr<CertStore> personal_store();
 // raises tessarel::Exception and leaves the store unchanged. Returns the certificate.
 TESSAREL_API Certificate import_pkcs12(CertStore& store, const Bytes& pfx,
                                        const std::string& password);
+
+// Where the PIN of a PKCS#11 token comes from when the library has to log in: the token's
+// label in, the PIN out (nullopt: the user declined). Without a provider (or after
+// nullptr) the PIN is asked with the Ui's password form, its caption naming the token. A
+// token with its own PIN pad is never asked through either.
+using PinProvider = std::function<std::optional<std::string>(const std::string& token_label)>;
+TESSAREL_API void set_pin_provider(PinProvider provider);
+
+// PKCS#11 modules, their slots and tokens, as `tessarel token list` shows them.
+struct TokenSlotInfo {
+  unsigned long slot_id = 0;
+  std::string slot_description;
+  bool token_present = false;
+  bool token_initialized = false;
+  std::string label;
+  std::string manufacturer;
+  std::string model;
+  std::string serial;
+  bool login_required = false;
+  bool pin_pad = false;  // protected authentication path
+  bool pin_initialized = false;
+  bool pin_count_low = false;
+  bool pin_final_try = false;
+  bool pin_locked = false;
+  bool write_protected = false;
+  std::string uri;  // a pkcs11: URI that selects this token
+};
+struct TokenModuleInfo {
+  std::string name;  // p11-kit's name for it, or its path
+  std::string path;
+  std::string description;
+  std::string manufacturer;
+  std::string version;
+  std::string error;  // why it could not be used ("" when it could)
+  std::vector<TokenSlotInfo> slots;
+};
+// The modules a URI names (module-path, module-name), else every module of p11-kit's
+// configuration; the tokens shown are those the URI's token attributes select.
+TESSAREL_API std::vector<TokenModuleInfo> list_tokens(const std::string& uri = "pkcs11:");
 
 // Receives non-fatal warnings (skipped store files and the like). The default handler
 // writes them to stderr; nullptr restores it.

@@ -5,6 +5,7 @@
 #include "boundary/cert_lookup.h"
 #include "platform/crypto/pkcs12.h"
 #include "platform/store/file_store.h"
+#include "platform/store/token_store.h"
 #include "tessarel/errors.h"
 #include "tessarel/store.h"
 
@@ -42,8 +43,7 @@ std::string store_location() {
 }
 
 std::shared_ptr<CertStore> open_store(const std::string& location) {
-  if (location.rfind("pkcs11:", 0) == 0)
-    throw Exception("PKCS#11 token stores are not supported by this build: " + location);
+  if (p11::Pkcs11Uri::is_uri(location)) return std::make_shared<TokenCertStore>(location);
   return std::make_shared<FileCertStore>(location);
 }
 

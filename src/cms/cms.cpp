@@ -283,6 +283,60 @@ Bytes DigestContent(const TElCMSContent* content, DigestAlgorithm alg,
   return hasher.finish();
 }
 
+bool ReadPssParams(const Bytes& params, DigestAlgorithm& hash, DigestAlgorithm& mgf, int& salt) {
+  hash = mgf = DigestAlgorithm::SHA1;
+  salt = 20;
+  if (params.empty()) return true;
+  try {
+    Parsed p(params);
+    if (!p.root.is_universal(16)) return p.root.is_universal(asn1::kNull);
+    for (const auto& f : p.root.children) {
+      if (!f.is_context(0) && !f.is_context(1) && !f.is_context(2) && !f.is_context(3))
+        return false;
+      if (f.children.empty()) return false;
+      const BerNode& inner = f.children[0];
+      if (f.tag_number == 0) {
+        hash = crypto::digest_from_oid(asn1::ReadOid(p.src, inner.children.at(0)));
+      } else if (f.tag_number == 1) {
+        const BerNode& mgf_alg = inner.children.at(1);
+        mgf = crypto::digest_from_oid(asn1::ReadOid(p.src, mgf_alg.children.at(0)));
+      } else if (f.tag_number == 2) {
+        salt = static_cast<int>(asn1::ReadSmallInteger(p.src, inner));
+      }
+    }
+    return hash != DigestAlgorithm::Unknown && mgf != DigestAlgorithm::Unknown && salt >= 0;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+Bytes EncodePssParams(DigestAlgorithm hash, DigestAlgorithm mgf, int salt) {
+  // DER leaves out the fields that equal their defaults (SHA-1, MGF1 with SHA-1, 20, 1).
+  asn1::DerWriter w;
+  w.begin(asn1::kSequence);
+  if (hash != DigestAlgorithm::SHA1)
+    w.begin(asn1::context_constructed(0))
+        .begin(asn1::kSequence)
+        .oid(crypto::digest_oid(hash))
+        .null()
+        .end()
+        .end();
+  if (mgf != DigestAlgorithm::SHA1)
+    w.begin(asn1::context_constructed(1))
+        .begin(asn1::kSequence)
+        .oid(cms_oid::kMgf1)
+        .begin(asn1::kSequence)
+        .oid(crypto::digest_oid(mgf))
+        .null()
+        .end()
+        .end()
+        .end();
+  if (salt != 20)
+    w.begin(asn1::context_constructed(2)).integer(static_cast<std::uint64_t>(salt)).end();
+  w.end();
+  return w.finish();
+}
+
 // ---- TElCMSSignature ----
 
 void TElCMSSignature::SetDigestAlgorithm(DigestAlgorithm alg) {
@@ -401,16 +455,34 @@ void TElCMSSignature::Sign(const Certificate& cert, const SigningKey* key,
         key->bits() <= 1024 ? DigestAlgorithm::SHA1 : DigestAlgorithm::SHA256;
     if (digest_alg != dsa_hash) throw EElCMSError("Invalid hash algorithm");
   }
-  if (kind != KeyKind::Rsa && kind != KeyKind::Ec && kind != KeyKind::Dsa)
+  if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss && kind != KeyKind::Ec &&
+      kind != KeyKind::Dsa)
     throw EElCMSError("Unsupported algorithm: " + std::to_string(static_cast<int>(kind)));
-  if (FUsePSS && kind == KeyKind::Rsa)
-    throw EElCMSError("Unsupported algorithm: RSASSA-PSS signing is not offered");
 
-  FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-  if (kind == KeyKind::Rsa) {
+  // An RSA-PSS key (its certificate says id-RSASSA-PSS) signs only with PSS, with the
+  // parameters its certificate fixes; an RSA key does when asked to. Without parameters:
+  // MGF1 with the digest algorithm and a salt as long as the digest.
+  if (kind == KeyKind::RsaPss || (FUsePSS && kind == KeyKind::Rsa)) {
+    DigestAlgorithm hash = digest_alg, mgf = digest_alg;
+    int salt = static_cast<int>(crypto::digest_size(digest_alg));
+    if (kind == KeyKind::RsaPss) {
+      Parsed spki(cert.public_key_der());
+      const BerNode& alg = spki.root.children.at(0);
+      if (alg.children.size() > 1 && !alg.children[1].is_universal(asn1::kNull)) {
+        if (!ReadPssParams(asn1::ElementBytes(spki.src, alg.children[1]), hash, mgf, salt))
+          throw EElCMSError("Invalid RSASSA-PSS parameters in the certificate");
+        if (hash != digest_alg) throw EElCMSError("Invalid hash algorithm");
+      }
+    }
+    FPKCS7Signer.EncryptedDigest = key->sign_digest_pss(digest_alg, to_sign, mgf, salt);
+    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kRsaPss;
+    FPKCS7Signer.DigestEncryptionAlgorithmParams = EncodePssParams(hash, mgf, salt);
+  } else if (kind == KeyKind::Rsa) {
+    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
     FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kRsaEncryption;
     FPKCS7Signer.DigestEncryptionAlgorithmParams = {asn1::kNull, 0x00};
   } else if (kind == KeyKind::Dsa) {
+    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
     FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kDsa;
     FPKCS7Signer.DigestEncryptionAlgorithmParams.clear();
   } else {
@@ -425,6 +497,7 @@ void TElCMSSignature::Sign(const Certificate& cert, const SigningKey* key,
       if (d == digest_alg) FPKCS7Signer.DigestEncryptionAlgorithm = o;
     if (FPKCS7Signer.DigestEncryptionAlgorithm.empty()) throw EElCMSError("Invalid hash algorithm");
     FPKCS7Signer.DigestEncryptionAlgorithmParams.clear();
+    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
   }
   FPKCS7Signer.Version = 1;
   FPKCS7Signer.SubjectKeyIdentifier.clear();

@@ -40,6 +40,11 @@ inline constexpr const char* kDsa = "1.2.840.10040.4.1";
 inline constexpr const char* kEcPublicKey = "1.2.840.10045.2.1";
 }  // namespace cms_oid
 
+// RSASSA-PSS-params (RFC 4055). Reading fills in the defaults of absent fields (SHA-1, MGF1
+// with SHA-1, salt 20); false when the parameters cannot be read.
+bool ReadPssParams(const Bytes& params, DigestAlgorithm& hash, DigestAlgorithm& mgf, int& salt);
+Bytes EncodePssParams(DigestAlgorithm hash, DigestAlgorithm mgf, int salt);
+
 // One attribute: its type and the DER encodings of its values.
 struct TElPKCS7Attribute {
   std::string oid;

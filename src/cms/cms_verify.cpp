@@ -33,34 +33,6 @@ std::optional<Certificate> find_certificate(const TElSignedCMSMessage& m, const 
   return std::nullopt;
 }
 
-// RSASSA-PSS-params: hash, MGF1 hash, salt length (defaults SHA-1, SHA-1, 20).
-bool pss_params(const Bytes& params, DigestAlgorithm& hash, DigestAlgorithm& mgf, int& salt) {
-  hash = mgf = DigestAlgorithm::SHA1;
-  salt = 20;
-  if (params.empty()) return true;
-  try {
-    ParsedValue p(params);
-    if (!p.root.is_universal(16)) return p.root.is_universal(asn1::kNull);
-    for (const auto& f : p.root.children) {
-      if (!f.is_context(0) && !f.is_context(1) && !f.is_context(2) && !f.is_context(3))
-        return false;
-      if (f.children.empty()) return false;
-      const BerNode& inner = f.children[0];
-      if (f.tag_number == 0) {
-        hash = crypto::digest_from_oid(asn1::ReadOid(p.src, inner.children.at(0)));
-      } else if (f.tag_number == 1) {
-        const BerNode& mgf_alg = inner.children.at(1);
-        mgf = crypto::digest_from_oid(asn1::ReadOid(p.src, mgf_alg.children.at(0)));
-      } else if (f.tag_number == 2) {
-        salt = static_cast<int>(asn1::ReadSmallInteger(p.src, inner));
-      }
-    }
-    return hash != DigestAlgorithm::Unknown && mgf != DigestAlgorithm::Unknown && salt >= 0;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
 bool verify_value(const Certificate& cert, const TElPKCS7Signer& s, DigestAlgorithm digest_alg,
                   const Bytes& data_digest, std::string& problem) {
   crypto::PublicKey key = crypto::PublicKey::from_certificate(cert);
@@ -69,7 +41,7 @@ bool verify_value(const Certificate& cert, const TElPKCS7Signer& s, DigestAlgori
     if (alg == cms_oid::kRsaPss) {
       DigestAlgorithm h, mgf;
       int salt;
-      if (!pss_params(s.DigestEncryptionAlgorithmParams, h, mgf, salt)) {
+      if (!ReadPssParams(s.DigestEncryptionAlgorithmParams, h, mgf, salt)) {
         problem = "unreadable RSASSA-PSS parameters";
         return false;
       }

@@ -36,8 +36,7 @@ ModalResult ScriptedUi::message_box(MessageKind kind, MessageButtons buttons,
 }
 
 ModalResult ScriptedUi::password(TPasswordRequestForm& form) {
-  shown.push_back(
-      {"password", MessageKind::Plain, MessageButtons::OkCancel, TPasswordRequestForm::kCaption});
+  shown.push_back({"password", MessageKind::Plain, MessageButtons::OkCancel, form.Caption});
   if (passwords_.empty()) no_answer("password form", "");
   PasswordAnswer a = std::move(passwords_.front());
   passwords_.pop_front();

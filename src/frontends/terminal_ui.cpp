@@ -141,7 +141,7 @@ ModalResult TerminalUi::message_box(MessageKind kind, MessageButtons buttons,
 }
 
 ModalResult TerminalUi::password(TPasswordRequestForm& form) {
-  write(std::string("== ") + TPasswordRequestForm::kCaption + " ==\n");
+  write("== " + form.Caption + " ==\n");
   // Echo goes off before the prompt shows, so nothing typed after it is ever displayed.
   EchoOff no_echo(in_);
   write(std::string(TPasswordRequestForm::kLabel) + " ");

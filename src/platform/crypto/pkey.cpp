@@ -203,4 +203,47 @@ Bytes PrivateKey::sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, Dige
   return sign_with(key_.get(), alg, digest, true, mgf_alg, salt_len);
 }
 
+namespace {
+// A secret number: the BIGNUM is cleared as it is freed.
+Bytes secret_bn(const PrivateKey& key, const char* name) {
+  BIGNUM* bn = nullptr;
+  if (EVP_PKEY_get_bn_param(key.get(), name, &bn) != 1 || !bn)
+    throw_openssl(std::string("Cannot read the key's ") + name);
+  Bytes out(static_cast<std::size_t>(BN_num_bytes(bn)));
+  BN_bn2bin(bn, out.data());
+  BN_clear_free(bn);
+  return out;
+}
+}  // namespace
+
+void PrivateKeyParts::wipe() noexcept {
+  for (Bytes* b : {&n, &e, &d, &p, &q, &dp, &dq, &qinv, &ec_private})
+    tessarel::wipe(*b);
+}
+
+PrivateKeyParts private_key_parts(const PrivateKey& key) {
+  PrivateKeyParts parts;
+  parts.kind = key.kind();
+  try {
+    if (parts.kind == KeyKind::Rsa || parts.kind == KeyKind::RsaPss) {
+      parts.n = secret_bn(key, OSSL_PKEY_PARAM_RSA_N);
+      parts.e = secret_bn(key, OSSL_PKEY_PARAM_RSA_E);
+      parts.d = secret_bn(key, OSSL_PKEY_PARAM_RSA_D);
+      parts.p = secret_bn(key, OSSL_PKEY_PARAM_RSA_FACTOR1);
+      parts.q = secret_bn(key, OSSL_PKEY_PARAM_RSA_FACTOR2);
+      parts.dp = secret_bn(key, OSSL_PKEY_PARAM_RSA_EXPONENT1);
+      parts.dq = secret_bn(key, OSSL_PKEY_PARAM_RSA_EXPONENT2);
+      parts.qinv = secret_bn(key, OSSL_PKEY_PARAM_RSA_COEFFICIENT1);
+    } else if (parts.kind == KeyKind::Ec) {
+      parts.ec_private = secret_bn(key, OSSL_PKEY_PARAM_PRIV_KEY);
+    } else {
+      throw Exception("Only RSA and EC keys can be put on a token");
+    }
+  } catch (...) {
+    parts.wipe();
+    throw;
+  }
+  return parts;
+}
+
 }  // namespace tessarel::crypto

@@ -71,6 +71,16 @@ class PrivateKey {
   EvpPkeyPtr key_;
 };
 
+// The numbers of an RSA or EC private key, big-endian, for handing the key to a token.
+// Everything here is secret: the caller wipes it (wipe()).
+struct PrivateKeyParts {
+  KeyKind kind = KeyKind::Unknown;
+  Bytes n, e, d, p, q, dp, dq, qinv;  // RSA and RSA-PSS
+  Bytes ec_private;                   // EC: the private scalar
+  void wipe() noexcept;
+};
+PrivateKeyParts private_key_parts(const PrivateKey& key);
+
 // EVP_PKEY of a certificate's public key (new reference).
 EvpPkeyPtr certificate_public_key(const Certificate& cert);
 

@@ -50,6 +50,12 @@ class FileSigningKey : public SigningKey {
   Bytes sign_digest(DigestAlgorithm alg, const Bytes& digest) const override {
     return key_.sign_digest(alg, digest);
   }
+  Bytes sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
+                        int salt_len) const override {
+    if (key_.kind() != KeyKind::Rsa && key_.kind() != KeyKind::RsaPss)
+      return SigningKey::sign_digest_pss(alg, digest, mgf_alg, salt_len);
+    return key_.sign_digest_pss(alg, digest, mgf_alg, salt_len);
+  }
 
  private:
   crypto::PrivateKey key_;
@@ -259,6 +265,9 @@ Bytes FileCertStore::export_pkcs12(const Certificate& cert, const std::string& p
 
 namespace tessarel {
 SigningKey::~SigningKey() = default;
+Bytes SigningKey::sign_digest_pss(DigestAlgorithm, const Bytes&, DigestAlgorithm, int) const {
+  throw Exception("This key cannot make RSASSA-PSS signatures");
+}
 CertStore::~CertStore() = default;
 std::string CertStore::change_stamp() {
   return {};
