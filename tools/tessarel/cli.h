@@ -18,6 +18,7 @@ namespace tessarel::cli {
 
 struct Globals {
   std::string store;   // --store
+  std::string pin;     // --pin (a source, never the PIN itself)
   std::string ui;      // --ui
   bool json = false;   // --json
   bool quiet = false;  // --quiet
@@ -54,6 +55,12 @@ std::optional<std::string> read_password(const std::string& source, const std::s
 
 // Validates a password source on the command line (a malformed one is a usage error).
 CLI::Validator password_source();
+// The same for a PIN source: env:, file: or fd: (there is no empty PIN to write as pass:).
+CLI::Validator pin_source();
+// Hands the library the PIN from source whenever a token asks for it. The PIN is read once
+// (a descriptor can only be read once) and wiped by forget_pin().
+void use_pin_source(const std::string& source);
+void forget_pin();
 
 // JSON text helpers for --json output.
 std::string json_string(const std::string& s);

@@ -90,6 +90,38 @@ CLI::Validator password_source() {
       "SRC");
 }
 
+CLI::Validator pin_source() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        for (const char* prefix : {"env:", "file:", "fd:"})
+          if (value.rfind(prefix, 0) == 0) return {};
+        return "PIN source must be env:VAR, file:PATH or fd:N (a PIN on the command line would "
+               "be visible to other users)";
+      },
+      "SRC");
+}
+
+namespace {
+std::optional<std::string>& cached_pin() {
+  static std::optional<std::string> pin;
+  return pin;
+}
+}  // namespace
+
+void use_pin_source(const std::string& source) {
+  set_pin_provider([source](const std::string& token) -> std::optional<std::string> {
+    auto& pin = cached_pin();
+    if (!pin) pin = read_password(source, "the PIN of token " + token);
+    return pin;
+  });
+}
+
+void forget_pin() {
+  set_pin_provider(nullptr);
+  if (cached_pin()) wipe(*cached_pin());
+  cached_pin().reset();
+}
+
 std::string json_string(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {

@@ -167,9 +167,13 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string("tessarel ") + tessarel::version());
   app.require_subcommand(1);
   app.fallthrough();
-  app.add_option(
-      "--store", globals().store,
-      "Certificate store folder (default: $TESSAREL_STORE, else ~/.local/share/tessarel/MY)");
+  app.add_option("--store", globals().store,
+                 "Certificate store: a folder, or a PKCS#11 URI (pkcs11:token=...) for a smart "
+                 "card or HSM (default: $TESSAREL_STORE, else ~/.local/share/tessarel/MY)");
+  app.add_option("--pin", globals().pin,
+                 "Where the PIN of a PKCS#11 token comes from: env:VAR, file:PATH or fd:N (else "
+                 "asked when needed)")
+      ->check(pin_source());
   app.add_option("--ui", globals().ui,
                  "Dialogs: auto, qt, terminal or none (default: $TESSAREL_UI, else auto: "
                  "desktop dialogs on a display, else the terminal when stdin is one, else none)")
@@ -206,6 +210,7 @@ int main(int argc, char** argv) {
   }
   try {
     if (!globals().store.empty()) tessarel::set_store_location(globals().store);
+    if (!globals().pin.empty()) use_pin_source(globals().pin);
     install_ui();
     bool ran = false;
     for (auto& [command, action] : actions()) {
@@ -224,6 +229,7 @@ int main(int argc, char** argv) {
     error(e.what());
   }
   std::fflush(stdout);
+  forget_pin();
   tessarel::setUi(nullptr);
   return exit_code();
 }

@@ -20,7 +20,7 @@ namespace tessarel::p11 {
 class LoginCancelled : public Exception {
  public:
   explicit LoginCancelled(const std::string& token)
-      : Exception("PIN entry cancelled for the token \"" + token + "\"") {}
+      : Exception("No PIN was given for the token \"" + token + "\"") {}
 };
 
 // Asks for a PIN: the token's label in, the PIN out (nullopt: cancelled).

@@ -429,7 +429,8 @@ bool TokenCertStore::key_valid(const Certificate& cert) {
       warn("PKCS#11: the token \"" + e->token->label() +
            "\" does not allow the key of certificate " + cert.id() + " to sign");
     return key && key->can_sign;
-  } catch (const LoginCancelled&) {
+  } catch (const LoginCancelled& c) {
+    warn(std::string("PKCS#11: ") + c.what());
     return false;
   }
 }
@@ -442,7 +443,8 @@ std::unique_ptr<SigningKey> TokenCertStore::signing_key(const Certificate& cert)
         Login::Yes, [&](CK_SESSION_HANDLE s) { return find_key(*e->token, s, e->id, cert); });
     if (!key || !key->can_sign) return nullptr;
     return std::make_unique<TokenSigningKey>(e->token, cert, e->id, *key);
-  } catch (const LoginCancelled&) {
+  } catch (const LoginCancelled& c) {
+    warn(std::string("PKCS#11: ") + c.what());
     return nullptr;
   }
 }
