@@ -1,14 +1,18 @@
 #include "platform/store/pkcs11_module.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <p11-kit/p11-kit.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "platform/runtime/warnings.h"
 
@@ -95,6 +99,15 @@ std::map<std::string, std::shared_ptr<Module>>& loaded_modules() {
 }
 }  // namespace
 
+namespace {
+bool same_file(const char* a, const char* b) {
+  struct stat sa {
+  }, sb{};
+  return a && b && ::stat(a, &sa) == 0 && ::stat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
+}  // namespace
+
 Module::Module(std::string path, std::string name, CK_FUNCTION_LIST* fn)
     : path_(std::move(path)), name_(std::move(name)), fn_(fn) {}
 
@@ -113,9 +126,16 @@ std::shared_ptr<Module> Module::load(const std::string& path, const std::string&
     throw Exception("Cannot load the PKCS#11 module \"" + path +
                     "\": " + (e ? e : "unknown error"));
   }
-  auto get_list = reinterpret_cast<CK_C_GetFunctionList>(::dlsym(handle, "C_GetFunctionList"));
-  if (!get_list)
+  // dlsym also searches the libraries the file depends on: a library that merely links
+  // p11-kit would hand out p11-kit's proxy. The entry point must be the file's own.
+  void* entry = ::dlsym(handle, "C_GetFunctionList");
+  Dl_info where{};
+  link_map* map = nullptr;
+  bool own = entry && ::dladdr(entry, &where) && ::dlinfo(handle, RTLD_DI_LINKMAP, &map) == 0 &&
+             map && same_file(where.dli_fname, map->l_name);
+  if (!own)
     throw Exception("\"" + path + "\" is not a PKCS#11 module: it has no C_GetFunctionList");
+  auto get_list = reinterpret_cast<CK_C_GetFunctionList>(entry);
   CK_FUNCTION_LIST* fn = nullptr;
   CK_RV rv = get_list(&fn);
   if (rv != CKR_OK || !fn)
@@ -166,6 +186,12 @@ std::vector<CK_SLOT_ID> Module::slots(bool token_present) const {
 std::optional<CK_TOKEN_INFO> Module::token_info(CK_SLOT_ID slot) const {
   CK_TOKEN_INFO info{};
   CK_RV rv = fn_->C_GetTokenInfo(slot, &info);
+  // A token shared with other processes may fail a read while one of them rewrites its
+  // state (SoftHSM2's file store does, on every login); the question is harmless to repeat.
+  for (int retry = 0; rv == CKR_GENERAL_ERROR && retry < 20; ++retry) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    rv = fn_->C_GetTokenInfo(slot, &info);
+  }
   if (rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_SLOT_ID_INVALID || rv == CKR_DEVICE_REMOVED ||
       rv == CKR_TOKEN_NOT_RECOGNIZED)
     return std::nullopt;

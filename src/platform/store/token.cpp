@@ -74,6 +74,18 @@ bool Token::lost(CK_RV rv) {
          rv == CKR_USER_NOT_LOGGED_IN;
 }
 
+namespace {
+// The token in a slot, or nullopt when none can be read there (a token that is gone may
+// also answer with an error rather than "not present").
+std::optional<CK_TOKEN_INFO> readable_token(const Module& module, CK_SLOT_ID slot) {
+  try {
+    return module.token_info(slot);
+  } catch (const Pkcs11Error&) {
+    return std::nullopt;
+  }
+}
+}  // namespace
+
 void Token::close_locked() {
   if (session_ != CK_INVALID_HANDLE) fn()->C_CloseSession(session_);
   session_ = CK_INVALID_HANDLE;
@@ -84,11 +96,11 @@ void Token::open_locked() {
   if (session_ != CK_INVALID_HANDLE) return;
   // The slot may have changed since the token was found (readers renumbered, the card moved
   // to another reader): look for the same token again.
-  std::optional<CK_TOKEN_INFO> info = module_->token_info(slot_);
+  std::optional<CK_TOKEN_INFO> info = readable_token(*module_, slot_);
   if (!info || !(TokenIdentity::of(*info) == identity_)) {
     info.reset();
     for (CK_SLOT_ID s : module_->slots(true)) {
-      auto i = module_->token_info(s);
+      auto i = readable_token(*module_, s);
       if (i && TokenIdentity::of(*i) == identity_) {
         slot_ = s;
         info = i;
@@ -118,6 +130,15 @@ void Token::open_locked() {
   CK_SESSION_INFO si{};
   logged_in_ = fn()->C_GetSessionInfo(session_, &si) == CKR_OK &&
                (si.state == CKS_RO_USER_FUNCTIONS || si.state == CKS_RW_USER_FUNCTIONS);
+}
+
+void Token::check_present_locked() {
+  auto info = readable_token(*module_, slot_);
+  if (!info || !(TokenIdentity::of(*info) == identity_) || !(info->flags & CKF_TOKEN_INITIALIZED)) {
+    close_locked();
+    throw Exception("The token \"" + identity_.label + "\" (serial " + identity_.serial +
+                    ") is no longer present");
+  }
 }
 
 CK_FLAGS Token::flags_locked() {

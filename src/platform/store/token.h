@@ -75,6 +75,8 @@ class Token {
     }
   }
 
+  // Inside run: raises "no longer present" when the token has left its slot.
+  void check_present_locked();
   // Inside run: a context-specific login for a key that wants the PIN before every use.
   void authenticate_again_locked(CK_SESSION_HANDLE session);
 

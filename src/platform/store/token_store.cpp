@@ -222,7 +222,9 @@ bool key_matches(Token& token, CK_SESSION_HANDLE s, CK_OBJECT_HANDLE key, const 
                                                                    sig);
   } catch (const Pkcs11Error& e) {
     if (Token::lost(e.rv())) throw;
-    return false;
+    // A key the token will not use this way cannot be told apart by signing; the CKA_ID
+    // decides, and signing will say that the token refuses.
+    return refused(e.rv());
   }
 }
 
@@ -276,15 +278,16 @@ class TokenSigningKey : public SigningKey {
     try {
       return token_->run(Login::Yes, [&](CK_SESSION_HANDLE s) {
         // Handles of private objects belong to the session they were found in.
-        if (epoch_ != token_->epoch()) {
-          auto k = find_key(*token_, s, id_, cert_);
-          if (!k)
-            throw Exception("The key of certificate " + cert_.id() +
-                            " is no longer on the token \"" + token_->label() + "\"");
-          key_ = *k;
-          epoch_ = token_->epoch();
+        if (epoch_ != token_->epoch()) relocate(s);
+        try {
+          return f(s, key_);
+        } catch (const Pkcs11Error& e) {
+          // The object went away under a session that stayed open (the token's content
+          // was replaced): look for the key once more.
+          if (e.rv() != CKR_KEY_HANDLE_INVALID && e.rv() != CKR_OBJECT_HANDLE_INVALID) throw;
+          relocate(s);
+          return f(s, key_);
         }
-        return f(s, key_);
       });
     } catch (const Pkcs11Error& e) {
       if (refused(e.rv()))
@@ -295,6 +298,18 @@ class TokenSigningKey : public SigningKey {
     } catch (const LoginCancelled& e) {
       throw Exception(std::string(e.what()) + "; nothing was signed");
     }
+  }
+
+  // Inside run: finds the key again after a new session or a vanished handle.
+  void relocate(CK_SESSION_HANDLE s) const {
+    auto k = find_key(*token_, s, id_, cert_);
+    if (!k) {
+      token_->check_present_locked();
+      throw Exception("The key of certificate " + cert_.id() + " is no longer on the token \"" +
+                      token_->label() + "\"");
+    }
+    key_ = *k;
+    epoch_ = token_->epoch();
   }
 
   std::shared_ptr<Token> token_;
@@ -328,10 +343,15 @@ std::vector<std::shared_ptr<Token>> TokenCertStore::tokens() const {
     }
     for (CK_SLOT_ID slot : slots) {
       if (uri_.slot_id && *uri_.slot_id != slot) continue;
-      auto info = module->token_info(slot);
-      if (!info || !(info->flags & CKF_TOKEN_INITIALIZED)) continue;
-      if (!uri_matches(uri_, *module, module->slot_info(slot), *info)) continue;
-      out.push_back(Token::get(module, slot, *info));
+      try {
+        auto info = module->token_info(slot);
+        if (!info || !(info->flags & CKF_TOKEN_INITIALIZED)) continue;
+        if (!uri_matches(uri_, *module, module->slot_info(slot), *info)) continue;
+        out.push_back(Token::get(module, slot, *info));
+      } catch (const Pkcs11Error& e) {
+        warn(std::string("PKCS#11: skipping slot ") + std::to_string(slot) + " of " +
+             module->name() + ": " + e.what());
+      }
     }
   }
   return out;
