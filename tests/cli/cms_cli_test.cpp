@@ -87,5 +87,25 @@ TEST_F(CmsCli, MissingFilesAndBadEnvelopesAreClearErrors) {
             2);  // a missing argument file is a usage error
 }
 
+// A certificate whose key is RSA-PSS (id-RSASSA-PSS) signs with RSASSA-PSS, with the
+// parameters its key fixes; openssl checks the envelope.
+TEST_F(CmsCli, RsaPssCertificatesSignWithPss) {
+  auto r = cli({"cert", "new", "--cn", "Firma PSS", "--key", "rsa-pss"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::string id = r.out.substr(0, r.out.size() - 1);
+  r = cli({"cert", "show", "--pem", id});
+  test::write_file(dir_ / "pss.pem", r.out);
+  r = cli({"sign", "--cert", id, dir_ / "a.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  auto v = test::run({"openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in",
+                      dir_ / "a.txt.p7m", "-CAfile", dir_ / "pss.pem", "-purpose", "any", "-cades",
+                      "-out", "/dev/null"});
+  EXPECT_EQ(v.exit_code, 0) << v.err;
+  auto p = test::run(
+      {"openssl", "cms", "-cmsout", "-print", "-inform", "DER", "-in", dir_ / "a.txt.p7m"});
+  EXPECT_NE(p.out.find("algorithm: rsassaPss"), std::string::npos) << p.out;
+  EXPECT_EQ(cli({"verify", dir_ / "a.txt.p7m"}).exit_code, 0);
+}
+
 }  // namespace
 }  // namespace tessarel

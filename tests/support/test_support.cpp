@@ -7,6 +7,7 @@
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mount.h>
@@ -14,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -365,6 +367,60 @@ std::string cli_path() {
   // Another build of the program can be put under the same tests (an older one, say).
   if (const char* other = std::getenv("TESSAREL_TEST_CLI"); other && *other) return other;
   return TESSAREL_CLI_PATH;
+}
+
+PtyRun on_terminal(const std::vector<std::string>& args, const std::string& wait_for,
+                   const std::string& keys) {
+  int master = -1;
+  pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    // The terminal is under test, not the desktop dialogs.
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
+    std::vector<char*> argv;
+    for (const auto& a : args)
+      argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  PtyRun r;
+  bool typed = false;
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  char buf[4096];
+  while (std::chrono::steady_clock::now() < end) {
+    pollfd p{master, POLLIN, 0};
+    if (poll(&p, 1, 100) > 0) {
+      ssize_t n = ::read(master, buf, sizeof buf);
+      if (n <= 0) {  // the terminal closed: the program has ended
+        int status = 0;
+        waitpid(pid, &status, 0);
+        r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        break;
+      }
+      r.screen.append(buf, static_cast<std::size_t>(n));
+    }
+    if (!typed && r.screen.find(wait_for) != std::string::npos) {
+      (void)!::write(master, keys.data(), keys.size());
+      typed = true;
+    }
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) {
+      while (poll(&p, 1, 50) > 0) {
+        ssize_t n = ::read(master, buf, sizeof buf);
+        if (n <= 0) break;
+        r.screen.append(buf, static_cast<std::size_t>(n));
+      }
+      r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      break;
+    }
+  }
+  ::close(master);
+  if (r.exit_code < 0) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  return r;
 }
 
 }  // namespace tessarel::test

@@ -129,6 +129,15 @@ class SmallFileSystem {
 // Everything a pseudo-terminal's other side shows within wait (stops once it is quiet).
 std::string read_terminal(int master, int quiet_ms = 200);
 
+struct PtyRun {
+  int exit_code = -1;
+  std::string screen;
+};
+// Runs a program on a new pseudo-terminal, typing keys once the prompt containing
+// `wait_for` is on the screen.
+PtyRun on_terminal(const std::vector<std::string>& args, const std::string& wait_for,
+                   const std::string& keys);
+
 // True when the program is on PATH.
 bool have_program(const std::string& name);
 // The built command-line program.

@@ -1,0 +1,443 @@
+// Smart cards and HSMs through the command line, with SoftHSM2 tokens made in a temporary
+// folder: listing, import, signing with keys that stay on the token, the archive, and what a
+// card user meets (wrong or locked PIN, a pulled token, a refused key, a broken module).
+// Envelopes are checked by openssl and certtool, the closed index by xmlsec1, the keys'
+// protection by pkcs11-tool.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "softhsm.h"
+#include "test_support.h"
+
+namespace tessarel {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TokenCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!test::SoftHsm::available()) GTEST_SKIP() << "SoftHSM2 or pkcs11-tool is not installed";
+    pin_ = "--pin=file:" + hsm_.pin_file();
+    test::write_file(dir_ / "a.txt", "alpha\n");
+    test::write_file(dir_ / "b.txt", "beta\n");
+  }
+  test::CommandResult cli(std::vector<std::string> args, std::vector<std::string> env = {}) {
+    args.insert(args.begin(), test::cli_path());
+    auto e = hsm_.env();
+    e.insert(e.end(), env.begin(), env.end());
+    return test::run(args, e);
+  }
+  // A PKCS#12 file made by openssl, protected by the password in $PFXPW.
+  std::string pfx_of(const test::TestCert& tc, const std::string& name) {
+    std::string key = test::write_key_pem(tc.key, dir_ / (name + ".key"));
+    std::string crt = test::write_pem(tc.cert, dir_ / (name + ".pem"));
+    auto r = test::run({"openssl", "pkcs12", "-export", "-inkey", key, "-in", crt, "-out",
+                        dir_ / (name + ".pfx"), "-passout", "env:PFXPW"},
+                       {"PFXPW=segreto"});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    fs::remove(key);
+    return dir_ / (name + ".pfx");
+  }
+  bool openssl_verifies(const std::string& envelope, const std::string& pem,
+                        const std::string& content = "") {
+    std::vector<std::string> a = {"openssl",  "cms", "-verify", "-binary", "-inform",
+                                  "DER",      "-in", envelope,  "-CAfile", pem,
+                                  "-purpose", "any", "-cades",  "-out",    "/dev/null"};
+    if (!content.empty()) a.insert(a.end(), {"-content", content});
+    auto r = test::run(a);
+    last_ = r.err;
+    return r.exit_code == 0;
+  }
+  bool certtool_verifies(const std::string& envelope, const std::string& pem,
+                         const std::string& content = "") {
+    std::vector<std::string> a = {"certtool", "--p7-verify", "--load-certificate", pem, "--inder",
+                                  "--infile", envelope};
+    if (!content.empty()) a.insert(a.end(), {"--load-data", content});
+    auto r = test::run(a);
+    last_ = r.out + r.err;
+    return r.exit_code == 0;
+  }
+  // The Access line of each private key object pkcs11-tool lists.
+  std::vector<std::string> private_key_access(const std::string& token) {
+    std::vector<std::string> out;
+    std::string listing = hsm_.list_objects(token);
+    std::size_t at = 0;
+    while ((at = listing.find("Private Key Object", at)) != std::string::npos) {
+      at = listing.find('\n', at);
+      std::size_t next = listing.find("Object;", at);
+      std::size_t access = listing.find("Access:", at);
+      if (access != std::string::npos && (next == std::string::npos || access < next))
+        out.push_back(listing.substr(access, listing.find('\n', access) - access));
+    }
+    return out;
+  }
+  void expect_protected(const std::string& token) {
+    auto access = private_key_access(token);
+    ASSERT_FALSE(access.empty());
+    for (std::string a : access) {
+      EXPECT_NE(a.find("sensitive"), std::string::npos) << a;
+      auto never = a.find("never extractable");
+      if (never != std::string::npos) a.erase(never, 17);
+      EXPECT_EQ(a.find("extractable"), std::string::npos) << "CKA_EXTRACTABLE is true: " << a;
+    }
+  }
+  static std::string first_line(const std::string& s) { return s.substr(0, s.find('\n')); }
+
+  test::SoftHsm hsm_;
+  test::TempDir dir_;
+  std::string pin_;
+  std::string last_;
+};
+
+TEST_F(TokenCli, TokenListFindsModulesThroughP11KitAndGivesAUriThatSelectsTheToken) {
+  hsm_.add_token("Firma Qualificata \xC3\xA8");
+  auto r = cli({"token", "list"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.out.find("module softhsm2"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("token \"Firma Qualificata \xC3\xA8\""), std::string::npos) << r.out;
+  std::size_t u = r.out.find("pkcs11:model=");
+  ASSERT_NE(u, std::string::npos) << r.out;
+  std::string uri = r.out.substr(u, r.out.find('\n', u) - u);
+  EXPECT_NE(uri.find("token=Firma%20Qualificata%20%C3%A8"), std::string::npos) << uri;
+
+  // The URI as store: the token is there, empty.
+  r = cli({"--store", uri, "cert", "list"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("no certificates in " + uri), std::string::npos) << r.err;
+
+  r = cli({"token", "list", "--json", "--module", test::SoftHsm::module()});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out.find("opensc"), std::string::npos) << "only the module asked for";
+  EXPECT_NE(r.out.find("\"label\": \"Firma Qualificata \xC3\xA8\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"login_required\": true"), std::string::npos);
+
+  r = cli({"token", "list", "--module", "/nonexistent/module.so"});
+  EXPECT_NE(r.out.find("not usable: Cannot load the PKCS#11 module"), std::string::npos) << r.out;
+}
+
+TEST_F(TokenCli, ImportedRsaKeySignsEnvelopesThatOpensslAndCerttoolAccept) {
+  std::string store = hsm_.add_token("Firma");
+  test::TestCert tc = test::make_cert({});
+  std::string pem = test::write_pem(tc.cert, dir_ / "signer.pem");
+  std::string pfx = pfx_of(tc, "signer");
+
+  auto r = cli({"--store", store, pin_, "cert", "import", pfx, "--password", "env:PFXPW"},
+               {"PFXPW=segreto"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, tc.cert.id() + "\n");
+  expect_protected("Firma");
+
+  r = cli({"--store", store, pin_, "cert", "list"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out.rfind(tc.cert.id() + "  key", 0), 0u) << r.out;
+  r = cli({"--store", store, pin_, "cert", "show", tc.cert.id()});
+  EXPECT_NE(r.out.find("Private key:  present, matches"), std::string::npos) << r.out;
+
+  r = cli({"--store", store, pin_, "sign", dir_ / "a.txt", dir_ / "b.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, dir_ / "a.txt.p7m\n" + dir_ / "b.txt.p7m\n");
+  r = cli({"--store", store, pin_, "sign", "--detached", "--cert", tc.cert.id(), dir_ / "b.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  for (const char* f : {"a.txt.p7m", "b.txt.p7m"}) {
+    EXPECT_TRUE(openssl_verifies(dir_ / f, pem)) << f << ": " << last_;
+    EXPECT_TRUE(certtool_verifies(dir_ / f, pem)) << f << ": " << last_;
+  }
+  EXPECT_TRUE(openssl_verifies(dir_ / "b.txt.p7s", pem, dir_ / "b.txt")) << last_;
+  EXPECT_TRUE(certtool_verifies(dir_ / "b.txt.p7s", pem, dir_ / "b.txt")) << last_;
+  EXPECT_EQ(cli({"verify", dir_ / "a.txt.p7m"}).exit_code, 0);
+
+  // The key stays where it is: no export, and its protection is unchanged by use.
+  r = cli({"--store", store, pin_, "cert", "export", tc.cert.id(), "-o", dir_ / "out.pfx",
+           "--password", "pass:"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("stays on the token \"Firma\" and cannot be exported"), std::string::npos)
+      << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "out.pfx"));
+  EXPECT_FALSE(fs::exists(dir_ / "out.pfx.tmp"));
+  expect_protected("Firma");
+
+  // Importing again adds nothing.
+  r = cli({"--store", store, pin_, "cert", "import", pfx, "--password", "env:PFXPW"},
+          {"PFXPW=segreto"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  std::string listing = hsm_.list_objects("Firma");
+  EXPECT_EQ(listing.find("Certificate Object"), listing.rfind("Certificate Object")) << listing;
+
+  // Removal takes the certificate and its key pair off the token.
+  r = cli({"--store", store, pin_, "cert", "remove", "--yes", tc.cert.id()});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  listing = hsm_.list_objects("Firma");
+  EXPECT_EQ(listing.find("Object;"), std::string::npos) << listing;
+}
+
+TEST_F(TokenCli, EcdsaAndRsaPssKeysSignWithTheMechanismTheirCertificateAsksFor) {
+  std::string store = hsm_.add_token("Misti");
+  // P-256, put on the token by pkcs11-tool, without a public key object.
+  test::CertParams ep;
+  ep.cn = "Firma EC";
+  ep.kind = KeyKind::Ec;
+  ep.bits = 256;
+  test::TestCert ec = test::make_cert(ep);
+  hsm_.put_key("Misti", ec, "0e01", "ec");
+  hsm_.put_cert("Misti", ec.cert, "0e01", "ec");
+  std::string ec_pem = test::write_pem(ec.cert, dir_ / "ec.pem");
+
+  auto r = cli({"--store", store, pin_, "sign", "--cert", ec.cert.id(), dir_ / "a.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7m", ec_pem)) << last_;
+  EXPECT_TRUE(certtool_verifies(dir_ / "a.txt.p7m", ec_pem)) << last_;
+  EXPECT_NE(last_.find("ECDSA-SHA256"), std::string::npos) << last_;
+
+  // An RSA key whose certificate says id-RSASSA-PSS, made by openssl.
+  auto made = test::run_shell(
+      "cd " + dir_.path() +
+      " && openssl req -x509 -newkey rsa-pss -pkeyopt rsa_keygen_bits:2048 -nodes -keyout "
+      "pss.key -out pss.pem -subj '/CN=Firma PSS' -days 30 2>&1 && openssl pkcs12 -export "
+      "-inkey pss.key -in pss.pem -out pss.pfx -passout pass: 2>&1 && rm pss.key");
+  ASSERT_EQ(made.exit_code, 0) << made.out;
+  Certificate pss = Certificate::from_pem(test::read_file(dir_ / "pss.pem"));
+  ASSERT_EQ(pss.key_kind(), KeyKind::RsaPss);
+  r = cli({"--store", store, pin_, "cert", "import", dir_ / "pss.pfx", "--password", "pass:"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  expect_protected("Misti");
+  r = cli({"--store", store, pin_, "sign", "--cert", pss.id(), dir_ / "b.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_TRUE(openssl_verifies(dir_ / "b.txt.p7m", dir_ / "pss.pem")) << last_;
+  auto printed = test::run(
+      {"openssl", "cms", "-cmsout", "-print", "-inform", "DER", "-in", dir_ / "b.txt.p7m"});
+  EXPECT_NE(printed.out.find("rsassaPss"), std::string::npos) << printed.out;
+  EXPECT_EQ(cli({"verify", dir_ / "b.txt.p7m"}).exit_code, 0);
+}
+
+TEST_F(TokenCli, ArchiveClosedWithATokenKeyVerifiesWithXmlsec1) {
+  std::string store = hsm_.add_token("Archivio");
+  test::TestCert tc = test::make_cert({});
+  std::string pem = test::write_pem(tc.cert, dir_ / "signer.pem");
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+  std::string arch = dir_ / "archivio";
+  auto r = cli({"--store", store, pin_, "archive", "add", arch, "--type", "Contratti", "--date",
+                "2024-02-03", "--cert", tc.cert.id(), dir_ / "a.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  r = cli({"--store", store, pin_, "archive", "verify", arch, "--cert", tc.cert.id()});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  auto x = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem,
+                      "--enabled-reference-uris", "empty", arch + "/index.xml"});
+  EXPECT_EQ(x.exit_code, 0) << x.out << x.err;
+  EXPECT_TRUE(openssl_verifies(arch + "/Contratti/2024/02/a.txt.p7m", pem)) << last_;
+}
+
+TEST_F(TokenCli, PinSourcesAndAWrongPinThatWritesNothing) {
+  std::string store = hsm_.add_token("Pin");
+  test::TestCert tc = test::make_cert({});
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+
+  // Never on the command line.
+  for (const char* bad : {"--pin=1234", "--pin=pass:1234", "--pin=pass:"}) {
+    auto r = cli({"--store", store, bad, "sign", dir_ / "a.txt"});
+    EXPECT_EQ(r.exit_code, 2) << bad;
+    EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  }
+
+  auto r = cli({"--store", store, "--pin=file:" + hsm_.pin_file("sbagliato77"), "sign",
+                dir_ / "a.txt", dir_ / "b.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Wrong PIN for the token \"Pin\""), std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find("sbagliato77"), std::string::npos) << "the PIN is never shown";
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+
+  // Without a PIN and without a terminal: no question, a clear refusal, nothing written.
+  r = cli({"--store", store, "sign", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("No PIN was given for the token \"Pin\""), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+
+  r = cli({"--store", store, "--pin=env:TOKEN_PIN", "sign", dir_ / "a.txt"}, {"TOKEN_PIN=1234"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  // fd: from a pipe, with the store from the environment.
+  r = test::run_shell("echo 1234 | SOFTHSM2_CONF=" + hsm_.conf() + " TESSAREL_STORE='" + store +
+                      "' " + test::cli_path() + " --pin fd:0 sign " + dir_ / "b.txt" + " 2>&1");
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_TRUE(fs::exists(dir_ / "b.txt.p7m"));
+}
+
+TEST_F(TokenCli, TriesRunOutThenTheLockedPinIsReportedAndNothingIsSigned) {
+  // A card's retry counter (3, as an SO would set it) around SoftHSM2.
+  hsm_.add_token("Carta");
+  test::TestCert tc = test::make_cert({});
+  hsm_.put_key("Carta", tc, "01", "firma");
+  hsm_.put_cert("Carta", tc.cert, "01", "firma");
+  std::string store = std::string("pkcs11:token=Carta?module-path=") + PIN_COUNTER_MODULE;
+  std::vector<std::string> env = {"PIN_COUNTER_STATE=" + (dir_ / "tries"), "PIN_COUNTER_LIMIT=3"};
+  std::string wrong = "--pin=file:" + hsm_.pin_file("0000");
+  const char* expected[] = {"few tries are left before it locks", "one more wrong PIN locks it",
+                            "the PIN is now locked"};
+  for (const char* e : expected) {
+    auto r = cli({"--store", store, wrong, "cert", "list"}, env);
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_NE(r.err.find(std::string("Wrong PIN for the token \"Carta\"; ") + e), std::string::npos)
+        << r.err;
+  }
+  auto r = cli({"--store", store, pin_, "sign", dir_ / "a.txt"}, env);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("The PIN of the token \"Carta\" is locked; it must be unblocked with the "
+                       "security officer's PIN"),
+            std::string::npos)
+      << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  r = cli({"token", "list", "--module", PIN_COUNTER_MODULE}, env);
+  EXPECT_NE(r.out.find("PIN LOCKED"), std::string::npos) << r.out;
+}
+
+TEST_F(TokenCli, ATokenPulledBetweenTwoCallsIsReportedGone) {
+  std::string store = hsm_.add_token("Chiavetta");
+  test::TestCert tc = test::make_cert({});
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+  ASSERT_EQ(cli({"--store", store, pin_, "sign", dir_ / "a.txt"}).exit_code, 0);
+  hsm_.delete_token("Chiavetta");
+  auto r = cli({"--store", store, pin_, "sign", "--cert", tc.cert.id(), dir_ / "b.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("no token present matches " + store), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+}
+
+TEST_F(TokenCli, CertificatesSharingAKeyIdAndACertificateWithoutKey) {
+  std::string store = hsm_.add_token("Condiviso");
+  test::CertParams p1, p2, p3;
+  p1.cn = "Primo";
+  p2.cn = "Secondo";
+  p3.cn = "Senza chiave";
+  test::TestCert c1 = test::make_cert(p1), c2 = test::make_cert(p2), c3 = test::make_cert(p3);
+  // Same CKA_ID and label for both certificates; only the first one's key is there.
+  hsm_.put_key("Condiviso", c1, "01", "doppio");
+  hsm_.put_cert("Condiviso", c1.cert, "01", "doppio");
+  hsm_.put_cert("Condiviso", c2.cert, "01", "doppio");
+  hsm_.put_cert("Condiviso", c3.cert, "03", "solo");
+
+  auto r = cli({"--store", store, pin_, "cert", "list"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.out.find(c3.cert.id() + "  -  "), std::string::npos) << r.out;
+  EXPECT_EQ(cli({"--store", store, pin_, "cert", "list"}).out, r.out) << "the order is stable";
+
+  r = cli({"--store", store, pin_, "cert", "show", c1.cert.id()});
+  EXPECT_NE(r.out.find("present, matches"), std::string::npos) << r.out;
+  r = cli({"--store", store, pin_, "cert", "show", c2.cert.id()});
+  EXPECT_NE(r.out.find("present, NOT usable"), std::string::npos) << r.out;
+  r = cli({"--store", store, pin_, "cert", "show", c3.cert.id()});
+  EXPECT_NE(r.out.find("Private key:  none"), std::string::npos) << r.out;
+
+  for (const auto* c : {&c2, &c3}) {
+    r = cli({"--store", store, pin_, "sign", "--cert", c->cert.id(), dir_ / "a.txt"});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_NE(r.err.find("its private key is not usable"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  }
+  r = cli({"--store", store, pin_, "sign", "--cert", c1.cert.id(), dir_ / "a.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7m", test::write_pem(c1.cert, dir_ / "c1.pem")))
+      << last_;
+}
+
+TEST_F(TokenCli, AKeyTheTokenRefusesToUseGivesAClearErrorAndNoEnvelope) {
+  std::string store = hsm_.add_token("Ristretto");
+  test::CertParams ep;
+  ep.kind = KeyKind::Ec;
+  ep.bits = 256;
+  test::TestCert ec = test::make_cert(ep);
+  // The token lets this key sign only with hashing done on the token.
+  hsm_.put_key("Ristretto", ec, "aa", "ec", {"--allowed-mechanisms", "ECDSA-SHA256"});
+  hsm_.put_public_key("Ristretto", ec, "aa", "ec");
+  hsm_.put_cert("Ristretto", ec.cert, "aa", "ec");
+  auto r = cli({"--store", store, pin_, "sign", dir_ / "a.txt", dir_ / "b.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("The token \"Ristretto\" refuses to sign with the key of certificate " +
+                       ec.cert.id()),
+            std::string::npos)
+      << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+}
+
+TEST_F(TokenCli, ModulesThatDoNotLoadAndBadUrisAreNamed) {
+  auto r = cli({"--store", "pkcs11:?module-path=/nonexistent/pkcs11.so", "cert", "list"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Cannot load the PKCS#11 module \"/nonexistent/pkcs11.so\""),
+            std::string::npos)
+      << r.err;
+  // A real shared library that is not a PKCS#11 module.
+  std::string lib = TESSAREL_LIBRARY_PATH;
+  r = cli({"--store", "pkcs11:?module-path=" + lib, "sign", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("is not a PKCS#11 module"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  r = cli({"--store", "pkcs11:tokn=x", "cert", "list"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Unknown attribute \"tokn\""), std::string::npos) << r.err;
+}
+
+TEST_F(TokenCli, ThePinIsAskedOnTheTerminalWithTheTokensNameAndNotEchoed) {
+  std::string store = hsm_.add_token("Terminale");
+  test::TestCert tc = test::make_cert({});
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+  hsm_.use_in_this_process();  // the terminal run inherits this environment
+  auto r = test::on_terminal({test::cli_path(), "--store", store, "sign", dir_ / "a.txt"},
+                             "Inserire la Password:", "1234\n");
+  EXPECT_EQ(r.exit_code, 0) << r.screen;
+  EXPECT_NE(r.screen.find("Richiesta Password - token Terminale"), std::string::npos) << r.screen;
+  EXPECT_EQ(r.screen.find("1234"), std::string::npos) << r.screen;
+  EXPECT_TRUE(fs::exists(dir_ / "a.txt.p7m"));
+
+  // The picker over the token, the PIN from a file.
+  r = test::on_terminal({test::cli_path(), "--store", store, pin_, "cert", "pick"}, "> ",
+                        "0\nok\n");
+  EXPECT_EQ(r.exit_code, 0) << r.screen;
+  EXPECT_NE(r.screen.find(tc.cert.id()), std::string::npos) << r.screen;
+}
+
+TEST_F(TokenCli, TwoProcessesSignWithTheSameTokenAtOnce) {
+  std::string store = hsm_.add_token("Condivisa");
+  test::TestCert tc = test::make_cert({});
+  std::string pem = test::write_pem(tc.cert, dir_ / "s.pem");
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+  std::vector<std::string> files;
+  for (int i = 0; i < 20; ++i) {
+    files.push_back(dir_ / ("f" + std::to_string(i) + ".txt"));
+    test::write_file(files.back(), std::string(100 + i, 'x'));
+  }
+  std::string half1, half2;
+  for (int i = 0; i < 20; ++i)
+    (i % 2 ? half1 : half2) += " " + files[static_cast<std::size_t>(i)];
+  std::string base = "SOFTHSM2_CONF=" + hsm_.conf() + " " + test::cli_path() + " --store '" +
+                     store + "' " + pin_ + " -q sign";
+  auto r = test::run_shell("(" + base + half1 + " >/dev/null & p1=$!; " + base + half2 +
+                           " >/dev/null & p2=$!; wait $p1 && wait $p2) 2>&1");
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  for (const auto& f : files)
+    EXPECT_TRUE(openssl_verifies(f + ".p7m", pem)) << f << ": " << last_;
+}
+
+}  // namespace
+}  // namespace tessarel
