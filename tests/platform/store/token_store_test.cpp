@@ -26,8 +26,8 @@ namespace fs = std::filesystem;
 
 struct Tokens {
   std::unique_ptr<test::SoftHsm> hsm;
-  std::string rsa_uri, ec_uri, fresh_uri, gone_uri;
-  std::optional<test::TestCert> rsa, ec, fresh, gone;
+  std::string rsa_uri, ec_uri, fresh_uri, gone_uri, always_uri;
+  std::optional<test::TestCert> rsa, ec, fresh, gone, always;
 };
 Tokens& tokens() {
   static Tokens t;
@@ -42,20 +42,22 @@ class TokenEnvironment : public ::testing::Environment {
     Tokens& t = tokens();
     t.hsm = std::make_unique<test::SoftHsm>();
     auto make = [&](const std::string& label, KeyKind kind, std::optional<test::TestCert>& tc,
-                    std::string& uri) {
+                    std::string& uri, std::vector<std::string> extra = {}) {
       test::CertParams p;
       p.cn = "Titolare " + label;
       p.kind = kind;
       p.bits = kind == KeyKind::Ec ? 256 : 2048;
       tc = test::make_cert(p);
       uri = t.hsm->add_token(label);
-      t.hsm->put_key(label, *tc, "11", "firma");
+      t.hsm->put_key(label, *tc, "11", "firma", extra);
       t.hsm->put_cert(label, tc->cert, "11", "firma");
     };
     make("Motore", KeyKind::Rsa, t.rsa, t.rsa_uri);
     make("Ellittico", KeyKind::Ec, t.ec, t.ec_uri);
     make("Nuovo", KeyKind::Rsa, t.fresh, t.fresh_uri);
     make("Effimero", KeyKind::Rsa, t.gone, t.gone_uri);
+    // A key that wants the PIN again before every signature, as qualified-signature cards do.
+    make("Sempre", KeyKind::Ec, t.always, t.always_uri, {"--always-auth"});
     t.hsm->use_in_this_process();
   }
 };
@@ -193,6 +195,40 @@ TEST_F(TokenStore, ATokenDeletedWhileTheProcessHoldsItsSessionIsReportedAndNothi
     EXPECT_NE(std::string(e.what()).find(") is no longer present"), std::string::npos) << e.what();
   }
   EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+}
+
+TEST_F(TokenStore, AKeyThatWantsThePinForEverySignatureIsAskedEachTime) {
+  const Tokens& t = tokens();
+  set_store_location(t.always_uri);
+  pin("1234");
+  for (const char* name : {"a.txt", "b.txt", "c.txt"})
+    test::write_file(dir_ / name, name);
+  std::string list = dir_ / "a.txt" + "\n" + dir_ / "b.txt" + "\n" + dir_ / "c.txt";
+  auto out = FirmaFiles(list, list, t.always->cert.id(), true, nullptr, nullptr);
+  ASSERT_TRUE(out);
+  EXPECT_EQ(*asked_, 4) << "the login, then once per signature";
+  std::string pem = test::write_pem(t.always->cert, dir_ / "q.pem");
+  auto v = test::run({"openssl", "cms", "-verify", "-binary", "-inform", "DER", "-in",
+                      dir_ / "c.txt.p7s", "-content", dir_ / "c.txt", "-CAfile", pem, "-purpose",
+                      "any", "-out", "/dev/null"});
+  EXPECT_EQ(v.exit_code, 0) << v.err;
+
+  // Declining the second question stops the batch before its envelope is written.
+  fs::remove(dir_ / "a.txt.p7s");
+  fs::remove(dir_ / "b.txt.p7s");
+  auto answers = std::make_shared<int>(0);
+  set_pin_provider([answers](const std::string&) -> std::optional<std::string> {
+    if (++*answers == 2) return std::nullopt;
+    return std::string("1234");
+  });
+  try {
+    FirmaFiles(list, list, t.always->cert.id(), true, nullptr, nullptr);
+    ADD_FAILURE() << "signed without the PIN";
+  } catch (const Exception& e) {
+    EXPECT_NE(std::string(e.what()).find("nothing was signed"), std::string::npos) << e.what();
+  }
+  EXPECT_TRUE(fs::exists(dir_ / "a.txt.p7s"));
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7s"));
 }
 
 }  // namespace
