@@ -111,8 +111,8 @@ struct TokenModuleInfo {
   std::string description;
   std::string manufacturer;
   std::string version;
-  std::string error;  // why it could not be used ("" when it could)
-  std::vector<TokenSlotInfo> slots;
+  std::string error;                     // why it could not be used ("" when it could)
+  std::vector<TokenSlotInfo> slot_list;  // ("slots" is a keyword of Qt hosts)
 };
 // The modules a URI names (module-path, module-name), else every module of p11-kit's
 // configuration; the tokens shown are those the URI's token attributes select.

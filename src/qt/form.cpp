@@ -82,7 +82,7 @@ QPushButton* Form::button(const char* name, const QString& text, QRect geometry)
 // Password prompt
 
 PasswordForm::PasswordForm(TPasswordRequestForm& model, QWidget* parent)
-    : Form(parent, "PasswordRequestForm", TPasswordRequestForm::kCaption, QSize(306, 72), false,
+    : Form(parent, "PasswordRequestForm", model.Caption.c_str(), QSize(306, 72), false,
            Placement::OverParent),
       model_(model) {
   setWindowFlag(Qt::WindowStaysOnTopHint);

@@ -38,8 +38,8 @@ void list(const std::string& module) {
           i ? "," : "", json_string(m.name).c_str(), json_string(m.path).c_str(),
           json_string(m.description).c_str(), json_string(m.manufacturer).c_str(),
           json_string(m.version).c_str(), m.error.empty() ? "null" : json_string(m.error).c_str());
-      for (std::size_t k = 0; k < m.slots.size(); ++k) {
-        const auto& s = m.slots[k];
+      for (std::size_t k = 0; k < m.slot_list.size(); ++k) {
+        const auto& s = m.slot_list[k];
         std::printf("%s\n    {\"slot\": %lu, \"description\": %s, \"token_present\": %s",
                     k ? "," : "", s.slot_id, json_string(s.slot_description).c_str(),
                     s.token_present ? "true" : "false");
@@ -70,8 +70,8 @@ void list(const std::string& module) {
     }
     std::printf("  %s, %s, version %s\n", m.description.c_str(), m.manufacturer.c_str(),
                 m.version.c_str());
-    if (m.slots.empty()) std::printf("  no slots\n");
-    for (const auto& s : m.slots) {
+    if (m.slot_list.empty()) std::printf("  no slots\n");
+    for (const auto& s : m.slot_list) {
       std::printf("  slot %lu: %s\n", s.slot_id, s.slot_description.c_str());
       if (!s.token_present) {
         std::printf("    no token\n");

@@ -675,7 +675,7 @@ std::vector<TokenModuleInfo> list_tokens(const std::string& text) {
         } else if (uri.token || uri.serial || uri.model || uri.manufacturer) {
           continue;  // the URI asks for a token, and this slot has none
         }
-        mi.slots.push_back(std::move(ts));
+        mi.slot_list.push_back(std::move(ts));
       }
     } catch (const Exception& e) {
       mi.error = e.what();
