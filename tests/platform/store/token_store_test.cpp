@@ -11,10 +11,10 @@
 
 #include "boundary/batch_signer.h"
 #include "boundary/cert_lookup.h"
+#include "frontends/scripted_ui.h"
 #include "platform/crypto/digest.h"
 #include "platform/crypto/pkey.h"
 #include "platform/runtime/datetime.h"
-#include "platform/ui/scripted_ui.h"
 #include "softhsm.h"
 #include "tessarel/tessarel.h"
 #include "test_support.h"
