@@ -147,6 +147,24 @@ TEST_F(QtDialogs, PasswordIsTypedMaskedAndEnterInTheFieldConfirms) {
   EXPECT_EQ(ui_->password(closed), ModalResult::Cancel);
 }
 
+TEST_F(QtDialogs, ThePasswordFormsTitleIsTheCaptionItsCallerSet) {
+  TPasswordRequestForm plain, pin;
+  pin.Caption = "Richiesta Password - token Firma \xC3\xA8";
+  QString plain_title, pin_title;
+  when_shown<QDialog>([&](QDialog* d) {
+    plain_title = d->windowTitle();
+    d->close();
+  });
+  ui_->password(plain);
+  when_shown<QDialog>([&](QDialog* d) {
+    pin_title = d->windowTitle();
+    d->close();
+  });
+  ui_->password(pin);
+  EXPECT_EQ(plain_title, QString("Richiesta Password"));
+  EXPECT_EQ(pin_title, QString::fromUtf8("Richiesta Password - token Firma \xC3\xA8"));
+}
+
 TEST_F(QtDialogs, EveryOverwriteItemCanBeChosenAndTheCloseBoxKeepsTheSelection) {
   for (int item = 0; item < 5; ++item) {
     TSignFileOverriteDlg dlg;
