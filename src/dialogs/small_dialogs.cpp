@@ -1,6 +1,8 @@
 #include "platform/runtime/strings.h"
+#include "platform/store/token.h"
 #include "tessarel/dialogs.h"
 #include "tessarel/types.h"
+#include "tessarel/ui.h"
 
 namespace tessarel {
 
@@ -11,6 +13,19 @@ TPasswordRequestForm::~TPasswordRequestForm() {
 void TPasswordRequestForm::edtPasswordKeyPress(char key) {
   if (key == 13) btnOkClick();
 }
+
+namespace {
+// A token's PIN is asked with the password form, its caption naming the token so that the
+// user knows which PIN is meant.
+std::optional<std::string> ask_token_pin(const std::string& label) {
+  TPasswordRequestForm form;
+  form.Caption = std::string(TPasswordRequestForm::kCaption) + " - token " + label;
+  if (currentUi().password(form) != ModalResult::Ok) return std::nullopt;
+  std::string pin = form.edtPassword;  // the form wipes its own copy
+  return pin;
+}
+const bool pin_dialog_registered = (p11::register_pin_dialog(&ask_token_pin), true);
+}  // namespace
 
 const std::array<const char*, 5> TSignFileOverriteDlg::kItems = {
     "Sovrascrivi solo questa volta",

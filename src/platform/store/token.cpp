@@ -3,7 +3,6 @@
 #include <map>
 #include <tuple>
 
-#include "tessarel/dialogs.h"
 #include "tessarel/ui.h"
 
 namespace tessarel::p11 {
@@ -19,14 +18,9 @@ PinSource& pin_source() {
   return s;
 }
 
-// Without a source of its own the PIN is asked with the password form, its caption naming
-// the token so that the user knows which PIN is meant.
-std::optional<std::string> ask_with_ui(const std::string& label) {
-  TPasswordRequestForm form;
-  form.Caption = std::string(TPasswordRequestForm::kCaption) + " - token " + label;
-  if (currentUi().password(form) != ModalResult::Ok) return std::nullopt;
-  std::string pin = form.edtPassword;  // the form wipes its own copy
-  return pin;
+PinDialog& pin_dialog() {
+  static PinDialog d = nullptr;
+  return d;
 }
 
 std::mutex& tokens_mutex() {
@@ -46,6 +40,11 @@ std::map<TokenKey, std::shared_ptr<Token>>& tokens() {
 void set_pin_source(PinSource source) {
   std::lock_guard lock(pin_mutex());
   pin_source() = std::move(source);
+}
+
+void register_pin_dialog(PinDialog dialog) {
+  std::lock_guard lock(pin_mutex());
+  pin_dialog() = dialog;
 }
 
 TokenIdentity TokenIdentity::of(const CK_TOKEN_INFO& info) {
@@ -148,11 +147,14 @@ CK_FLAGS Token::flags_locked() {
 
 std::optional<std::string> Token::ask_pin() const {
   PinSource source;
+  PinDialog dialog;
   {
     std::lock_guard lock(pin_mutex());
     source = pin_source();
+    dialog = pin_dialog();
   }
-  return source ? source(identity_.label) : ask_with_ui(identity_.label);
+  if (source) return source(identity_.label);
+  return dialog ? dialog(identity_.label) : std::nullopt;
 }
 
 void Token::login_failed(CK_RV rv) {

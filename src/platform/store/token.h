@@ -25,7 +25,12 @@ class LoginCancelled : public Exception {
 
 // Asks for a PIN: the token's label in, the PIN out (nullopt: cancelled).
 using PinSource = std::function<std::optional<std::string>(const std::string& token_label)>;
+// The host's own source (set_pin_provider); it comes before the dialog.
 void set_pin_source(PinSource source);
+// The password dialog belongs to the dialog models above this layer; they register it here,
+// so nothing below them depends on a dialog. Without one no PIN can be asked.
+using PinDialog = std::optional<std::string> (*)(const std::string& token_label);
+void register_pin_dialog(PinDialog dialog);
 
 struct TokenIdentity {
   std::string label;

@@ -1,6 +1,8 @@
 #include "platform/store/token_store.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <tuple>
 
 #include "platform/asn1/ber.h"
@@ -360,6 +362,13 @@ std::vector<std::shared_ptr<Token>> TokenCertStore::tokens() const {
 std::vector<TokenCertStore::Entry> TokenCertStore::enumerate() {
   std::vector<Entry> all;
   auto found = tokens();
+  // A token whose state another process is rewriting can read as blank or uninitialised for
+  // a moment (SoftHSM2's file store does while another process logs in): look again
+  // before saying that it is not there.
+  for (int retry = 0; found.empty() && retry < 10; ++retry) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    found = tokens();
+  }
   if (found.empty()) warn("PKCS#11: no token present matches " + text_);
   for (const auto& token : found) {
     std::vector<std::tuple<Bytes, Bytes, Certificate>> certs;  // label, id, certificate
