@@ -411,16 +411,17 @@ std::vector<Certificate> TokenCertStore::certificates() {
   return out;
 }
 
-const TokenCertStore::Entry* TokenCertStore::entry_for(const Certificate& cert) {
+std::optional<TokenCertStore::Entry> TokenCertStore::entry_for(const Certificate& cert) {
   for (int pass = 0; pass < 2; ++pass) {
     {
+      // A copy: another thread may enumerate again meanwhile.
       std::lock_guard lock(mutex_);
       for (const auto& e : entries_)
-        if (e.cert == cert) return &e;
+        if (e.cert == cert) return e;
     }
     if (pass == 0) certificates();
   }
-  return nullptr;
+  return std::nullopt;
 }
 
 Login TokenCertStore::key_login() {
@@ -429,7 +430,7 @@ Login TokenCertStore::key_login() {
 }
 
 bool TokenCertStore::has_private_key(const Certificate& cert) {
-  const Entry* e = entry_for(cert);
+  auto e = entry_for(cert);
   if (!e) return false;
   auto look = [&](CK_SESSION_HANDLE s) {
     return !find_objects(e->token->fn(), s,
@@ -449,7 +450,7 @@ bool TokenCertStore::has_private_key(const Certificate& cert) {
 }
 
 bool TokenCertStore::key_valid(const Certificate& cert) {
-  const Entry* e = entry_for(cert);
+  auto e = entry_for(cert);
   if (!e) return false;
   try {
     auto key = e->token->run(
@@ -465,7 +466,7 @@ bool TokenCertStore::key_valid(const Certificate& cert) {
 }
 
 std::unique_ptr<SigningKey> TokenCertStore::signing_key(const Certificate& cert) {
-  const Entry* e = entry_for(cert);
+  auto e = entry_for(cert);
   if (!e) return nullptr;
   try {
     auto key = e->token->run(
@@ -584,7 +585,7 @@ void TokenCertStore::add(const Certificate& cert, const Bytes& pkcs8_key) {
 }
 
 bool TokenCertStore::remove(const Certificate& cert) {
-  const Entry* e = entry_for(cert);
+  auto e = entry_for(cert);
   if (!e) return false;
   std::shared_ptr<Token> token = e->token;
   Bytes id = e->id;
@@ -618,7 +619,7 @@ bool TokenCertStore::remove(const Certificate& cert) {
 }
 
 Bytes TokenCertStore::export_pkcs12(const Certificate& cert, const std::string&) {
-  const Entry* e = entry_for(cert);
+  auto e = entry_for(cert);
   throw Exception("The private key of certificate " + cert.id() + " stays on the token" +
                   (e ? " \"" + e->token->label() + "\"" : std::string()) +
                   " and cannot be exported");

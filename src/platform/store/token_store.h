@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,7 +47,7 @@ class TokenCertStore : public CertStore {
   };
   std::vector<Entry> enumerate();
   // The entry of a certificate, enumerating again when it is not known yet.
-  const Entry* entry_for(const Certificate& cert);
+  std::optional<Entry> entry_for(const Certificate& cert);
   p11::Login key_login();
 
   std::string text_;
