@@ -1,6 +1,7 @@
 #include "platform/store/token_store.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <tuple>
@@ -411,6 +412,30 @@ std::vector<Certificate> TokenCertStore::certificates() {
   return out;
 }
 
+namespace {
+// Writes of this process: the stamp changes even when a handle is reused.
+std::atomic<std::uint64_t> g_token_writes{0};
+}  // namespace
+
+std::string TokenCertStore::change_stamp() {
+  std::string stamp = std::to_string(g_token_writes.load());
+  try {
+    for (const auto& token : tokens()) {
+      stamp += "|" + token->label() + "#" + std::to_string(token->epoch());
+      std::vector<CK_OBJECT_HANDLE> handles = token->run(Login::No, [&](CK_SESSION_HANDLE s) {
+        return find_objects(token->fn(), s, {attr_ulong(CKA_CLASS, CKO_CERTIFICATE)});
+      });
+      std::sort(handles.begin(), handles.end());
+      for (CK_OBJECT_HANDLE h : handles)
+        stamp += ":" + std::to_string(h);
+    }
+  } catch (const std::exception&) {
+    // A token that cannot be asked now: read again at the next look.
+    stamp += "|?" + std::to_string(++g_token_writes);
+  }
+  return stamp;
+}
+
 std::optional<TokenCertStore::Entry> TokenCertStore::entry_for(const Certificate& cert) {
   for (int pass = 0; pass < 2; ++pass) {
     {
@@ -480,6 +505,7 @@ std::unique_ptr<SigningKey> TokenCertStore::signing_key(const Certificate& cert)
 }
 
 void TokenCertStore::add(const Certificate& cert, const Bytes& pkcs8_key) {
+  ++g_token_writes;
   auto found = tokens();
   if (found.empty()) throw Exception("No token present matches " + text_);
   if (found.size() > 1)
@@ -585,6 +611,7 @@ void TokenCertStore::add(const Certificate& cert, const Bytes& pkcs8_key) {
 }
 
 bool TokenCertStore::remove(const Certificate& cert) {
+  ++g_token_writes;
   auto e = entry_for(cert);
   if (!e) return false;
   std::shared_ptr<Token> token = e->token;

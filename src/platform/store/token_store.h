@@ -35,6 +35,9 @@ class TokenCertStore : public CertStore {
   bool remove(const Certificate& cert) override;
   // Refused: the key cannot leave the token.
   Bytes export_pkcs12(const Certificate& cert, const std::string& password) override;
+  // The tokens present and the handles of their certificate objects (a cheap look that
+  // reads no values), and this process's own writes.
+  std::string change_stamp() override;
 
   // The tokens the URI selects, present now, in the store's order.
   std::vector<std::shared_ptr<p11::Token>> tokens() const;
