@@ -15,6 +15,7 @@
 #include "tessarel/sign_e_archivia.h"
 #include "tessarel/signing.h"
 #include "tessarel/store.h"
+#include "tessarel/trust.h"
 #include "tessarel/types.h"
 #include "tessarel/ui.h"
 #include "tessarel/version.h"

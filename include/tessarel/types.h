@@ -22,11 +22,18 @@ enum class DigestAlgorithm : std::int32_t {
   SHA384 = 0x7105,
   SHA512 = 0x7106,
   RIPEMD160 = 0x7107,
+  // Digests the original platform had no identifiers for; numbered after the others.
+  SHA3_224 = 0x7110,
+  SHA3_256 = 0x7111,
+  SHA3_384 = 0x7112,
+  SHA3_512 = 0x7113,
+  SHAKE128 = 0x7114,  // 256-bit output, as CMS uses it (RFC 8702)
+  SHAKE256 = 0x7115,  // 512-bit output (RFC 8702, RFC 8419)
   Unknown = 0x7FFF,
 };
 
 // Kinds of public keys the library knows about.
-enum class KeyKind { Unknown, Rsa, RsaPss, Dsa, Ec, Ed25519, Gost2001 };
+enum class KeyKind { Unknown, Rsa, RsaPss, Dsa, Ec, Ed25519, Gost2001, Ed448 };
 
 // Wipes a secret held in a string or byte buffer; the compiler may not drop the write.
 TESSAREL_API void wipe(std::string& secret) noexcept;

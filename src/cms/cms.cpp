@@ -66,10 +66,6 @@ Bytes encode_signing_time(DateTime t, bool generalized) {
                    reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
 }
 
-[[noreturn]] void load_error(int code, const std::string& reason) {
-  throw EElCMSError("Failed to load CMS message, error " + std::to_string(code) + ": " + reason);
-}
-
 const BerNode& child(const BerNode& n, std::size_t i, const char* what) {
   if (!n.constructed || i >= n.children.size())
     throw asn1::BerError(asn1::kBerUnexpected, n.offset, std::string("missing ") + what);
@@ -162,6 +158,14 @@ DigestAlgorithm DigestAlgorithmOfOid(const std::string& oid) {
       {"2.16.840.1.101.3.4.3.2", DigestAlgorithm::SHA256},
       {"1.3.14.3.2.29", DigestAlgorithm::SHA1},
       {"1.3.36.3.3.1.2", DigestAlgorithm::RIPEMD160},
+      {"2.16.840.1.101.3.4.3.3", DigestAlgorithm::SHA384},
+      {"2.16.840.1.101.3.4.3.4", DigestAlgorithm::SHA512},
+      {"2.16.840.1.101.3.4.3.10", DigestAlgorithm::SHA3_256},
+      {"2.16.840.1.101.3.4.3.11", DigestAlgorithm::SHA3_384},
+      {"2.16.840.1.101.3.4.3.12", DigestAlgorithm::SHA3_512},
+      {"2.16.840.1.101.3.4.3.14", DigestAlgorithm::SHA3_256},
+      {"2.16.840.1.101.3.4.3.15", DigestAlgorithm::SHA3_384},
+      {"2.16.840.1.101.3.4.3.16", DigestAlgorithm::SHA3_512},
   };
   for (const auto& [o, alg] : kSignatureOids)
     if (oid == o) return alg;
@@ -779,24 +783,119 @@ Bytes TElSignedCMSMessage::SaveToBytes() {
   return out;
 }
 
+namespace {
+
+std::string load_error_text(int code, const std::string& reason) {
+  return "Failed to load CMS message, error " + std::to_string(code) + ": " + reason;
+}
+
+// What the BER reader says about bytes that are no envelope, for the second line of the error.
+std::string parse_failure(const ByteSource& src) {
+  try {
+    if (src.size() == 0) return load_error_text(asn1::kBerTruncated, "the data is empty");
+    BerNode root = asn1::ParseBer(src);
+    expect(root, 0, 16, true, "a ContentInfo SEQUENCE");
+    asn1::ReadOid(src, child(root, 0, "content type"));
+  } catch (const asn1::BerError& e) {
+    return load_error_text(e.code(), e.what());
+  } catch (const EInOutError& e) {
+    return load_error_text(asn1::kBerTruncated, e.what());
+  }
+  return load_error_text(asn1::kBerUnexpected, "not a signed-data ContentInfo");
+}
+
+// A byte-range view of content: the logical offset of each piece, for binary search.
+class ContentView : public ByteSource {
+ public:
+  explicit ContentView(const TElCMSContent& content) {
+    std::uint64_t at = 0;
+    for (const auto& s : content.sources()) {
+      if (s.size == 0) continue;
+      if (s.stream && (streams_.empty() || streams_.back() != s.stream))
+        streams_.push_back(s.stream);
+      pieces_.push_back({at, s.offset, s.size, s.memory, s.stream ? s.stream.get() : nullptr});
+      at += s.size;
+    }
+    size_ = at;
+  }
+  std::uint64_t size() const override { return size_; }
+  void read(std::uint64_t offset, void* buffer, std::size_t n) const override {
+    if (offset > size_ || n > size_ - offset) throw EInOutError("read past the end of the content");
+    auto* out = static_cast<std::uint8_t*>(buffer);
+    auto it = std::upper_bound(pieces_.begin(), pieces_.end(), offset,
+                               [](std::uint64_t o, const Piece& p) { return o < p.at; });
+    for (--it; n > 0; ++it) {
+      std::uint64_t within = offset - it->at;
+      std::size_t k = static_cast<std::size_t>(std::min<std::uint64_t>(n, it->size - within));
+      if (it->stream)
+        it->stream->read(it->offset + within, out, k);
+      else
+        std::memcpy(out, it->memory + within, k);
+      out += k;
+      offset += k;
+      n -= k;
+    }
+  }
+
+ private:
+  struct Piece {
+    std::uint64_t at, offset, size;
+    const std::uint8_t* memory;
+    const ByteSource* stream;
+  };
+  std::vector<Piece> pieces_;
+  std::vector<std::shared_ptr<const ByteSource>> streams_;  // keeps the sources alive
+  std::uint64_t size_ = 0;
+};
+
+}  // namespace
+
+std::shared_ptr<const ByteSource> TElSignedCMSMessage::ContentSource() const {
+  if (!FContent) return std::make_shared<asn1::MemorySource>(nullptr, 0);
+  return std::make_shared<ContentView>(*FContent);
+}
+
 void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
   Clear();
-  const ByteSource& src = *source;
+  EnvelopeInput input;
+  try {
+    input = UnwrapEnvelopeInput(source);
+  } catch (const NotAnEnvelope& e) {
+    throw EElCMSError(e.sentence() + "\n" +
+                      (e.detail().empty() ? parse_failure(*source)
+                                          : load_error_text(asn1::kBerBadText, e.detail())));
+  } catch (const EInOutError& e) {
+    throw EElCMSError(load_error_text(asn1::kBerTruncated, e.what()));
+  }
+  FInputForm.wrappings = input.wrappings;
+  // Text that decoded to something that is no envelope says so first.
+  std::string first_line;
+  if (!input.wrappings.empty())
+    first_line = input.wrappings.front().rfind("PEM", 0) == 0
+                     ? "PEM text that does not decode to an envelope\n"
+                     : "Base64 text that does not decode to an envelope\n";
+  auto fail = [&](int code, const std::string& reason) {
+    throw EElCMSError(first_line + load_error_text(code, reason));
+  };
+  const ByteSource& src = *input.binary;
+  asn1::BerEncodingInfo encoding;
   BerNode root;
   try {
     if (src.size() == 0) throw asn1::BerError(asn1::kBerTruncated, 0, "the data is empty");
-    root = asn1::ParseBer(src);
+    root = asn1::ParseBer(src, 0, {}, &encoding);
   } catch (const asn1::BerError& e) {
-    load_error(e.code(), e.what());
+    fail(e.code(), e.what());
   } catch (const EInOutError& e) {
-    load_error(asn1::kBerTruncated, e.what());
+    fail(asn1::kBerTruncated, e.what());
   }
+  FInputForm.ber = !encoding.der();
   std::string content_type;
   try {
     expect(root, 0, 16, true, "a ContentInfo SEQUENCE");
     content_type = asn1::ReadOid(src, child(root, 0, "content type"));
   } catch (const asn1::BerError& e) {
-    load_error(e.code(), e.what());
+    if (first_line.empty()) first_line = "this is ASN.1 data, not a CMS envelope\n";
+    fail(e.code(), e.what());
   }
   if (content_type != cms_oid::kSignedData) throw EElCMSError("No signed data found");
   try {
@@ -827,7 +926,7 @@ void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
       std::vector<asn1::Range> ranges;
       asn1::ContentRanges(octets, ranges);
       for (const auto& r : ranges)
-        FContent->Add(source, r.offset, r.length);
+        FContent->Add(input.binary, r.offset, r.length);
     }
     std::size_t i = 3;
     if (i < sd.children.size() && sd.children[i].is_context(0)) {
@@ -842,56 +941,66 @@ void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
     const BerNode& signers = child(sd, i, "signerInfos");
     expect(signers, 0, 17, true, "signerInfos SET");
     for (const auto& si : signers.children) {
-      expect(si, 0, 16, true, "a SignerInfo SEQUENCE");
       auto sig = std::make_unique<TElCMSSignature>(this);
-      TElPKCS7Signer& s = sig->FPKCS7Signer;
-      std::size_t k = 0;
-      s.Version = static_cast<int>(asn1::ReadSmallInteger(src, child(si, k++, "version")));
-      const BerNode& sid = child(si, k++, "sid");
-      if (sid.is_universal(16)) {
-        s.Issuer = asn1::ElementBytes(src, child(sid, 0, "issuer"));
-        s.SerialNumber = asn1::ReadIntegerBytes(src, child(sid, 1, "serialNumber"));
-      } else if (sid.is_context(0)) {
-        s.SubjectKeyIdentifier = asn1::ContentBytes(src, sid, 1024);
-      } else {
-        throw asn1::BerError(asn1::kBerUnexpected, sid.offset, "signer identifier expected");
-      }
-      const BerNode& dalg = child(si, k++, "digestAlgorithm");
-      s.DigestAlgorithm = asn1::ReadOid(src, child(dalg, 0, "digest algorithm"));
-      if (dalg.children.size() > 1)
-        s.DigestAlgorithmParams = asn1::ElementBytes(src, dalg.children[1]);
-      const BerNode* next = &child(si, k++, "signatureAlgorithm");
-      if (next->is_context(0)) {
-        s.AuthenticatedAttributes = read_attributes(src, *next);
-        if (next->indefinite) {
-          s.RecalculateAuthenticatedAttributes();
-        } else {
-          s.AuthenticatedAttributesPlain = asn1::ElementBytes(src, *next);
-          s.AuthenticatedAttributesPlain[0] = asn1::kSet;
-        }
-        next = &child(si, k++, "signatureAlgorithm");
-      }
-      s.DigestEncryptionAlgorithm = asn1::ReadOid(src, child(*next, 0, "signature algorithm"));
-      if (next->children.size() > 1)
-        s.DigestEncryptionAlgorithmParams = asn1::ElementBytes(src, next->children[1]);
-      const BerNode& value = child(si, k++, "signature");
-      if (!value.is_universal(asn1::kOctetString))
-        throw asn1::BerError(asn1::kBerUnexpected, value.offset, "signature value expected");
-      s.EncryptedDigest = asn1::ContentBytes(src, value, 1 << 16);
-      if (k < si.children.size() && si.children[k].is_context(1))
-        s.UnauthenticatedAttributes = read_attributes(src, si.children[k]);
+      ReadSignerInfo(src, si, sig->FPKCS7Signer);
       sig->FState = TSBCMSSignatureState::cssSigned;
       sig->FSigningOptions = 0x0137;
       sig->FillProperties();
       FSignatures.push_back(std::move(sig));
     }
   } catch (const asn1::BerError& e) {
-    load_error(e.code(), e.what());
+    fail(e.code(), e.what());
   } catch (const EInOutError& e) {
-    load_error(asn1::kBerTruncated, e.what());
+    fail(asn1::kBerTruncated, e.what());
   }
-  FStream = std::move(source);
+  FStream = std::move(input.binary);
   FDetached = FContent->Size() == 0;
+}
+
+void ReadSignerInfo(const ByteSource& src, const BerNode& si, TElPKCS7Signer& s) {
+  expect(si, 0, 16, true, "a SignerInfo SEQUENCE");
+  std::size_t k = 0;
+  s.Version = static_cast<int>(asn1::ReadSmallInteger(src, child(si, k++, "version")));
+  const BerNode& sid = child(si, k++, "sid");
+  if (sid.is_universal(16)) {
+    s.Issuer = asn1::ElementBytes(src, child(sid, 0, "issuer"));
+    s.SerialNumber = asn1::ReadIntegerBytes(src, child(sid, 1, "serialNumber"));
+  } else if (sid.is_context(0)) {
+    s.SubjectKeyIdentifier = asn1::ContentBytes(src, sid, 1024);
+  } else {
+    throw asn1::BerError(asn1::kBerUnexpected, sid.offset, "signer identifier expected");
+  }
+  const BerNode& dalg = child(si, k++, "digestAlgorithm");
+  s.DigestAlgorithm = asn1::ReadOid(src, child(dalg, 0, "digest algorithm"));
+  if (dalg.children.size() > 1) s.DigestAlgorithmParams = asn1::ElementBytes(src, dalg.children[1]);
+  const BerNode* next = &child(si, k++, "signatureAlgorithm");
+  if (next->is_context(0)) {
+    if (next->total_length() > (16u << 20))
+      throw asn1::BerError(asn1::kBerUnexpected, next->offset, "signed attributes too large");
+    s.AuthenticatedAttributes = read_attributes(src, *next);
+    std::vector<Bytes> der;
+    for (const auto& c : next->children)
+      der.push_back(asn1::ToDer(src, c));
+    Bytes der_set = asn1::der_set_of(std::move(der), asn1::kSet);
+    if (next->indefinite) {
+      // No signer hashes an indefinite length: the DER form is the only candidate.
+      s.AuthenticatedAttributesPlain = der_set;
+    } else {
+      s.AuthenticatedAttributesPlain = asn1::ElementBytes(src, *next);
+      s.AuthenticatedAttributesPlain[0] = asn1::kSet;
+      if (der_set != s.AuthenticatedAttributesPlain) s.AuthenticatedAttributesDer = der_set;
+    }
+    next = &child(si, k++, "signatureAlgorithm");
+  }
+  s.DigestEncryptionAlgorithm = asn1::ReadOid(src, child(*next, 0, "signature algorithm"));
+  if (next->children.size() > 1)
+    s.DigestEncryptionAlgorithmParams = asn1::ElementBytes(src, next->children[1]);
+  const BerNode& value = child(si, k++, "signature");
+  if (!value.is_universal(asn1::kOctetString))
+    throw asn1::BerError(asn1::kBerUnexpected, value.offset, "signature value expected");
+  s.EncryptedDigest = asn1::ContentBytes(src, value, 1 << 16);
+  if (k < si.children.size() && si.children[k].is_context(1))
+    s.UnauthenticatedAttributes = read_attributes(src, si.children[k]);
 }
 
 }  // namespace tessarel

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "cms/envelope_input.h"
 #include "platform/asn1/ber.h"
 #include "tessarel/certificate.h"
 #include "tessarel/errors.h"
@@ -107,8 +108,13 @@ struct TElPKCS7Signer {
   std::string DigestAlgorithm;
   Bytes DigestAlgorithmParams;  // the parameters element, DER; empty when absent
   std::vector<TElPKCS7Attribute> AuthenticatedAttributes;
-  // The signed attributes as hashed: DER of the SET OF with the SET tag.
+  // The signed attributes as hashed: DER of the SET OF with the SET tag. For a message
+  // that was read, the bytes as stored (with the SET tag).
   Bytes AuthenticatedAttributesPlain;
+  // For a message that was read: the DER re-encoding of the stored attributes (sorted,
+  // definite lengths), which RFC 5652 asks signers to hash; empty when the stored bytes
+  // already are DER.
+  Bytes AuthenticatedAttributesDer;
   std::string DigestEncryptionAlgorithm;
   Bytes DigestEncryptionAlgorithmParams;
   Bytes EncryptedDigest;
@@ -204,9 +210,15 @@ class TElSignedCMSMessage {
   Bytes SaveToBytes();
   void Clear();
 
-  // Reads a message (BER or DER). Raises EElCMSError "Failed to load CMS message, error N: ..."
-  // when the data is not one, "No signed data found" for another content type.
+  // Reads a message: DER or BER, as such or as Base64 or PEM text (see envelope_input.h).
+  // Raises EElCMSError "Failed to load CMS message, error N: ..." when the data is not one;
+  // for input that is no envelope at all, the first line says what it is and that message
+  // follows on the second. "No signed data found" for another content type.
   void Open(std::shared_ptr<const asn1::ByteSource> source);
+  // The form the message was read in.
+  EnvelopeForm FInputForm;
+  // The content as a source of its own, to read an envelope inside this one.
+  std::shared_ptr<const asn1::ByteSource> ContentSource() const;
 
   // Content, certificates (in the order of the certificates field) and state.
   std::unique_ptr<TElCMSContent> FContent;
@@ -232,6 +244,11 @@ class TElSignedCMSMessage {
   void SaveParts(const std::function<void(const std::uint8_t*, std::size_t)>& sink,
                  const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range);
 };
+
+// Reads one SignerInfo (for the envelope's signers and for countersignatures). Raises
+// asn1::BerError when it is not one.
+void ReadSignerInfo(const asn1::ByteSource& source, const asn1::BerNode& node,
+                    TElPKCS7Signer& signer);
 
 // The digest of the content with the signature's algorithm, read in blocks.
 Bytes DigestContent(const TElCMSContent* content, DigestAlgorithm alg,

@@ -89,7 +89,8 @@ TEST(CmsBadInput, NoSignerNoCertificateAndUnknownDigestAreReported) {
   auto ud = test::OpenBytes(env);
   v = VerifySignedMessage(*ud);
   ASSERT_EQ(v.signers.size(), 1u);
-  EXPECT_NE(v.signers[0].problems.front().find("unsupported digest algorithm"), std::string::npos);
+  EXPECT_EQ(v.signers[0].problems.front(), "unsupported algorithm 2.16.840.1.101.3.4.2.127");
+  EXPECT_EQ(v.signers[0].unsupported_algorithm, "2.16.840.1.101.3.4.2.127");
 }
 
 TEST(CmsBadInput, SigningWithoutAKeyOrWithAnUnsupportedKey) {

@@ -58,6 +58,8 @@ const char* kind_name(KeyKind k) {
       return "EC";
     case KeyKind::Ed25519:
       return "Ed25519";
+    case KeyKind::Ed448:
+      return "Ed448";
     case KeyKind::Gost2001:
       return "GOST R 34.10-2001";
     default:

@@ -36,7 +36,8 @@ namespace {
 
 class Parser {
  public:
-  Parser(const ByteSource& src, const BerLimits& limits) : src_(src), limits_(limits) {}
+  Parser(const ByteSource& src, const BerLimits& limits, BerEncodingInfo* info)
+      : src_(src), limits_(limits), info_(info) {}
 
   // Parses one element starting at offset that must end by limit.
   BerNode element(std::uint64_t offset, std::uint64_t limit, unsigned depth) {
@@ -79,6 +80,14 @@ class Parser {
       for (unsigned i = 0; i < octets; ++i)
         len = (len << 8) | byte(pos++, limit);
       n.content_length = len;
+      if (info_ && (len < 0x80 || len >> (8 * (octets - 1)) == 0)) info_->long_lengths = true;
+    }
+    if (info_) {
+      if (n.indefinite) info_->indefinite_lengths = true;
+      bool string_type =
+          n.tag_number == 3 || n.tag_number == 4 ||
+          (n.tag_number >= 12 && n.tag_number <= 30 && n.tag_number != 16 && n.tag_number != 17);
+      if (n.constructed && n.tag_class == 0 && string_type) info_->constructed_strings = true;
     }
     n.content_offset = pos;
     if (!n.indefinite) {
@@ -121,13 +130,15 @@ class Parser {
 
   const ByteSource& src_;
   BerLimits limits_;
+  BerEncodingInfo* info_;
   std::size_t count_ = 0;
 };
 
 }  // namespace
 
-BerNode ParseBer(const ByteSource& source, std::uint64_t offset, const BerLimits& limits) {
-  Parser p(source, limits);
+BerNode ParseBer(const ByteSource& source, std::uint64_t offset, const BerLimits& limits,
+                 BerEncodingInfo* info) {
+  Parser p(source, limits, info);
   return p.element(offset, source.size(), 0);
 }
 
@@ -145,6 +156,70 @@ void ContentRanges(const BerNode& node, std::vector<Range>& out) {
   }
   for (const auto& c : node.children)
     ContentRanges(c, out);
+}
+
+namespace {
+
+Bytes identifier_octets(const BerNode& n, bool constructed) {
+  std::uint8_t first = static_cast<std::uint8_t>(n.tag_class << 6 | (constructed ? 0x20 : 0));
+  if (n.tag_number < 31) return {static_cast<std::uint8_t>(first | n.tag_number)};
+  Bytes out{static_cast<std::uint8_t>(first | 0x1F)};
+  Bytes rest;
+  for (std::uint32_t v = n.tag_number; v; v >>= 7)
+    rest.insert(rest.begin(), static_cast<std::uint8_t>((v & 0x7F) | (rest.empty() ? 0 : 0x80)));
+  out.insert(out.end(), rest.begin(), rest.end());
+  return out;
+}
+
+Bytes to_der(const ByteSource& source, const BerNode& n, std::uint64_t max) {
+  if (n.total_length() > max)
+    throw BerError(kBerUnexpected, n.offset, "element too large to re-encode");
+  bool string_type =
+      n.tag_class == 0 &&
+      (n.tag_number == 3 || n.tag_number == 4 ||
+       (n.tag_number >= 12 && n.tag_number <= 30 && n.tag_number != 16 && n.tag_number != 17));
+  Bytes content;
+  bool constructed = n.constructed && !string_type;
+  if (!n.constructed || string_type) {
+    if (n.tag_number == 3 && n.constructed) {
+      // A segmented BIT STRING: each segment starts with its count of unused bits; only
+      // the last may have any.
+      std::vector<Range> ranges;
+      ContentRanges(n, ranges);
+      std::uint8_t unused = 0;
+      content.push_back(0);
+      for (const auto& r : ranges) {
+        Bytes seg(static_cast<std::size_t>(r.length));
+        source.read(r.offset, seg.data(), seg.size());
+        if (seg.empty()) continue;
+        unused = seg[0];
+        content.insert(content.end(), seg.begin() + 1, seg.end());
+      }
+      content[0] = unused;
+    } else {
+      content = ContentBytes(source, n, max);
+    }
+  } else {
+    std::vector<Bytes> children;
+    for (const auto& c : n.children)
+      children.push_back(to_der(source, c, max));
+    if (n.tag_class == 0 && n.tag_number == 17) {
+      Bytes set = der_set_of(std::move(children));
+      return set;
+    }
+    for (const auto& c : children)
+      content.insert(content.end(), c.begin(), c.end());
+  }
+  Bytes out = identifier_octets(n, constructed);
+  append_length(out, content.size());
+  out.insert(out.end(), content.begin(), content.end());
+  return out;
+}
+
+}  // namespace
+
+Bytes ToDer(const ByteSource& source, const BerNode& node, std::uint64_t max) {
+  return to_der(source, node, max);
 }
 
 Bytes ContentBytes(const ByteSource& source, const BerNode& node, std::uint64_t max) {

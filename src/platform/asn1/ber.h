@@ -70,6 +70,7 @@ enum BerErrorCode : int {
   kBerMissingEnd = 7,        // an indefinite length without its end-of-contents
   kBerUnexpected = 8,        // an element of another kind than the structure requires
   kBerTrailingData = 9,      // bytes after the outermost element
+  kBerBadText = 10,          // text that does not decode (Base64, PEM armour)
 };
 
 class BerError : public Exception {
@@ -117,8 +118,17 @@ struct BerNode {
   bool is_context(std::uint32_t number) const { return is(2, number); }
 };
 
+// What a parse met that DER does not allow.
+struct BerEncodingInfo {
+  bool indefinite_lengths = false;
+  bool constructed_strings = false;  // strings sent in segments
+  bool long_lengths = false;         // lengths in more octets than needed
+  bool der() const { return !indefinite_lengths && !constructed_strings && !long_lengths; }
+};
+
 // Parses the element at offset and everything inside it.
-BerNode ParseBer(const ByteSource& source, std::uint64_t offset = 0, const BerLimits& limits = {});
+BerNode ParseBer(const ByteSource& source, std::uint64_t offset = 0, const BerLimits& limits = {},
+                 BerEncodingInfo* info = nullptr);
 
 // The encoded bytes of an element, header included (for hashing or keeping as DER).
 Bytes ElementBytes(const ByteSource& source, const BerNode& node);
@@ -131,6 +141,10 @@ struct Range {
   std::uint64_t length;
 };
 void ContentRanges(const BerNode& node, std::vector<Range>& out);
+
+// The DER encoding of a BER element: definite minimal lengths, strings in one piece, the
+// elements of every SET in DER order. Refuses elements larger than max bytes.
+Bytes ToDer(const ByteSource& source, const BerNode& node, std::uint64_t max = 16u << 20);
 
 // Readers of common primitives; they raise BerError (kBerUnexpected) for the wrong kind.
 std::string ReadOid(const ByteSource& source, const BerNode& node);

@@ -22,6 +22,8 @@ KeyKind key_kind(const EVP_PKEY* key) {
       return KeyKind::Ec;
     case EVP_PKEY_ED25519:
       return KeyKind::Ed25519;
+    case EVP_PKEY_ED448:
+      return KeyKind::Ed448;
     default:
       return KeyKind::Unknown;
   }
@@ -119,6 +121,17 @@ bool PublicKey::verify_digest(DigestAlgorithm alg, const Bytes& digest,
   return verify_with(key_.get(), alg, digest, signature, false, alg, -1);
 }
 
+bool PublicKey::verify_eddsa(const Bytes& message, const Bytes& signature) const {
+  EvpMdCtxPtr md(EVP_MD_CTX_new());
+  if (!md || EVP_DigestVerifyInit_ex(md.get(), nullptr, nullptr, nullptr, nullptr, key_.get(),
+                                     nullptr) <= 0)
+    throw_openssl("Cannot verify with this key");
+  int rc = EVP_DigestVerify(md.get(), signature.data(), signature.size(), message.data(),
+                            message.size());
+  openssl_errors();
+  return rc == 1;
+}
+
 bool PublicKey::verify_digest_pss(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature,
                                   DigestAlgorithm mgf_alg, int salt_len) const {
   return verify_with(key_.get(), alg, digest, signature, true, mgf_alg, salt_len);
@@ -196,6 +209,21 @@ bool PrivateKey::matches(const Certificate& cert) const {
 
 Bytes PrivateKey::sign_digest(DigestAlgorithm alg, const Bytes& digest) const {
   return sign_with(key_.get(), alg, digest, false, alg, -1);
+}
+
+Bytes PrivateKey::sign_eddsa(const Bytes& message) const {
+  EvpMdCtxPtr md(EVP_MD_CTX_new());
+  if (!md ||
+      EVP_DigestSignInit_ex(md.get(), nullptr, nullptr, nullptr, nullptr, key_.get(), nullptr) <= 0)
+    throw_openssl("Cannot sign with this key");
+  std::size_t len = 0;
+  if (EVP_DigestSign(md.get(), nullptr, &len, message.data(), message.size()) <= 0)
+    throw_openssl("Signing failed");
+  Bytes sig(len);
+  if (EVP_DigestSign(md.get(), sig.data(), &len, message.data(), message.size()) <= 0)
+    throw_openssl("Signing failed");
+  sig.resize(len);
+  return sig;
 }
 
 Bytes PrivateKey::sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,

@@ -26,6 +26,8 @@ class PublicKey {
 
   // Verifies a signature over a ready digest. RSA: PKCS#1 v1.5; DSA/ECDSA: DER signature.
   bool verify_digest(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature) const;
+  // Ed25519 or Ed448 (pure EdDSA) over the whole message.
+  bool verify_eddsa(const Bytes& message, const Bytes& signature) const;
   // RSA-PSS over a ready digest, MGF1 with mgf_alg; salt_len -1 means "as long as the digest".
   bool verify_digest_pss(DigestAlgorithm alg, const Bytes& digest, const Bytes& signature,
                          DigestAlgorithm mgf_alg, int salt_len) const;
@@ -63,6 +65,8 @@ class PrivateKey {
 
   // Signs a ready digest. RSA: PKCS#1 v1.5 DigestInfo; DSA/ECDSA: DER signature.
   Bytes sign_digest(DigestAlgorithm alg, const Bytes& digest) const;
+  // Ed25519 or Ed448 (pure EdDSA) over the whole message.
+  Bytes sign_eddsa(const Bytes& message) const;
   // RSA-PSS over a ready digest.
   Bytes sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
                         int salt_len) const;
