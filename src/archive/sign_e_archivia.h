@@ -10,6 +10,7 @@
 #include "platform/xml/dom.h"
 #include "tessarel/certificate.h"
 #include "tessarel/sign_e_archivia.h"
+#include "tessarel/trust.h"
 
 namespace tessarel {
 
@@ -63,6 +64,9 @@ class TSignEArchivia : public ISignEArchivia {
   const std::string& id_cert() const { return FidCert; }
   bool detached() const { return Fdetached; }
   std::int32_t collision_action() const { return CollisionAction; }
+
+  // Trust anchors for the report of VerificaFirma; empty (the default) adds no trust lines.
+  TrustOptions FTrustOptions;
 
  protected:
   // Raises "File indice non aperto" when no index is open.

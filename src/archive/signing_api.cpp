@@ -9,7 +9,9 @@
 
 #include "boundary/batch_signer.h"
 #include "cms/cms_verify.h"
+#include "cms/envelope_input.h"
 #include "platform/crypto/digest.h"
+#include "platform/crypto/trust.h"
 #include "platform/runtime/datetime.h"
 #include "platform/runtime/files.h"
 #include "platform/runtime/strings.h"
@@ -45,48 +47,173 @@ std::vector<std::string> SignFiles(const std::vector<std::string>& files, const 
   return StringList(*result).items();
 }
 
+namespace {
+
+// How many envelopes inside envelopes are opened at most.
+constexpr int kMaxLayers = 8;
+
+std::string iso_time_of(DateTime t) {
+  if (t == 0) return "";
+  CivilTime c = DecodeDateTime(t);
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02dZ", c.year, c.month, c.day, c.hour,
+                c.minute, c.second);
+  return buf;
+}
+
+EnvelopeSignerReport signer_report(const SignerVerification& s) {
+  EnvelopeSignerReport e;
+  e.index = s.index;
+  if (s.certificate) {
+    e.certificate_id = s.certificate->id();
+    e.subject = s.certificate->subject_text();
+    e.issuer = s.certificate->issuer_text();
+  }
+  e.digest_algorithm =
+      s.digest == DigestAlgorithm::Unknown ? "unknown" : crypto::digest_name(s.digest);
+  e.signature_algorithm = AlgorithmLabel(s.signature_algorithm);
+  e.signing_time = iso_time_of(s.signing_time);
+  e.signature_valid = s.signature_valid;
+  e.digest_checked = s.digest_checked;
+  e.digest_matches = s.digest_matches;
+  e.content_type_matches = s.content_type_matches;
+  e.signing_certificate_present = s.signing_certificate_present;
+  e.signing_certificate_matches = s.signing_certificate_matches;
+  e.cades_bes = s.cades_bes;
+  e.weak_algorithm = s.weak_algorithm;
+  e.unsupported_algorithm = s.unsupported_algorithm;
+  e.valid = s.ok();
+  e.notes = s.notes;
+  e.problems = s.problems;
+  e.trust = s.trust;
+  for (const auto& c : s.countersignatures)
+    e.countersignatures.push_back(signer_report(c));
+  for (const auto& t : s.timestamps) {
+    EnvelopeTimestampReport tr;
+    tr.time = t.time;
+    tr.authority = t.authority;
+    tr.imprint_matches = t.imprint_matches;
+    tr.signature_valid = t.signature_valid;
+    tr.trust = t.trust;
+    tr.problems = t.problems;
+    e.timestamps.push_back(std::move(tr));
+  }
+  return e;
+}
+
+// One envelope of a nest, with the content given from outside for it (the data of a
+// detached layer, or the bytes the innermost content must equal).
+struct Layer {
+  std::unique_ptr<TElSignedCMSMessage> message;
+  const TElCMSContent* given = nullptr;
+  bool content_is_envelope = false;
+  std::vector<std::string> notes;
+};
+
+// Opens the envelope and every envelope nested in its content, outermost first. A
+// detached layer's data is the content file; otherwise that file belongs to the innermost
+// layer, whose content it must equal.
+std::vector<Layer> open_layers(const std::string& path, const TElCMSContent* external,
+                               std::shared_ptr<const asn1::ByteSource> external_source) {
+  std::vector<Layer> out;
+  Layer first;
+  first.message = std::make_unique<TElSignedCMSMessage>();
+  first.message->Open(std::make_shared<asn1::FileSource>(path));
+  out.push_back(std::move(first));
+  bool external_used = false;
+  while (true) {
+    Layer& l = out.back();
+    std::shared_ptr<const asn1::ByteSource> next;
+    if (l.message->FEContentPresent) {
+      next = l.message->ContentSource();
+    } else if (external) {
+      l.given = external;
+      external_used = true;
+      next = external_source;
+    }
+    if (!next || next->size() == 0 || !LooksLikeEnvelope(*next)) break;
+    if (static_cast<int>(out.size()) >= kMaxLayers) {
+      l.notes.push_back("more envelopes are nested in the content; only " +
+                        std::to_string(kMaxLayers) + " layers are read");
+      break;
+    }
+    auto inner = std::make_unique<TElSignedCMSMessage>();
+    try {
+      inner->Open(next);
+    } catch (const EElCMSError& e) {
+      std::string why = e.what();
+      l.notes.push_back("the content looks like an envelope but cannot be read as one: " +
+                        why.substr(0, why.find('\n')));
+      break;
+    }
+    l.content_is_envelope = true;
+    Layer nested;
+    nested.message = std::move(inner);
+    out.push_back(std::move(nested));
+  }
+  if (external && !external_used) out.back().given = external;
+  return out;
+}
+
+}  // namespace
+
 EnvelopeReport VerifyEnvelope(const std::string& envelope, const std::string& content_file) {
-  TElSignedCMSMessage message;
-  message.Open(std::make_shared<asn1::FileSource>(envelope));
+  VerifyOptions options;
+  options.content_file = content_file;
+  return VerifyEnvelopeWithOptions(envelope, options);
+}
+
+EnvelopeReport VerifyEnvelopeWithOptions(const std::string& envelope,
+                                         const VerifyOptions& options) {
+  std::unique_ptr<crypto::TrustStore> trust;
+  if (options.trust.enabled()) trust = std::make_unique<crypto::TrustStore>(options.trust);
+  std::shared_ptr<asn1::FileSource> external_source;
   std::unique_ptr<TElCMSContent> external;
-  if (!content_file.empty()) {
-    auto source = std::make_shared<asn1::FileSource>(content_file);
+  auto use_content = [&](const std::string& path) {
+    external_source = std::make_shared<asn1::FileSource>(path);
     external = std::make_unique<TElCMSContent>();
-    external->Init(source, 0, source->size());
+    external->Init(external_source, 0, external_source->size());
+  };
+  if (!options.content_file.empty()) use_content(options.content_file);
+  std::vector<Layer> layers = open_layers(envelope, external.get(), external_source);
+  if (!external && options.content_beside && !layers.back().message->FEContentPresent) {
+    std::string beside = RemoveLastExt(envelope);
+    if (beside != envelope && FileExists(beside)) {
+      use_content(beside);
+      layers = open_layers(envelope, external.get(), external_source);
+    }
   }
-  CmsVerification v = VerifySignedMessage(message, external.get());
   EnvelopeReport r;
-  r.valid = v.ok();
-  r.detached = v.detached;
-  r.content_size = v.content_size;
-  r.problems = v.problems;
-  for (const auto& s : v.signers) {
-    EnvelopeSignerReport e;
-    e.index = s.index;
-    if (s.certificate) {
-      e.certificate_id = s.certificate->id();
-      e.subject = s.certificate->subject_text();
-      e.issuer = s.certificate->issuer_text();
+  r.trust_checked = trust != nullptr;
+  r.valid = true;
+  r.trusted = r.trust_checked;
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    TElSignedCMSMessage& m = *layers[i].message;
+    CmsVerification v = VerifySignedMessage(m, layers[i].given, trust.get());
+    EnvelopeLayerReport lr;
+    lr.index = static_cast<int>(i) + 1;
+    lr.input_form = m.FInputForm.Text();
+    lr.valid = v.ok();
+    lr.trusted = lr.valid && r.trust_checked;
+    lr.detached = v.detached;
+    lr.content_size = v.content_size;
+    lr.content_is_envelope = layers[i].content_is_envelope;
+    lr.problems = v.problems;
+    lr.notes = layers[i].notes;
+    for (const auto& s : v.signers) {
+      if (!s.trusted()) lr.trusted = false;
+      lr.signers.push_back(signer_report(s));
     }
-    e.digest_algorithm = crypto::digest_name(s.digest);
-    if (s.signing_time != 0) {
-      CivilTime c = DecodeDateTime(s.signing_time);
-      char buf[40];
-      std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02dZ", c.year, c.month, c.day,
-                    c.hour, c.minute, c.second);
-      e.signing_time = buf;
-    }
-    e.signature_valid = s.signature_valid;
-    e.digest_checked = s.digest_checked;
-    e.digest_matches = s.digest_matches;
-    e.content_type_matches = s.content_type_matches;
-    e.signing_certificate_present = s.signing_certificate_present;
-    e.signing_certificate_matches = s.signing_certificate_matches;
-    e.cades_bes = s.cades_bes;
-    e.weak_algorithm = s.weak_algorithm;
-    e.problems = s.problems;
-    r.signers.push_back(std::move(e));
+    r.valid = r.valid && lr.valid;
+    r.trusted = r.trusted && lr.trusted;
+    r.layers.push_back(std::move(lr));
   }
+  const EnvelopeLayerReport& outer = r.layers.front();
+  r.detached = outer.detached;
+  r.content_size = outer.content_size;
+  r.signers = outer.signers;
+  r.problems = outer.problems;
+  r.input_form = outer.input_form;
   return r;
 }
 
@@ -114,7 +241,64 @@ std::uint64_t copy_content(const TElCMSContent& content, Write&& write) {
   return at;
 }
 
+void write_fd(int fd, const std::uint8_t* p, std::size_t k) {
+  while (k) {
+    ssize_t w = ::write(fd, p, k);
+    if (w < 0 && errno == EINTR) continue;
+    if (w < 0)
+      throw EInOutError(std::string("I/O error writing the content: ") + std::strerror(errno));
+    p += w;
+    k -= static_cast<std::size_t>(w);
+  }
+}
+
+void refuse_fd_onto_envelope(const std::string& envelope, int fd) {
+  struct stat out {
+  }, in{};
+  if (::fstat(fd, &out) == 0 && ::stat(envelope.c_str(), &in) == 0 && S_ISREG(out.st_mode) &&
+      out.st_dev == in.st_dev && out.st_ino == in.st_ino)
+    throw Exception("The output is the envelope " + envelope + " itself; choose another file");
+}
+
+// The layer to extract (0: the innermost) among the envelope's layers.
+std::vector<Layer> layers_for_extraction(const std::string& envelope, int layer, int& chosen) {
+  if (layer < 0) throw Exception("Layers are counted from 1 (the outermost); 0 is the innermost");
+  std::vector<Layer> layers = open_layers(envelope, nullptr, nullptr);
+  int count = static_cast<int>(layers.size());
+  if (layer > count)
+    throw Exception("The envelope " + envelope + " has " + std::to_string(count) +
+                    (count == 1 ? " layer" : " layers") + ", not " + std::to_string(layer));
+  chosen = layer == 0 ? count : layer;
+  if (!layers[static_cast<std::size_t>(chosen - 1)].message->FEContentPresent)
+    throw Exception(chosen == 1
+                        ? "The envelope " + envelope + " carries no content (a detached signature)"
+                        : "Layer " + std::to_string(chosen) + " of " + envelope +
+                              " carries no content (a detached signature)");
+  return layers;
+}
+
 }  // namespace
+
+std::string EnvelopeContentName(const std::string& envelope, int layers) {
+  std::string name = envelope;
+  int removed = 0;
+  auto base_starts = [&](std::size_t cut) { return cut > 0 && name[cut - 1] != '/'; };
+  while (removed < layers && name.size() > 4 &&
+         lower_ascii(name.substr(name.size() - 4)) == ".p7m" && base_starts(name.size() - 4)) {
+    name.resize(name.size() - 4);
+    ++removed;
+  }
+  if (removed == 0) {
+    auto dot = name.rfind('.');
+    auto slash = name.rfind('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash) ||
+        !base_starts(dot))
+      throw Exception("Cannot derive the content's name from " + envelope +
+                      ": give an output file");
+    name.resize(dot);
+  }
+  return name;
+}
 
 std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::string& output) {
   // Writing the content over its own envelope would destroy the signature.
@@ -129,22 +313,35 @@ std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::str
 }
 
 std::uint64_t ExtractEnvelopeContentToFd(const std::string& envelope, int fd) {
-  struct stat out {
-  }, in{};
-  if (::fstat(fd, &out) == 0 && ::stat(envelope.c_str(), &in) == 0 && S_ISREG(out.st_mode) &&
-      out.st_dev == in.st_dev && out.st_ino == in.st_ino)
-    throw Exception("The output is the envelope " + envelope + " itself; choose another file");
+  refuse_fd_onto_envelope(envelope, fd);
   auto message = open_attached(envelope);
-  return copy_content(*message->FContent, [&](const std::uint8_t* p, std::size_t k) {
-    while (k) {
-      ssize_t w = ::write(fd, p, k);
-      if (w < 0 && errno == EINTR) continue;
-      if (w < 0)
-        throw EInOutError(std::string("I/O error writing the content: ") + std::strerror(errno));
-      p += w;
-      k -= static_cast<std::size_t>(w);
-    }
-  });
+  return copy_content(*message->FContent,
+                      [&](const std::uint8_t* p, std::size_t k) { write_fd(fd, p, k); });
+}
+
+ExtractedContent ExtractEnvelopeLayer(const std::string& envelope, const std::string& output,
+                                      int layer) {
+  ExtractedContent r;
+  std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
+  r.layers = static_cast<int>(layers.size());
+  r.output = output.empty() ? EnvelopeContentName(envelope, r.layer) : output;
+  if (SameFile(envelope, r.output))
+    throw Exception("The output " + r.output + " is the envelope itself; choose another file");
+  OutputReplacement writer(r.output);
+  r.size = copy_content(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
+                        [&](const std::uint8_t* p, std::size_t k) { writer.write(p, k); });
+  writer.commit();
+  return r;
+}
+
+ExtractedContent ExtractEnvelopeLayerToFd(const std::string& envelope, int fd, int layer) {
+  refuse_fd_onto_envelope(envelope, fd);
+  ExtractedContent r;
+  std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
+  r.layers = static_cast<int>(layers.size());
+  r.size = copy_content(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
+                        [&](const std::uint8_t* p, std::size_t k) { write_fd(fd, p, k); });
+  return r;
 }
 
 }  // namespace tessarel

@@ -8,11 +8,14 @@
 #include "boundary/file_digest.h"
 #include "cms/cades.h"
 #include "cms/cms.h"
+#include "cms/cms_verify.h"
 #include "platform/crypto/digest.h"
+#include "platform/crypto/trust.h"
 #include "platform/runtime/datetime.h"
 #include "platform/runtime/files.h"
 #include "platform/runtime/hex.h"
 #include "platform/runtime/strings.h"
+#include "tessarel/signing.h"
 #include "tessarel/ui.h"
 #include "tessarel/wizard.h"
 
@@ -26,6 +29,16 @@ std::unique_ptr<TElSignedCMSMessage> open_envelope(const std::string& path) {
   auto message = std::make_unique<TElSignedCMSMessage>();
   message->Open(std::make_shared<asn1::FileSource>(path));
   return message;
+}
+
+// Whether the first signer's certificate is trusted, at the time its signature was made.
+std::string trust_line(TElSignedCMSMessage& message, const TrustOptions& options) {
+  crypto::TrustStore store(options);
+  CmsVerification v = VerifySignedMessage(message, nullptr, &store);
+  if (!v.signers.front().certificate)
+    return "trusted: no (the signer's certificate is not in the envelope)";
+  const TrustReport& t = v.signers.front().trust;
+  return t.trusted ? "trusted: yes" : "trusted: no (" + t.reason + ")";
 }
 
 DateTime local_date_of(std::chrono::sys_seconds t) {
@@ -101,13 +114,23 @@ void TSignEArchivia::VerificaFirma(const std::string& input) {
             " " + FormatTime(signer->FSigningTime) + kCrLf;
   report += std::string(kCrLf) + "Algoritmo " + crypto::digest_name(signer->GetDigestAlgorithm());
   TElCAdESSignatureProcessor processor(signer);
-  if (processor.IsBES())
+  bool bes = processor.IsBES();
+  if (bes)
     report +=
         std::string(" di tipo CAdES - BES") + kCrLf + kCrLf + " Il file risulta valido" + kCrLf;
   else
     report += std::string(" non di tipo CAdES - BES") + kCrLf + kCrLf +
               " Il file risulta valido ma con firma non conforme alle ultime norme";
+  // Trust is said only to a host that asked for it, after the report as it always was.
+  if (FTrustOptions.enabled())
+    report += (bes ? "" : kCrLf) + trust_line(*message, FTrustOptions) + kCrLf;
   currentUi().message_box(MessageKind::Information, MessageButtons::Ok, report);
+}
+
+void SetEngineTrustOptions(ISignEArchivia& engine, const TrustOptions& options) {
+  auto* own = dynamic_cast<TSignEArchivia*>(&engine);
+  if (!own) throw Exception("The engine was not made by GetSignEArchivia");
+  own->FTrustOptions = options;
 }
 
 std::string TSignEArchivia::GeneraCertificato() {

@@ -32,69 +32,182 @@ void sign(const std::vector<std::string>& files, const std::string& cert, bool d
   }
 }
 
+const char* yes_no(bool b) {
+  return b ? "true" : "false";
+}
+
+std::string json_list(const std::vector<std::string>& items) {
+  std::string out = "[";
+  for (std::size_t i = 0; i < items.size(); ++i)
+    out += (i ? ", " : "") + json_string(items[i]);
+  return out + "]";
+}
+
+std::string json_trust(const TrustReport& t) {
+  if (!t.checked) return "{\"checked\": false}";
+  return std::string("{\"checked\": true, \"trusted\": ") + yes_no(t.trusted) +
+         ", \"reason\": " + json_string(t.reason) +
+         ", \"checked_at\": " + json_string(t.checked_at) + ", \"chain\": " + json_list(t.chain) +
+         "}";
+}
+
+std::string json_signer(const EnvelopeSignerReport& s, const std::string& indent) {
+  std::string out =
+      indent + "{\"index\": " + std::to_string(s.index) +
+      ", \"certificate\": " + json_string(s.certificate_id) +
+      ", \"subject\": " + json_string(s.subject) + ", \"issuer\": " + json_string(s.issuer) +
+      ", \"digest\": " + json_string(s.digest_algorithm) +
+      ", \"signature_algorithm\": " + json_string(s.signature_algorithm) +
+      ", \"signing_time\": " + json_string(s.signing_time) + ",\n" + indent +
+      " \"valid\": " + yes_no(s.valid) + ", \"signature_valid\": " + yes_no(s.signature_valid) +
+      ", \"digest_matches\": " + yes_no(s.digest_matches) +
+      ", \"content_type_matches\": " + yes_no(s.content_type_matches) +
+      ", \"signing_certificate_present\": " + yes_no(s.signing_certificate_present) +
+      ", \"signing_certificate_matches\": " + yes_no(s.signing_certificate_matches) +
+      ", \"cades_bes\": " + yes_no(s.cades_bes) +
+      ", \"digest_checked\": " + yes_no(s.digest_checked) + ", \"weak_algorithm\": " +
+      (s.weak_algorithm.empty() ? "null" : json_string(s.weak_algorithm)) +
+      ", \"unsupported_algorithm\": " +
+      (s.unsupported_algorithm.empty() ? "null" : json_string(s.unsupported_algorithm)) + ",\n" +
+      indent + " \"trust\": " + json_trust(s.trust) + ", \"notes\": " + json_list(s.notes) +
+      ", \"problems\": " + json_list(s.problems) + ",\n" + indent + " \"timestamps\": [";
+  for (std::size_t i = 0; i < s.timestamps.size(); ++i) {
+    const auto& t = s.timestamps[i];
+    out += std::string(i ? ", " : "") + "{\"time\": " + json_string(t.time) +
+           ", \"authority\": " + json_string(t.authority) +
+           ", \"imprint_matches\": " + yes_no(t.imprint_matches) +
+           ", \"signature_valid\": " + yes_no(t.signature_valid) +
+           ", \"trust\": " + json_trust(t.trust) + ", \"problems\": " + json_list(t.problems) + "}";
+  }
+  out += "],\n" + indent + " \"countersignatures\": [";
+  for (std::size_t i = 0; i < s.countersignatures.size(); ++i)
+    out += (i ? ",\n" : "\n") + json_signer(s.countersignatures[i], indent + "   ");
+  return out + "]}";
+}
+
+std::string json_signers(const std::vector<EnvelopeSignerReport>& signers,
+                         const std::string& indent) {
+  std::string out = "[";
+  for (std::size_t i = 0; i < signers.size(); ++i)
+    out += (i ? ",\n" : "\n") + json_signer(signers[i], indent);
+  return out + "]";
+}
+
+void print_json(const EnvelopeReport& r) {
+  std::string out =
+      std::string("{\"valid\": ") + yes_no(r.valid) + ", \"detached\": " + yes_no(r.detached) +
+      ", \"content_size\": " + std::to_string(r.content_size) +
+      ", \"input_form\": " + json_string(r.input_form) +
+      ", \"trust_checked\": " + yes_no(r.trust_checked) + ", \"trusted\": " + yes_no(r.trusted) +
+      ", \"problems\": " + json_list(r.problems) +
+      ",\n \"signers\": " + json_signers(r.signers, "  ") + ",\n \"layers\": [";
+  for (std::size_t i = 0; i < r.layers.size(); ++i) {
+    const auto& l = r.layers[i];
+    out += std::string(i ? "," : "") + "\n  {\"index\": " + std::to_string(l.index) +
+           ", \"input_form\": " + json_string(l.input_form) + ", \"valid\": " + yes_no(l.valid) +
+           ", \"trusted\": " + yes_no(l.trusted) + ", \"detached\": " + yes_no(l.detached) +
+           ", \"content_size\": " + std::to_string(l.content_size) +
+           ", \"content_is_envelope\": " + yes_no(l.content_is_envelope) +
+           ", \"problems\": " + json_list(l.problems) + ", \"notes\": " + json_list(l.notes) +
+           ",\n   \"signers\": " + json_signers(l.signers, "    ") + "}";
+  }
+  out += "\n ]}\n";
+  std::fputs(out.c_str(), stdout);
+}
+
+std::string trust_text(const TrustReport& t) {
+  if (!t.checked) return "trust not checked";
+  return t.trusted ? "trusted: yes" : "trusted: no (" + t.reason + ")";
+}
+
+void print_signer(const EnvelopeSignerReport& s, const std::string& in, const char* what) {
+  std::printf("%s%s %d: %s\n", in.c_str(), what, s.index,
+              s.subject.empty() ? "(certificate not found)" : s.subject.c_str());
+  std::string i2 = in + "  ";
+  if (!s.certificate_id.empty())
+    std::printf("%scertificate: %s, issued by %s\n", i2.c_str(), s.certificate_id.c_str(),
+                s.issuer.c_str());
+  std::printf("%sdigest: %s   signature: %s   signed: %s   CAdES-BES: %s\n", i2.c_str(),
+              s.digest_algorithm.c_str(), s.signature_algorithm.c_str(),
+              s.signing_time.empty() ? "(no signing time)" : s.signing_time.c_str(),
+              s.cades_bes ? "yes" : "no");
+  std::string value = s.signature_valid ? "ok"
+                      : !s.unsupported_algorithm.empty()
+                          ? "not checked: unsupported algorithm " + s.unsupported_algorithm
+                          : "FAILED";
+  std::printf(
+      "%ssignature value: %s   content digest: %s   content type: %s   signing certificate: %s\n",
+      i2.c_str(), value.c_str(),
+      !s.digest_checked  ? "not checked: no content given"
+      : s.digest_matches ? "ok"
+                         : "FAILED",
+      s.content_type_matches ? "ok" : "FAILED",
+      !s.signing_certificate_present  ? "absent"
+      : s.signing_certificate_matches ? "ok"
+                                      : "FAILED");
+  std::printf("%s%s\n", i2.c_str(), trust_text(s.trust).c_str());
+  if (!s.weak_algorithm.empty())
+    std::printf(
+        "%swarning: %s is a weak digest algorithm: collisions can be made, so the "
+        "signature proves less than it seems\n",
+        i2.c_str(), s.weak_algorithm.c_str());
+  for (const auto& n : s.notes)
+    std::printf("%snote: %s\n", i2.c_str(), n.c_str());
+  for (const auto& p : s.problems)
+    std::printf("%sproblem: %s\n", i2.c_str(), p.c_str());
+  for (const auto& t : s.timestamps) {
+    std::printf("%stimestamp: %s by %s: imprint %s, signature %s", i2.c_str(),
+                t.time.empty() ? "(no time)" : t.time.c_str(),
+                t.authority.empty() ? "(unknown authority)" : t.authority.c_str(),
+                t.imprint_matches ? "ok" : "FAILED", t.signature_valid ? "ok" : "FAILED");
+    if (t.trust.checked) std::printf(", authority %s", trust_text(t.trust).c_str());
+    std::printf("\n");
+    for (const auto& p : t.problems)
+      std::printf("%s  problem: %s\n", i2.c_str(), p.c_str());
+  }
+  for (const auto& c : s.countersignatures) {
+    std::printf("%s%s\n", i2.c_str(),
+                c.valid ? "countersignature: VALID" : "countersignature: NOT VALID");
+    print_signer(c, i2 + "  ", "counter-signer");
+  }
+}
+
+std::string content_text(bool detached, std::uint64_t size) {
+  return std::string(detached ? "detached" : "attached") + ", " + std::to_string(size) +
+         " bytes of content";
+}
+
 void print_report(const EnvelopeReport& r) {
   if (json()) {
-    std::printf("{\"valid\": %s, \"detached\": %s, \"content_size\": %llu, \"problems\": [",
-                r.valid ? "true" : "false", r.detached ? "true" : "false",
-                static_cast<unsigned long long>(r.content_size));
-    for (std::size_t i = 0; i < r.problems.size(); ++i)
-      std::printf("%s%s", i ? ", " : "", json_string(r.problems[i]).c_str());
-    std::printf("],\n \"signers\": [");
-    for (std::size_t i = 0; i < r.signers.size(); ++i) {
-      const auto& s = r.signers[i];
-      std::printf(
-          "%s\n  {\"index\": %d, \"certificate\": %s, \"subject\": %s, \"issuer\": %s, \"digest\": "
-          "%s, "
-          "\"signing_time\": %s,\n   \"signature_valid\": %s, \"digest_matches\": %s, "
-          "\"content_type_matches\": %s, "
-          "\"signing_certificate_present\": %s, \"signing_certificate_matches\": %s, "
-          "\"cades_bes\": %s, \"digest_checked\": %s, \"weak_algorithm\": %s, \"problems\": [",
-          i ? "," : "", s.index, json_string(s.certificate_id).c_str(),
-          json_string(s.subject).c_str(), json_string(s.issuer).c_str(),
-          json_string(s.digest_algorithm).c_str(), json_string(s.signing_time).c_str(),
-          s.signature_valid ? "true" : "false", s.digest_matches ? "true" : "false",
-          s.content_type_matches ? "true" : "false",
-          s.signing_certificate_present ? "true" : "false",
-          s.signing_certificate_matches ? "true" : "false", s.cades_bes ? "true" : "false",
-          s.digest_checked ? "true" : "false",
-          s.weak_algorithm.empty() ? "null" : json_string(s.weak_algorithm).c_str());
-      for (std::size_t k = 0; k < s.problems.size(); ++k)
-        std::printf("%s%s", k ? ", " : "", json_string(s.problems[k]).c_str());
-      std::printf("]}");
-    }
-    std::printf("\n ]}\n");
+    print_json(r);
     return;
   }
-  std::printf("%s (%s, %llu bytes of content)\n", r.valid ? "VALID" : "NOT VALID",
-              r.detached ? "detached" : "attached",
-              static_cast<unsigned long long>(r.content_size));
-  for (const auto& p : r.problems)
-    std::printf("  problem: %s\n", p.c_str());
-  for (const auto& s : r.signers) {
-    std::printf("signer %d: %s\n", s.index,
-                s.subject.empty() ? "(certificate not found)" : s.subject.c_str());
-    if (!s.certificate_id.empty())
-      std::printf("  certificate: %s, issued by %s\n", s.certificate_id.c_str(), s.issuer.c_str());
-    std::printf("  digest: %s   signed: %s   CAdES-BES: %s\n", s.digest_algorithm.c_str(),
-                s.signing_time.empty() ? "(no signing time)" : s.signing_time.c_str(),
-                s.cades_bes ? "yes" : "no");
-    std::printf(
-        "  signature value: %s   content digest: %s   content type: %s   signing certificate: %s\n",
-        s.signature_valid ? "ok" : "FAILED",
-        !s.digest_checked  ? "not checked: no content given"
-        : s.digest_matches ? "ok"
-                           : "FAILED",
-        s.content_type_matches ? "ok" : "FAILED",
-        !s.signing_certificate_present  ? "absent"
-        : s.signing_certificate_matches ? "ok"
-                                        : "FAILED");
-    if (!s.weak_algorithm.empty())
-      std::printf(
-          "  warning: %s is a weak digest algorithm: collisions can be made, so the "
-          "signature proves less than it seems\n",
-          s.weak_algorithm.c_str());
-    for (const auto& p : s.problems)
+  std::string verdict = r.valid ? "VALID" : "NOT VALID";
+  if (r.trust_checked) verdict += r.trusted ? ", trusted" : ", NOT TRUSTED";
+  if (r.layers.size() == 1) {
+    std::printf("%s (%s)\nform: %s\n", verdict.c_str(),
+                content_text(r.detached, r.content_size).c_str(), r.input_form.c_str());
+    for (const auto& p : r.problems)
       std::printf("  problem: %s\n", p.c_str());
+    for (const auto& n : r.layers.front().notes)
+      std::printf("  note: %s\n", n.c_str());
+    for (const auto& s : r.signers)
+      print_signer(s, "", "signer");
+    return;
+  }
+  const auto& inner = r.layers.back();
+  std::printf("%s: %zu envelopes, one inside the other (innermost: %s)\n", verdict.c_str(),
+              r.layers.size(), content_text(inner.detached, inner.content_size).c_str());
+  for (const auto& l : r.layers) {
+    std::printf("layer %d of %zu: %s (%s%s; form: %s)\n", l.index, r.layers.size(),
+                l.valid ? "VALID" : "NOT VALID", content_text(l.detached, l.content_size).c_str(),
+                l.content_is_envelope ? ": an envelope" : "", l.input_form.c_str());
+    for (const auto& p : l.problems)
+      std::printf("    problem: %s\n", p.c_str());
+    for (const auto& n : l.notes)
+      std::printf("    note: %s\n", n.c_str());
+    for (const auto& s : l.signers)
+      print_signer(s, "  ", "signer");
   }
 }
 
@@ -103,48 +216,44 @@ std::string input_path(const std::string& name) {
   return name == "-" ? "/dev/stdin" : name;
 }
 
-void verify(const std::string& given, std::string content) {
+void verify(const std::string& given, std::string content, const std::vector<std::string>& trust,
+            bool trust_system) {
   std::string envelope = input_path(given);
   if (!content.empty()) content = input_path(content);
   if (given == "-" && content == "/dev/stdin") {
     error("the envelope and its content cannot both come from standard input");
     return;
   }
+  VerifyOptions options;
+  options.content_file = content;
   // A detached signature's data lies beside it, as x.pdf for x.pdf.p7s.
-  if (content.empty() && given != "-" && regular_file(envelope) && envelope.size() > 4) {
-    std::string base = envelope.substr(0, envelope.rfind('.'));
-    if (envelope.rfind('.') != std::string::npos && exists(base)) {
-      EnvelopeReport probe = VerifyEnvelope(envelope);
-      if (probe.detached) content = base;
-    }
-  }
-  EnvelopeReport r = VerifyEnvelope(envelope, content);
+  options.content_beside = given != "-" && regular_file(envelope);
+  options.trust.anchors = trust;
+  options.trust.system = trust_system;
+  EnvelopeReport r = VerifyEnvelopeWithOptions(envelope, options);
   print_report(r);
-  if (!r.valid) set_exit_code(1);
+  if (!r.valid || (r.trust_checked && !r.trusted)) set_exit_code(1);
 }
 
-void extract(const std::string& given, std::string output) {
+void extract(const std::string& given, const std::string& output, int layer) {
   std::string envelope = input_path(given);
-  if (output.empty()) {
-    auto dot = given.rfind('.');
-    auto slash = given.rfind('/');
-    if (given == "-" || dot == std::string::npos || (slash != std::string::npos && dot < slash)) {
-      error("cannot derive the output name from " + given +
-            ": give -o FILE (or -o - for "
-            "standard output)");
-      return;
-    }
-    output = given.substr(0, dot);
-  }
   if (output == "-") {
     std::fflush(stdout);
-    std::uint64_t n = ExtractEnvelopeContentToFd(envelope, 1);
-    info("extracted " + std::to_string(n) + " bytes");
+    ExtractedContent x = ExtractEnvelopeLayerToFd(envelope, 1, layer);
+    info("extracted " + std::to_string(x.size) + " bytes (layer " + std::to_string(x.layer) +
+         " of " + std::to_string(x.layers) + ")");
     return;
   }
-  std::uint64_t n = ExtractEnvelopeContent(envelope, output);
-  std::printf("%s\n", output.c_str());
-  info("extracted " + std::to_string(n) + " bytes");
+  if (output.empty() && given == "-") {
+    error(
+        "cannot derive the output name from standard input: give -o FILE (or -o - for "
+        "standard output)");
+    return;
+  }
+  ExtractedContent x = ExtractEnvelopeLayer(envelope, output, layer);
+  std::printf("%s\n", x.output.c_str());
+  info("extracted " + std::to_string(x.size) + " bytes (layer " + std::to_string(x.layer) + " of " +
+       std::to_string(x.layers) + ")");
 }
 
 // An input given on the command line: "-" or something that can be opened for reading.
@@ -172,27 +281,47 @@ CommandRegistration reg(30, [](CLI::App& app) {
   on_run(s, [] { sign(files, cert, detached); });
 
   static std::string envelope, content;
+  static std::vector<std::string> trust;
+  static bool trust_system = false;
   auto* v = app.add_subcommand(
-      "verify", "Check an envelope's signatures cryptographically; exit 1 when it does not verify");
-  v->add_option("ENVELOPE", envelope, "The .p7m or .p7s file (- for standard input)")
+      "verify",
+      "Check an envelope's signatures cryptographically, every layer of envelopes inside "
+      "envelopes, and optionally trust; exit 1 when it does not verify");
+  v->add_option("ENVELOPE", envelope,
+                "The envelope (- for standard input): DER or BER, Base64 (any number of times) "
+                "or PEM of it")
       ->required()
       ->check(readable_input());
   v->add_option("--content", content,
                 "The signed data of a detached signature (default: the envelope's name without its "
-                "extension); with an attached envelope, checked to be the same bytes")
+                "extension); with an attached envelope, checked to be the same bytes as the "
+                "innermost content")
       ->check(readable_input());
+  v->add_option("--trust", trust,
+                "Trust anchors: a file of PEM or DER certificates, or a folder of them "
+                "(repeatable); certificates that are not self-signed serve as intermediates")
+      ->check(CLI::ExistingPath);
+  v->add_flag("--trust-system", trust_system, "Trust the system's CA certificates");
   v->add_flag("--json", globals().json, "Output as JSON");
-  on_run(v, [] { verify(envelope, content); });
+  on_run(v, [] { verify(envelope, content, trust, trust_system); });
 
   static std::string in, out;
-  auto* x = app.add_subcommand("extract", "Write the content of an attached envelope to a file");
-  x->add_option("ENVELOPE", in, "The .p7m file (- for standard input)")
+  static int layer = 0;
+  auto* x = app.add_subcommand(
+      "extract",
+      "Write the content of an attached envelope to a file: the innermost document when "
+      "envelopes are nested");
+  x->add_option("ENVELOPE", in, "The .p7m file (- for standard input), binary or text")
       ->required()
       ->check(readable_input());
   x->add_option("-o,--output", out,
-                "Output file (default: the envelope's name without its extension; - for standard "
-                "output)");
-  on_run(x, [] { extract(in, out); });
+                "Output file (default: the envelope's name without one .p7m per layer taken "
+                "off; - for standard output)");
+  x->add_option("--layer", layer,
+                "The layer whose content to write: 1 the outermost, 2 the envelope inside it, "
+                "...; 0 (the default) the innermost")
+      ->check(CLI::NonNegativeNumber);
+  on_run(x, [] { extract(in, out, layer); });
 });
 
 DemoStep sign_step(60, "Signing the documents into CMS/CAdES-BES envelopes", [](DemoContext& ctx) {
