@@ -84,10 +84,16 @@ crypto::EvpPkeyPtr generate_key(const CertParams& params) {
       key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(params.bits));
       break;
     case KeyKind::Ec:
-      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", params.bits > 256 ? "P-384" : "P-256");
+      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC",
+                              !params.curve.empty() ? params.curve.c_str()
+                              : params.bits > 256   ? "P-384"
+                                                    : "P-256");
       break;
     case KeyKind::Ed25519:
       key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+      break;
+    case KeyKind::Ed448:
+      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448");
       break;
     case KeyKind::Dsa: {
       crypto::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr));
@@ -187,7 +193,9 @@ TestCert make_cert(const CertParams& params, const TestCert* issuer) {
     if (!v.empty()) add_ext(x.get(), issuer_x, NID_key_usage, "critical," + v);
   }
   EVP_PKEY* signer = issuer ? issuer->key.get() : key.get();
-  const EVP_MD* md = params.kind == KeyKind::Ed25519 ? nullptr : EVP_sha256();
+  KeyKind signer_kind = crypto::key_kind(signer);
+  const EVP_MD* md =
+      signer_kind == KeyKind::Ed25519 || signer_kind == KeyKind::Ed448 ? nullptr : EVP_sha256();
   if (!X509_sign(x.get(), signer, md)) throw std::runtime_error("make_cert: signing failed");
   return TestCert{crypto::certificate_from_x509(x.get()), crypto::PrivateKey(std::move(key))};
 }

@@ -44,6 +44,7 @@ struct CertParams {
   std::string email;
   KeyKind kind = KeyKind::Rsa;
   int bits = 2048;                         // RSA/DSA bits; EC: 256 or 384
+  std::string curve;                       // EC: a curve by name ("brainpoolP256r1")
   Bytes serial;                            // INTEGER content octets; empty: 16 random bytes
   std::optional<std::uint16_t> key_usage;  // bits as in Certificate::key_usage()
   bool ca = false;
