@@ -107,5 +107,84 @@ TEST_F(CmsCli, RsaPssCertificatesSignWithPss) {
   EXPECT_EQ(cli({"verify", dir_ / "a.txt.p7m"}).exit_code, 0);
 }
 
+TEST_F(CmsCli, TextFormsPipesAndEnvelopesInsideEnvelopes) {
+  std::string doc = dir_ / "però.txt";
+  test::write_file(doc, "alpha\n");
+  ASSERT_EQ(cli({"sign", "--cert", id_, doc}).exit_code, 0);
+  // Base64 of Base64 on a pipe.
+  auto r = test::run_shell("openssl base64 -e -in '" + doc + ".p7m' | openssl base64 -e | '" +
+                           test::cli_path() + "' verify -");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.out.find("\nform: Base64, twice (DER)\n"), std::string::npos) << r.out;
+  // Signed again: an envelope inside an envelope.
+  ASSERT_EQ(cli({"sign", "--cert", id_, doc + ".p7m"}).exit_code, 0);
+  std::string nest = doc + ".p7m.p7m";
+  r = cli({"verify", nest});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_EQ(r.out.rfind("VALID: 2 envelopes, one inside the other", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("layer 1 of 2: VALID (attached, "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("layer 2 of 2: VALID (attached, 6 bytes of content; form: DER)"),
+            std::string::npos)
+      << r.out;
+  r = cli({"verify", "--json", nest});
+  EXPECT_NE(r.out.find("\"layers\": [\n  {\"index\": 1, \"input_form\": \"DER\", \"valid\": true"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("{\"index\": 2, "), std::string::npos);
+  EXPECT_NE(r.out.find("\"content_is_envelope\": true"), std::string::npos);
+
+  // extract takes off both layers, naming the document after the envelope.
+  std::filesystem::rename(doc, dir_ / "original.txt");
+  r = cli({"extract", nest});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, doc + "\n");
+  EXPECT_EQ(test::read_file(doc), "alpha\n");
+  EXPECT_NE(r.err.find("(layer 2 of 2)"), std::string::npos) << r.err;
+  r = cli({"extract", nest, "--layer", "1", "-o", dir_ / "inner.p7m"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(test::read_bytes(dir_ / "inner.p7m"), test::read_bytes(doc + ".p7m"));
+  r = cli({"extract", nest, "--layer", "3"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("has 2 layers, not 3"), std::string::npos) << r.err;
+  // From standard input, as Base64, to standard output.
+  r = test::run_shell("openssl base64 -e -in '" + nest + "' | '" + test::cli_path() +
+                      "' extract - -o -");
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, "alpha\n");
+}
+
+TEST_F(CmsCli, WhatIsNotAnEnvelopeIsNamedOnTheFirstLine) {
+  struct Case {
+    std::string name, content, first_line;
+  } cases[] = {
+      {"doc.pdf.p7m", "%PDF-1.7\n%\xE2\xE3\n1 0 obj\n", "this is a PDF file, not a CMS envelope"},
+      {"mail.p7m",
+       "From: a@example.org\nMIME-Version: 1.0\nContent-Type: application/pkcs7-mime; "
+       "smime-type=signed-data\n\nMIAGCSqGSIb3DQEHAqCAMIACAQEx\n",
+       "S/MIME mail message: save the attachment first"},
+      {"b64.p7m", "SGVsbG8sIHdvcmxkIQo=\n", "Base64 text that does not decode to an envelope"},
+      {"note.p7m", "una fattura qualsiasi\n", "this is text, not a CMS envelope"},
+      {"cert.p7m", "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n",
+       "this is PEM text holding a CERTIFICATE, not a CMS envelope"},
+  };
+  for (const auto& c : cases) {
+    test::write_file(dir_ / c.name, c.content);
+    auto r = cli({"verify", dir_ / c.name});
+    EXPECT_EQ(r.exit_code, 1) << c.name;
+    EXPECT_EQ(r.err.rfind("tessarel: error: " + c.first_line +
+                              "\nFailed to load CMS message, "
+                              "error ",
+                          0),
+              0u)
+        << r.err;
+    EXPECT_TRUE(r.out.empty());
+    r = cli({"extract", dir_ / c.name});
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_NE(r.err.find(c.first_line), std::string::npos);
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "doc.pdf"))
+      << "nothing is written for a non-envelope";
+}
+
 }  // namespace
 }  // namespace tessarel

@@ -10,7 +10,9 @@
 #include "cms_support.h"
 #include "frontends/scripted_ui.h"
 #include "platform/asn1/der.h"
+#include "platform/crypto/digest.h"
 #include "platform/runtime/datetime.h"
+#include "tessarel/signing.h"
 
 namespace tessarel {
 namespace {
@@ -167,6 +169,50 @@ TEST_F(Report, ExtractionWritesBesideTheEnvelope) {
     EXPECT_STREQ(e.what(), "il file deve avere estensione .p7m");
   }
   EXPECT_THROW(engine_.EstraiContenuto(dir_ / "missing.p7m"), EFOpenError);
+}
+
+TEST_F(Report, TextEnvelopesReadAndTrustLinesOnlyWhenTheHostAsks) {
+  test::SignOptions now;
+  now.time =
+      DateTimeFromSys(std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
+  Bytes data{'<', 'x', '/', '>'};
+  std::string flat = crypto::base64_encode(test::SignBytes(data, *tc_, now)), text;
+  for (std::size_t i = 0; i < flat.size(); i += 64)
+    text += flat.substr(i, 64) + "\r\n";
+  std::string env = dir_ / "fattura.xml.p7m";
+  test::write_file(env, text);
+  engine_.VerificaFirma(env);
+  ASSERT_EQ(ui_->messages().size(), 1u);
+  std::string plain = ui_->messages()[0].text;
+  EXPECT_EQ(plain.rfind("Documento firmato digitalmente\r\n\r\n", 0), 0u) << plain;
+  EXPECT_TRUE(plain.ends_with(" di tipo CAdES - BES\r\n\r\n Il file risulta valido\r\n"));
+
+  TrustOptions trust;
+  trust.anchors = {test::write_pem(tc_->cert, dir_ / "anchor.pem")};
+  SetEngineTrustOptions(engine_, trust);
+  engine_.VerificaFirma(env);
+  EXPECT_EQ(ui_->messages()[1].text, plain + "trusted: yes\r\n");
+  test::CertParams other;
+  other.cn = "Altra Autorita";
+  trust.anchors = {test::write_pem(test::make_cert(other).cert, dir_ / "other.pem")};
+  SetEngineTrustOptions(engine_, trust);
+  engine_.VerificaFirma(env);
+  EXPECT_EQ(ui_->messages()[2].text,
+            plain + "trusted: no (the root CN=Giovanna Firmataria is not a trust anchor)\r\n");
+  // The report without CAdES-BES ends without a line break; the trust line starts a new one.
+  now.options = 0x00BF & ~0x0020;
+  std::string not_bes = write("nb.p7m", test::SignBytes(data, *tc_, now));
+  engine_.VerificaFirma(not_bes);
+  EXPECT_TRUE(ui_->messages()[3].text.ends_with(
+      "alle ultime norme\r\ntrusted: no (the root CN=Giovanna Firmataria is not a trust "
+      "anchor)\r\n"));
+  SetEngineTrustOptions(engine_, TrustOptions{});
+  engine_.VerificaFirma(env);
+  EXPECT_EQ(ui_->messages()[4].text, plain);
+
+  // Extraction reads the text envelope too, and takes off one layer.
+  EXPECT_EQ(engine_.EstraiContenuto(env), dir_ / "fattura.xml");
+  EXPECT_EQ(test::read_bytes(dir_ / "fattura.xml"), data);
 }
 
 TEST_F(Report, FirmaSignsEveryListedFileAndRemembersItsSettings) {

@@ -149,7 +149,8 @@ TrustReport TrustStore::check(const Certificate& signer,
         break;
       case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
       case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
-        r.reason = "the issuer of " + who + " is neither a trust anchor nor among the certificates";
+        r.reason = "the issuer " + (current ? certificate_from_x509(current).issuer_text() : "") +
+                   " of " + who + " is neither a trust anchor nor among the certificates";
         break;
       case X509_V_ERR_INVALID_CA:
         r.reason = "the certificate " + who + " issues others but is not a CA certificate";
