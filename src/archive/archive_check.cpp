@@ -199,7 +199,11 @@ ArchiveCheckReport VerifyArchive(const std::string& folder, const std::string& e
           for (const auto& p : s.problems)
             report.problems.push_back({label, "envelope: " + p});
       } catch (const Exception& e) {
-        report.problems.push_back({label, std::string("envelope: ") + e.what()});
+        // One line per problem: what the file is, then the reader's detail in brackets.
+        std::string what = e.what();
+        if (auto nl = what.find('\n'); nl != std::string::npos)
+          what = what.substr(0, nl) + " (" + what.substr(nl + 1) + ")";
+        report.problems.push_back({label, "envelope: " + what});
       }
     }
     if (progress) progress(++done, records.size());

@@ -119,10 +119,46 @@ TEST_F(ArchiveCheck, AnIndexSignedAgainByAnotherCertificate) {
   EXPECT_TRUE(VerifyArchive(arch_, forger.id()).problems.empty());
 }
 
+TEST_F(ArchiveCheck, AnEnvelopeReceivedAsBase64IsCheckedLikeOurOwn) {
+  // Signed elsewhere (OpenSSL, ECDSA) and delivered as Base64 text, as invoices often are.
+  test::CertParams s;
+  s.cn = "Fornitore";
+  s.kind = KeyKind::Ec;
+  auto supplier = test::make_cert(s);
+  std::string data = input("fattura.xml", "<Fattura>123</Fattura>");
+  std::string env = data + ".p7m";
+  auto r = test::run_shell("openssl cms -sign -binary -nodetach -outform DER -in '" + data +
+                           "' -signer '" + test::write_pem(supplier.cert, dir_ / "s.pem") +
+                           "' -inkey '" + test::write_key_pem(supplier.key, dir_ / "s.key") +
+                           "' | openssl base64 -e > '" + env + "'");
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(data, env, "", "Fatture", april_);
+    e.ChiudiIndice();
+  }
+  EXPECT_TRUE(VerifyArchive(arch_).ok()) << problems(VerifyArchive(arch_));
+  // The archived text envelope replaced by one over other content.
+  test::write_file(data, std::string("<Fattura>124</Fattura>"));
+  ASSERT_EQ(
+      test::run_shell("openssl cms -sign -binary -nodetach -outform DER -in '" + data +
+                      "' -signer '" + dir_ / "s.pem" + "' -inkey '" + dir_ / "s.key" +
+                      "' | openssl base64 -e > '" + at("Fatture/2021/04/fattura.xml.p7m") + "'")
+          .exit_code,
+      0);
+  std::string p = problems(VerifyArchive(arch_));
+  EXPECT_NE(p.find("fattura.xml: the envelope's content is not the archived data file"),
+            std::string::npos)
+      << p;
+}
+
 TEST_F(ArchiveCheck, EnvelopesThatAreNotEnvelopesOrDoNotMatch) {
   test::write_file(at("Fatture/2021/04/c.txt.p7m"), "not an envelope");
   std::string p = problems(VerifyArchive(arch_));
-  EXPECT_NE(p.find("Fatture#0 c.txt: envelope: Failed to load CMS message"), std::string::npos)
+  EXPECT_NE(p.find("Fatture#0 c.txt: envelope: this is text, not a CMS envelope (Failed to load "
+                   "CMS message, error "),
+            std::string::npos)
       << p;
   EXPECT_THROW(ListArchive(dir_ / "nowhere"), Exception);
   ArchiveCheckReport none = VerifyArchive(dir_ / "nowhere");
