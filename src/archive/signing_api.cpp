@@ -241,6 +241,37 @@ std::uint64_t copy_content(const TElCMSContent& content, Write&& write) {
   return at;
 }
 
+// The content into an output descriptor: ranges of files are copied inside the kernel
+// where the two files allow it, everything else through a buffer.
+std::uint64_t copy_content_to_fd(const TElCMSContent& content, int fd, const std::string& name) {
+  Bytes buffer;
+  std::uint64_t total = 0;
+  for (const auto& s : content.sources()) {
+    total += s.size;
+    if (s.size == 0) continue;
+    if (s.stream && s.stream->fd() >= 0 && CopyRange(s.stream->fd(), s.offset, s.size, fd, name))
+      continue;
+    buffer.resize(1 << 20);
+    for (std::uint64_t at = 0; at < s.size;) {
+      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), s.size - at));
+      if (s.stream)
+        s.stream->read(s.offset + at, buffer.data(), n);
+      else
+        std::memcpy(buffer.data(), s.memory + at, n);
+      const std::uint8_t* p = buffer.data();
+      for (std::size_t k = n; k;) {
+        ssize_t w = ::write(fd, p, k);
+        if (w < 0 && errno == EINTR) continue;
+        if (w < 0) throw EInOutError("I/O error writing \"" + name + "\": " + std::strerror(errno));
+        p += w;
+        k -= static_cast<std::size_t>(w);
+      }
+      at += n;
+    }
+  }
+  return total;
+}
+
 void write_fd(int fd, const std::uint8_t* p, std::size_t k) {
   while (k) {
     ssize_t w = ::write(fd, p, k);
@@ -328,8 +359,8 @@ ExtractedContent ExtractEnvelopeLayer(const std::string& envelope, const std::st
   if (SameFile(envelope, r.output))
     throw Exception("The output " + r.output + " is the envelope itself; choose another file");
   OutputReplacement writer(r.output);
-  r.size = copy_content(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
-                        [&](const std::uint8_t* p, std::size_t k) { writer.write(p, k); });
+  r.size = copy_content_to_fd(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
+                              writer.fd(), r.output);
   writer.commit();
   return r;
 }
@@ -339,8 +370,8 @@ ExtractedContent ExtractEnvelopeLayerToFd(const std::string& envelope, int fd, i
   ExtractedContent r;
   std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
   r.layers = static_cast<int>(layers.size());
-  r.size = copy_content(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
-                        [&](const std::uint8_t* p, std::size_t k) { write_fd(fd, p, k); });
+  r.size = copy_content_to_fd(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent, fd,
+                              "standard output");
   return r;
 }
 

@@ -427,6 +427,29 @@ void CopyAll(InputFile& in, int out_fd, const std::string& out_name) {
     write_all(out_fd, buf.get(), n, out_name);
 }
 
+bool CopyRange(int in_fd, std::uint64_t offset, std::uint64_t length, int out_fd,
+               const std::string& out_name) {
+  loff_t in_off = static_cast<loff_t>(offset);
+  std::uint64_t left = length;
+  while (left) {
+    ssize_t n =
+        ::copy_file_range(in_fd, &in_off, out_fd, nullptr,
+                          static_cast<std::size_t>(std::min<std::uint64_t>(left, 1u << 30)), 0);
+    if (n > 0) {
+      left -= static_cast<std::uint64_t>(n);
+      continue;
+    }
+    if (n == 0) throw EInOutError("I/O error writing \"" + out_name + "\": the input ended early");
+    if (errno == EINTR) continue;
+    // Pipes, other file systems, append-only outputs: the caller copies through a buffer.
+    if (left == length && (errno == EXDEV || errno == ENOSYS || errno == EINVAL ||
+                           errno == EOPNOTSUPP || errno == EBADF))
+      return false;
+    throw_io("writing", out_name, errno);
+  }
+  return true;
+}
+
 void CopyFileStream(const std::string& source, const std::string& dest) {
   InputFile in(source);
   OutputFile out(dest);

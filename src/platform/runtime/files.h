@@ -170,6 +170,10 @@ void CopyFileStream(const std::string& source, const std::string& dest);
 // Appends every byte of an open input to an open output descriptor (inside the kernel
 // where the file systems allow it).
 void CopyAll(InputFile& in, int out_fd, const std::string& out_name);
+// Appends length bytes of in_fd from offset to out_fd inside the kernel. False, with nothing
+// written, when the kernel cannot copy between these two files (the caller copies itself).
+bool CopyRange(int in_fd, std::uint64_t offset, std::uint64_t length, int out_fd,
+               const std::string& out_name);
 // A new, empty, uniquely named file in the system temporary folder; returns its path.
 std::string MakeTempFile(const std::string& prefix = "tessarel");
 // fsync of a folder, so a rename in it is durable.
