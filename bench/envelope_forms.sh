@@ -26,7 +26,7 @@ id=$("$cli" --store "$store" cert new --cn "Large Envelope Signer" 2>/dev/null)
 "$cli" --store "$store" cert export "$id" -o "$work/key.pfx" --password pass: 2>/dev/null
 openssl pkcs12 -in "$work/key.pfx" -passin pass: -nocerts -nodes -out "$work/key.pem" 2>/dev/null
 
-"$cli" --quiet --store "$store" sign --cert "$id" "$data"
+"$cli" --quiet --store "$store" sign --cert "$id" "$data" > /dev/null
 mv "$data.p7m" "$work/der.p7m"
 openssl cms -sign -binary -nodetach -stream -outform DER -in "$data" -signer "$work/cert.pem" \
   -inkey "$work/key.pem" -out "$work/ber.p7m"

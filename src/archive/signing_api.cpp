@@ -241,34 +241,43 @@ std::uint64_t copy_content(const TElCMSContent& content, Write&& write) {
   return at;
 }
 
-// The content into an output descriptor: ranges of files are copied inside the kernel
-// where the two files allow it, everything else through a buffer.
+// The content into an output descriptor: large ranges of files are copied inside the
+// kernel where the two files allow it; the rest (memory, decoded text, the small segments
+// of BER content) is gathered into one buffer and written in large blocks.
 std::uint64_t copy_content_to_fd(const TElCMSContent& content, int fd, const std::string& name) {
-  Bytes buffer;
+  constexpr std::size_t kBlock = 1 << 20;
+  Bytes buffer(kBlock);
+  std::size_t fill = 0;
+  auto flush = [&] {
+    const std::uint8_t* p = buffer.data();
+    for (std::size_t k = fill; k;) {
+      ssize_t w = ::write(fd, p, k);
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) throw EInOutError("I/O error writing \"" + name + "\": " + std::strerror(errno));
+      p += w;
+      k -= static_cast<std::size_t>(w);
+    }
+    fill = 0;
+  };
   std::uint64_t total = 0;
   for (const auto& s : content.sources()) {
     total += s.size;
-    if (s.size == 0) continue;
-    if (s.stream && s.stream->fd() >= 0 && CopyRange(s.stream->fd(), s.offset, s.size, fd, name))
-      continue;
-    buffer.resize(1 << 20);
+    if (s.stream && s.stream->fd() >= 0 && s.size >= kBlock) {
+      flush();
+      if (CopyRange(s.stream->fd(), s.offset, s.size, fd, name)) continue;
+    }
     for (std::uint64_t at = 0; at < s.size;) {
-      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), s.size - at));
+      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock - fill, s.size - at));
       if (s.stream)
-        s.stream->read(s.offset + at, buffer.data(), n);
+        s.stream->read(s.offset + at, buffer.data() + fill, n);
       else
-        std::memcpy(buffer.data(), s.memory + at, n);
-      const std::uint8_t* p = buffer.data();
-      for (std::size_t k = n; k;) {
-        ssize_t w = ::write(fd, p, k);
-        if (w < 0 && errno == EINTR) continue;
-        if (w < 0) throw EInOutError("I/O error writing \"" + name + "\": " + std::strerror(errno));
-        p += w;
-        k -= static_cast<std::size_t>(w);
-      }
+        std::memcpy(buffer.data() + fill, s.memory + at, n);
+      fill += n;
       at += n;
+      if (fill == kBlock) flush();
     }
   }
+  flush();
   return total;
 }
 

@@ -138,9 +138,10 @@ void print_signer(const EnvelopeSignerReport& s, const std::string& in, const ch
   std::printf(
       "%ssignature value: %s   content digest: %s   content type: %s   signing certificate: %s\n",
       i2.c_str(), value.c_str(),
-      !s.digest_checked  ? "not checked: no content given"
-      : s.digest_matches ? "ok"
-                         : "FAILED",
+      s.digest_algorithm == "unknown" ? "not checked: unsupported algorithm"
+      : !s.digest_checked             ? "not checked: no content given"
+      : s.digest_matches              ? "ok"
+                                      : "FAILED",
       s.content_type_matches ? "ok" : "FAILED",
       !s.signing_certificate_present  ? "absent"
       : s.signing_certificate_matches ? "ok"

@@ -101,14 +101,12 @@ std::string byte_text(std::uint8_t b) {
   return buf;
 }
 
-// Appends the bytes of n data characters (whole quads, then at most one short quad at the
-// very end of the data).
-void decode_chars(const std::uint8_t* p, std::size_t n, Bytes& out) {
+// Decodes n data characters (whole quads, then at most one short quad at the very end of
+// the data) into out; returns the number of bytes written.
+std::size_t decode_chars(const std::uint8_t* p, std::size_t n, std::uint8_t* out) {
   const Tables& t = tables();
   std::size_t quads = n / 4;
-  std::size_t at = out.size();
-  out.resize(at + quads * 3 + (n % 4 ? n % 4 - 1 : 0));
-  std::uint8_t* o = out.data() + at;
+  std::uint8_t* o = out;
   for (std::size_t q = 0; q < quads; ++q, p += 4, o += 3) {
     std::uint32_t v = t.d0[p[0]] | t.d1[p[1]] | t.d2[p[2]] | t.d3[p[3]];
     if (v & kBad) throw EInOutError("Base64 text changed while it was read");
@@ -123,9 +121,10 @@ void decode_chars(const std::uint8_t* p, std::size_t n, Bytes& out) {
       if (s < 0) throw EInOutError("Base64 text changed while it was read");
       v = v << 6 | static_cast<std::uint32_t>(s);
     }
-    o[0] = static_cast<std::uint8_t>(v >> 16);
-    if (n % 4 == 3) o[1] = static_cast<std::uint8_t>(v >> 8);
+    *o++ = static_cast<std::uint8_t>(v >> 16);
+    if (n % 4 == 3) *o++ = static_cast<std::uint8_t>(v >> 8);
   }
+  return static_cast<std::size_t>(o - out);
 }
 
 }  // namespace
@@ -216,16 +215,16 @@ bool Base64Source::scan_regular() {
   unsigned sub = 0;  // which byte of the current line break is checked next
   for (std::uint64_t at = start_; at < stop_;) {
     std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(kTextBlock, stop_ - at));
-    text_buffer_.resize(n);
-    text_->read(at, text_buffer_.data(), n);
-    count_bytes(text_buffer_.data(), n, counts);
+    std::uint8_t* text = text_buffer_.get(n);
+    text_->read(at, text, n);
+    count_bytes(text, n, counts);
     if (counts.bad) return false;
     std::uint64_t rel = at - start_;
     while (line < lines) {
       std::uint64_t pos = line * (line_ + eol_) + line_ + sub;
       if (pos >= rel + n) break;
       std::uint8_t want = (eol_ == 2 && sub == 0) ? '\r' : '\n';
-      if (text_buffer_[static_cast<std::size_t>(pos - rel)] != want) return false;
+      if (text[static_cast<std::size_t>(pos - rel)] != want) return false;
       if (++sub == eol_) {
         sub = 0;
         ++line;
@@ -250,10 +249,10 @@ void Base64Source::scan_general() {
   std::uint64_t n = 0, pad = 0;
   for (std::uint64_t at = start_; at < stop_;) {
     std::size_t len = static_cast<std::size_t>(std::min<std::uint64_t>(kTextBlock, stop_ - at));
-    text_buffer_.resize(len);
-    text_->read(at, text_buffer_.data(), len);
+    std::uint8_t* text = text_buffer_.get(len);
+    text_->read(at, text, len);
     for (std::size_t i = 0; i < len; ++i) {
-      std::int8_t c = cls[text_buffer_[i]];
+      std::int8_t c = cls[text[i]];
       if (c >= 0) {
         if (pad) throw Base64Error(at + i, "Base64 data after the padding");
         if (n && n % kStride == 0) checkpoints_.push_back({n, at + i});
@@ -261,8 +260,7 @@ void Base64Source::scan_general() {
       } else if (c == kPad) {
         if (++pad > 2) throw Base64Error(at + i, "too much Base64 padding");
       } else if (c != kWhite) {
-        throw Base64Error(at + i,
-                          "a character that is not Base64 (" + byte_text(text_buffer_[i]) + ")");
+        throw Base64Error(at + i, "a character that is not Base64 (" + byte_text(text[i]) + ")");
       }
     }
     at += len;
@@ -277,27 +275,31 @@ std::uint64_t Base64Source::text_offset(std::uint64_t c) const {
   return eol_ ? start_ + c / line_ * (line_ + eol_) + c % line_ : start_ + c;
 }
 
-void Base64Source::decode_regular(std::uint64_t first, std::uint64_t count, Bytes& out) const {
+std::size_t Base64Source::decode_regular(std::uint64_t first, std::uint64_t count,
+                                         std::uint8_t* out) const {
   std::uint64_t c = first, end = first + count;
   std::uint64_t lines_per_block = std::max<std::uint64_t>(1, kTextBlock / (line_ + eol_));
+  std::uint8_t* o = out;
   while (c < end) {
     std::uint64_t line = c / line_;
     std::uint64_t c_stop = std::min(end, (line + lines_per_block) * line_);
     std::uint64_t t0 = text_offset(c), t1 = text_offset(c_stop - 1) + 1;
-    text_buffer_.resize(static_cast<std::size_t>(t1 - t0));
-    text_->read(t0, text_buffer_.data(), text_buffer_.size());
-    const std::uint8_t* p = text_buffer_.data();
+    std::uint8_t* text = text_buffer_.get(static_cast<std::size_t>(t1 - t0));
+    text_->read(t0, text, static_cast<std::size_t>(t1 - t0));
+    const std::uint8_t* p = text;
     while (c < c_stop) {
       std::uint64_t seg = std::min(line_ - c % line_, c_stop - c);
-      decode_chars(p, static_cast<std::size_t>(seg), out);
+      o += decode_chars(p, static_cast<std::size_t>(seg), o);
       p += seg;
       c += seg;
       if (c < c_stop) p += eol_;
     }
   }
+  return static_cast<std::size_t>(o - out);
 }
 
-void Base64Source::decode_general(std::uint64_t first, std::uint64_t count, Bytes& out) const {
+std::size_t Base64Source::decode_general(std::uint64_t first, std::uint64_t count,
+                                         std::uint8_t* out) const {
   const Tables& t = tables();
   Checkpoint from = checkpoints_[std::min<std::size_t>(static_cast<std::size_t>(first / kStride),
                                                        checkpoints_.size() - 1)];
@@ -305,21 +307,21 @@ void Base64Source::decode_general(std::uint64_t first, std::uint64_t count, Byte
   std::uint64_t c = from.chars, at = from.text, end = first + count;
   std::uint32_t acc = 0;
   unsigned k = 0;
+  std::uint8_t* o = out;
   while (c < end) {
     if (at >= stop_) throw EInOutError("Base64 text ends early");
     std::size_t len = static_cast<std::size_t>(std::min<std::uint64_t>(kTextBlock, stop_ - at));
-    text_buffer_.resize(len);
-    text_->read(at, text_buffer_.data(), len);
-    const std::uint8_t* p = text_buffer_.data();
+    std::uint8_t* p = text_buffer_.get(len);
+    text_->read(at, p, len);
     std::size_t i = 0;
     while (i < len && c < end) {
       // Whole quads without white space, the common case, four characters at a time.
       if (k == 0 && c >= first && i + 4 <= len && c + 4 <= end) {
         std::uint32_t v = t.d0[p[i]] | t.d1[p[i + 1]] | t.d2[p[i + 2]] | t.d3[p[i + 3]];
         if (!(v & kBad)) {
-          out.push_back(static_cast<std::uint8_t>(v >> 16));
-          out.push_back(static_cast<std::uint8_t>(v >> 8));
-          out.push_back(static_cast<std::uint8_t>(v));
+          *o++ = static_cast<std::uint8_t>(v >> 16);
+          *o++ = static_cast<std::uint8_t>(v >> 8);
+          *o++ = static_cast<std::uint8_t>(v);
           i += 4;
           c += 4;
           continue;
@@ -331,9 +333,9 @@ void Base64Source::decode_general(std::uint64_t first, std::uint64_t count, Byte
       if (c++ < first) continue;
       acc = acc << 6 | static_cast<std::uint32_t>(s);
       if (++k == 4) {
-        out.push_back(static_cast<std::uint8_t>(acc >> 16));
-        out.push_back(static_cast<std::uint8_t>(acc >> 8));
-        out.push_back(static_cast<std::uint8_t>(acc));
+        *o++ = static_cast<std::uint8_t>(acc >> 16);
+        *o++ = static_cast<std::uint8_t>(acc >> 8);
+        *o++ = static_cast<std::uint8_t>(acc);
         acc = 0;
         k = 0;
       }
@@ -342,25 +344,45 @@ void Base64Source::decode_general(std::uint64_t first, std::uint64_t count, Byte
   }
   if (k) {  // the short quad at the end of the data
     acc <<= 6 * (4 - k);
-    out.push_back(static_cast<std::uint8_t>(acc >> 16));
-    if (k == 3) out.push_back(static_cast<std::uint8_t>(acc >> 8));
+    *o++ = static_cast<std::uint8_t>(acc >> 16);
+    if (k == 3) *o++ = static_cast<std::uint8_t>(acc >> 8);
   } else {
     cursor_ = {c, at};
   }
+  return static_cast<std::size_t>(o - out);
 }
 
+std::size_t Base64Source::decode_quads(std::uint64_t quad, std::uint64_t quads,
+                                       std::uint8_t* out) const {
+  std::uint64_t first = quad * 4;
+  std::uint64_t chars = std::min<std::uint64_t>(chars_ - first, quads * 4);
+  return regular_ ? decode_regular(first, chars, out) : decode_general(first, chars, out);
+}
+
+// Whole quads are decoded straight into the caller's buffer; a quad cut by either end of
+// the range goes through a small one.
 void Base64Source::decode_range(std::uint64_t offset, std::size_t n, std::uint8_t* out) const {
-  std::uint64_t first = offset / 3 * 4;
+  std::uint64_t quad = offset / 3;
   std::size_t skip = static_cast<std::size_t>(offset % 3);
-  std::uint64_t chars = std::min<std::uint64_t>(chars_ - first, (skip + n + 2) / 3 * 4);
-  decoded_.clear();
-  decoded_.reserve(static_cast<std::size_t>(chars / 4 * 3 + 3));
-  if (regular_)
-    decode_regular(first, chars, decoded_);
-  else
-    decode_general(first, chars, decoded_);
-  if (decoded_.size() < skip + n) throw EInOutError("Base64 text ends early");
-  std::memcpy(out, decoded_.data() + skip, n);
+  std::uint8_t part[3];
+  if (skip) {
+    std::size_t got = decode_quads(quad++, 1, part);
+    if (got <= skip) throw EInOutError("Base64 text ends early");
+    std::size_t take = std::min(n, got - skip);
+    std::memcpy(out, part + skip, take);
+    out += take;
+    n -= take;
+  }
+  if (std::size_t whole = n / 3) {
+    if (decode_quads(quad, whole, out) != whole * 3) throw EInOutError("Base64 text ends early");
+    quad += whole;
+    out += whole * 3;
+    n -= whole * 3;
+  }
+  if (n) {
+    if (decode_quads(quad, 1, part) < n) throw EInOutError("Base64 text ends early");
+    std::memcpy(out, part, n);
+  }
 }
 
 void Base64Source::read(std::uint64_t offset, void* buffer, std::size_t n) const {

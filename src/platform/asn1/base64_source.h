@@ -50,8 +50,12 @@ class Base64Source : public ByteSource {
   bool scan_regular();
   void scan_general();
   void decode_range(std::uint64_t offset, std::size_t n, std::uint8_t* out) const;
-  void decode_regular(std::uint64_t first_char, std::uint64_t chars, Bytes& out) const;
-  void decode_general(std::uint64_t first_char, std::uint64_t chars, Bytes& out) const;
+  // Decode from data character first_char on; each returns the bytes written.
+  std::size_t decode_quads(std::uint64_t quad, std::uint64_t quads, std::uint8_t* out) const;
+  std::size_t decode_regular(std::uint64_t first_char, std::uint64_t chars,
+                             std::uint8_t* out) const;
+  std::size_t decode_general(std::uint64_t first_char, std::uint64_t chars,
+                             std::uint8_t* out) const;
   std::uint64_t text_offset(std::uint64_t data_char) const;
 
   std::shared_ptr<const ByteSource> text_;
@@ -64,7 +68,23 @@ class Base64Source : public ByteSource {
   unsigned eol_ = 0;
   std::vector<Checkpoint> checkpoints_;
   mutable Checkpoint cursor_{0, 0};  // where the last general decode stopped
-  mutable Bytes text_buffer_, decoded_, window_;
+  // A buffer that grows without clearing what it will overwrite anyway.
+  class Scratch {
+   public:
+    std::uint8_t* get(std::size_t n) {
+      if (n > capacity_) {
+        data_.reset(new std::uint8_t[n]);
+        capacity_ = n;
+      }
+      return data_.get();
+    }
+
+   private:
+    std::unique_ptr<std::uint8_t[]> data_;
+    std::size_t capacity_ = 0;
+  };
+  mutable Scratch text_buffer_;
+  mutable Bytes window_;
   mutable std::uint64_t window_offset_ = 0;
 };
 
