@@ -110,11 +110,23 @@ struct Layer {
   std::vector<std::string> notes;
 };
 
-// Opens the envelope and every envelope nested in its content, outermost first. A
-// detached layer's data is the content file; otherwise that file belongs to the innermost
-// layer, whose content it must equal.
-std::vector<Layer> open_layers(const std::string& path, const TElCMSContent* external,
-                               std::shared_ptr<const asn1::ByteSource> external_source) {
+// Content given from outside: a file opened once, read as a source and as content.
+struct ExternalContent {
+  std::shared_ptr<asn1::FileSource> source;
+  TElCMSContent content;
+  explicit ExternalContent(const std::string& path)
+      : source(std::make_shared<asn1::FileSource>(path)) {
+    content.Init(source, 0, source->size());
+  }
+};
+
+// Opens the envelope and every envelope nested in its content, outermost first. The data
+// of a detached layer is the given content, else the file beside (opened only then); a
+// given content that no detached layer took belongs to the innermost layer, whose content
+// it must equal.
+std::vector<Layer> open_layers(const std::string& path, ExternalContent* given,
+                               const std::string& beside,
+                               std::unique_ptr<ExternalContent>& beside_content) {
   std::vector<Layer> out;
   Layer first;
   first.message = std::make_unique<TElSignedCMSMessage>();
@@ -126,10 +138,17 @@ std::vector<Layer> open_layers(const std::string& path, const TElCMSContent* ext
     std::shared_ptr<const asn1::ByteSource> next;
     if (l.message->FEContentPresent) {
       next = l.message->ContentSource();
-    } else if (external) {
-      l.given = external;
-      external_used = true;
-      next = external_source;
+    } else if (!external_used) {
+      ExternalContent* external = given;
+      if (!external && !beside.empty() && FileExists(beside)) {
+        beside_content = std::make_unique<ExternalContent>(beside);
+        external = beside_content.get();
+      }
+      if (external) {
+        l.given = &external->content;
+        external_used = true;
+        next = external->source;
+      }
     }
     if (!next || next->size() == 0 || !LooksLikeEnvelope(*next)) break;
     if (static_cast<int>(out.size()) >= kMaxLayers) {
@@ -151,7 +170,7 @@ std::vector<Layer> open_layers(const std::string& path, const TElCMSContent* ext
     nested.message = std::move(inner);
     out.push_back(std::move(nested));
   }
-  if (external && !external_used) out.back().given = external;
+  if (given && !external_used) out.back().given = &given->content;
   return out;
 }
 
@@ -167,22 +186,13 @@ EnvelopeReport VerifyEnvelopeWithOptions(const std::string& envelope,
                                          const VerifyOptions& options) {
   std::unique_ptr<crypto::TrustStore> trust;
   if (options.trust.enabled()) trust = std::make_unique<crypto::TrustStore>(options.trust);
-  std::shared_ptr<asn1::FileSource> external_source;
-  std::unique_ptr<TElCMSContent> external;
-  auto use_content = [&](const std::string& path) {
-    external_source = std::make_shared<asn1::FileSource>(path);
-    external = std::make_unique<TElCMSContent>();
-    external->Init(external_source, 0, external_source->size());
-  };
-  if (!options.content_file.empty()) use_content(options.content_file);
-  std::vector<Layer> layers = open_layers(envelope, external.get(), external_source);
-  if (!external && options.content_beside && !layers.back().message->FEContentPresent) {
-    std::string beside = RemoveLastExt(envelope);
-    if (beside != envelope && FileExists(beside)) {
-      use_content(beside);
-      layers = open_layers(envelope, external.get(), external_source);
-    }
-  }
+  std::unique_ptr<ExternalContent> given, beside;
+  if (!options.content_file.empty())
+    given = std::make_unique<ExternalContent>(options.content_file);
+  std::string beside_path;
+  if (options.content_beside && RemoveLastExt(envelope) != envelope)
+    beside_path = RemoveLastExt(envelope);
+  std::vector<Layer> layers = open_layers(envelope, given.get(), beside_path, beside);
   EnvelopeReport r;
   r.trust_checked = trust != nullptr;
   r.valid = true;
@@ -303,7 +313,8 @@ void refuse_fd_onto_envelope(const std::string& envelope, int fd) {
 // The layer to extract (0: the innermost) among the envelope's layers.
 std::vector<Layer> layers_for_extraction(const std::string& envelope, int layer, int& chosen) {
   if (layer < 0) throw Exception("Layers are counted from 1 (the outermost); 0 is the innermost");
-  std::vector<Layer> layers = open_layers(envelope, nullptr, nullptr);
+  std::unique_ptr<ExternalContent> none;
+  std::vector<Layer> layers = open_layers(envelope, nullptr, "", none);
   int count = static_cast<int>(layers.size());
   if (layer > count)
     throw Exception("The envelope " + envelope + " has " + std::to_string(count) +
