@@ -9,7 +9,8 @@ namespace tessarel::asn1 {
 
 void MemorySource::read(std::uint64_t offset, void* buffer, std::size_t n) const {
   if (offset > size_ || n > size_ - offset) throw EInOutError("read past the end of the data");
-  std::memcpy(buffer, data_ + offset, n);
+  // An empty read may come with null pointers (an empty buffer or empty data).
+  if (n) std::memcpy(buffer, data_ + offset, n);
 }
 
 FileSource::FileSource(const std::string& path)
