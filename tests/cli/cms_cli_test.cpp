@@ -131,6 +131,10 @@ TEST_F(CmsCli, TextFormsPipesAndEnvelopesInsideEnvelopes) {
             std::string::npos)
       << r.out;
   EXPECT_NE(r.out.find("{\"index\": 2, "), std::string::npos);
+  auto parsed = test::run_shell("'" + test::cli_path() + "' verify --json '" + nest +
+                                "' | python3 -c 'import json,sys; d=json.load(sys.stdin); "
+                                "print(len(d[\"layers\"]), d[\"layers\"][1][\"content_size\"])'");
+  EXPECT_EQ(parsed.out, "2 6\n") << parsed.err;
   EXPECT_NE(r.out.find("\"content_is_envelope\": true"), std::string::npos);
 
   // extract takes off both layers, naming the document after the envelope.

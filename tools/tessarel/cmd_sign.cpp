@@ -289,8 +289,8 @@ CommandRegistration reg(30, [](CLI::App& app) {
       "Check an envelope's signatures cryptographically, every layer of envelopes inside "
       "envelopes, and optionally trust; exit 1 when it does not verify");
   v->add_option("ENVELOPE", envelope,
-                "The envelope (- for standard input): DER or BER, Base64 (any number of times) "
-                "or PEM of it")
+                "The envelope (- for standard input): DER or BER, Base64 of it (up to four times) "
+                "or PEM")
       ->required()
       ->check(readable_input());
   v->add_option("--content", content,
