@@ -8,6 +8,7 @@
 
 #include "tessarel/export.h"
 #include "tessarel/signing.h"
+#include "tessarel/trust.h"
 #include "tessarel/types.h"
 
 namespace tessarel {
@@ -59,12 +60,15 @@ struct PdfSignatureReport {
 struct PdfReport {
   std::uint64_t size = 0;
   std::vector<PdfSignatureReport> signatures;
-  bool valid = false;  // at least one signature, and every one intact
+  bool valid = false;          // at least one signature, and every one intact
+  bool trust_checked = false;  // trust options were given
+  bool trusted = false;        // valid, and every signer's certificate chains to an anchor
 };
 
-// Checks every signature of a PDF document. A file that is not a readable PDF raises
-// tessarel::Exception saying what is wrong.
-TESSAREL_API PdfReport VerifyPdf(const std::string& path);
+// Checks every signature of a PDF document; with trust options, each signer's certificate
+// chain as well (at the signing time, as for envelopes). A file that is not a readable PDF
+// raises tessarel::Exception saying what is wrong.
+TESSAREL_API PdfReport VerifyPdf(const std::string& path, const TrustOptions& trust = {});
 
 }  // namespace tessarel
 

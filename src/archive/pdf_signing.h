@@ -10,6 +10,7 @@
 
 #include "cms/cms_verify.h"
 #include "platform/asn1/ber.h"
+#include "platform/crypto/trust.h"
 #include "platform/pdf/pdf_document.h"
 #include "tessarel/certificate.h"
 #include "tessarel/store.h"
@@ -44,8 +45,10 @@ using PdfByteRange = std::pair<std::uint64_t, std::uint64_t>;
 
 // The verdict on one signature value: the CMS value checked over the byte ranges of the file
 // it signs, with the same checks as an envelope.
+// With a trust store, each signer's chain is checked too.
 CmsVerification VerifyPdfSignatureCms(const Bytes& cms,
                                       std::shared_ptr<const asn1::ByteSource> file,
-                                      const std::vector<PdfByteRange>& ranges);
+                                      const std::vector<PdfByteRange>& ranges,
+                                      const crypto::TrustStore* trust = nullptr);
 
 }  // namespace tessarel

@@ -1,9 +1,11 @@
 // Checking the signatures of a PDF document.
 #include <cstdio>
 
+#include "archive/envelope_report.h"
 #include "archive/pdf_signing.h"
 #include "cms/cms.h"
 #include "platform/crypto/digest.h"
+#include "platform/crypto/trust.h"
 #include "platform/runtime/datetime.h"
 #include "tessarel/pdf.h"
 
@@ -25,15 +27,6 @@ class OwnedSource : public asn1::ByteSource {
   Bytes bytes_;
   asn1::MemorySource view_;
 };
-
-std::string iso_time(DateTime t) {
-  if (t == 0) return {};
-  CivilTime c = DecodeDateTime(t);
-  char buf[40];
-  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02dZ", c.year, c.month, c.day, c.hour,
-                c.minute, c.second);
-  return buf;
-}
 
 // "D:YYYYMMDDHHmmSS+hh'mm'" (fields after the year optional) as UTC, else as written.
 std::string pdf_time(const std::string& m) {
@@ -61,35 +54,7 @@ std::string pdf_time(const std::string& m) {
   }
   CivilTime c{f[0], f[1], f[2], f[3], f[4], f[5], 0};
   DateTime t = EncodeDateTime(c) - offset_minutes / 1440.0;
-  return iso_time(t);
-}
-
-EnvelopeReport to_report(const CmsVerification& v) {
-  EnvelopeReport r;
-  r.valid = v.ok();
-  r.detached = v.detached;
-  r.content_size = v.content_size;
-  r.problems = v.problems;
-  for (const auto& s : v.signers) {
-    EnvelopeSignerReport e;
-    e.index = s.index;
-    if (s.certificate) {
-      e.certificate_id = s.certificate->id();
-      e.subject = s.certificate->subject_text();
-      e.issuer = s.certificate->issuer_text();
-    }
-    e.digest_algorithm = crypto::digest_name(s.digest);
-    e.signing_time = iso_time(s.signing_time);
-    e.signature_valid = s.signature_valid;
-    e.digest_matches = s.digest_matches;
-    e.content_type_matches = s.content_type_matches;
-    e.signing_certificate_present = s.signing_certificate_present;
-    e.signing_certificate_matches = s.signing_certificate_matches;
-    e.cades_bes = s.cades_bes;
-    e.problems = s.problems;
-    r.signers.push_back(std::move(e));
-  }
-  return r;
+  return IsoTimeOf(t);
 }
 
 bool hex_digit(char c) {
@@ -138,8 +103,8 @@ Bytes trim_padding(const Bytes& contents) {
 }
 
 PdfSignatureReport check(pdf::Document& doc, const std::string& path,
-                         const std::shared_ptr<asn1::FileSource>& file,
-                         const pdf::SignatureInfo& s) {
+                         const std::shared_ptr<asn1::FileSource>& file, const pdf::SignatureInfo& s,
+                         const crypto::TrustStore* trust) {
   PdfSignatureReport r;
   r.field = s.field;
   r.sub_filter = s.sub_filter;
@@ -200,8 +165,8 @@ PdfSignatureReport check(pdf::Document& doc, const std::string& path,
 
   Bytes cms = trim_padding(s.contents);
   try {
-    CmsVerification v = VerifyPdfSignatureCms(cms, file, {{0, a}, {b, c}});
-    r.cms = to_report(v);
+    CmsVerification v = VerifyPdfSignatureCms(cms, file, {{0, a}, {b, c}}, trust);
+    r.cms = ReportOf(v, trust != nullptr);
   } catch (const std::exception& e) {
     r.cms.valid = false;
     r.cms.problems.push_back(e.what());
@@ -219,13 +184,14 @@ PdfSignatureReport check(pdf::Document& doc, const std::string& path,
 
 CmsVerification VerifyPdfSignatureCms(const Bytes& cms,
                                       std::shared_ptr<const asn1::ByteSource> file,
-                                      const std::vector<PdfByteRange>& ranges) {
+                                      const std::vector<PdfByteRange>& ranges,
+                                      const crypto::TrustStore* trust) {
   TElSignedCMSMessage message;
   message.Open(std::make_shared<OwnedSource>(cms));
   TElCMSContent content;
   for (const auto& [offset, length] : ranges)
     content.Add(file, offset, length);
-  CmsVerification v = VerifySignedMessage(message, &content);
+  CmsVerification v = VerifySignedMessage(message, &content, trust);
   if (!message.FDetached)
     v.problems.push_back(
         "the signature value carries content of its own instead of signing the "
@@ -233,16 +199,22 @@ CmsVerification VerifyPdfSignatureCms(const Bytes& cms,
   return v;
 }
 
-PdfReport VerifyPdf(const std::string& path) {
+PdfReport VerifyPdf(const std::string& path, const TrustOptions& trust_options) {
+  std::unique_ptr<crypto::TrustStore> trust;
+  if (trust_options.enabled()) trust = std::make_unique<crypto::TrustStore>(trust_options);
   auto doc = pdf::Document::open(path);
   auto file = std::make_shared<asn1::FileSource>(path);
   PdfReport report;
   report.size = file->size();
   for (const auto& s : doc->signatures())
-    report.signatures.push_back(check(*doc, path, file, s));
+    report.signatures.push_back(check(*doc, path, file, s, trust.get()));
   report.valid = !report.signatures.empty();
-  for (const auto& s : report.signatures)
+  report.trust_checked = trust != nullptr;
+  report.trusted = report.trust_checked;
+  for (const auto& s : report.signatures) {
     report.valid = report.valid && s.intact;
+    report.trusted = report.trusted && s.intact && s.cms.trusted;
+  }
   return report;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "archive/envelope_report.h"
 #include "boundary/batch_signer.h"
 #include "cms/cms_verify.h"
 #include "cms/envelope_input.h"
@@ -51,55 +52,6 @@ namespace {
 
 // How many envelopes inside envelopes are opened at most.
 constexpr int kMaxLayers = 8;
-
-std::string iso_time_of(DateTime t) {
-  if (t == 0) return "";
-  CivilTime c = DecodeDateTime(t);
-  char buf[40];
-  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02dZ", c.year, c.month, c.day, c.hour,
-                c.minute, c.second);
-  return buf;
-}
-
-EnvelopeSignerReport signer_report(const SignerVerification& s) {
-  EnvelopeSignerReport e;
-  e.index = s.index;
-  if (s.certificate) {
-    e.certificate_id = s.certificate->id();
-    e.subject = s.certificate->subject_text();
-    e.issuer = s.certificate->issuer_text();
-  }
-  e.digest_algorithm =
-      s.digest == DigestAlgorithm::Unknown ? "unknown" : crypto::digest_name(s.digest);
-  e.signature_algorithm = AlgorithmLabel(s.signature_algorithm);
-  e.signing_time = iso_time_of(s.signing_time);
-  e.signature_valid = s.signature_valid;
-  e.digest_checked = s.digest_checked;
-  e.digest_matches = s.digest_matches;
-  e.content_type_matches = s.content_type_matches;
-  e.signing_certificate_present = s.signing_certificate_present;
-  e.signing_certificate_matches = s.signing_certificate_matches;
-  e.cades_bes = s.cades_bes;
-  e.weak_algorithm = s.weak_algorithm;
-  e.unsupported_algorithm = s.unsupported_algorithm;
-  e.valid = s.ok();
-  e.notes = s.notes;
-  e.problems = s.problems;
-  e.trust = s.trust;
-  for (const auto& c : s.countersignatures)
-    e.countersignatures.push_back(signer_report(c));
-  for (const auto& t : s.timestamps) {
-    EnvelopeTimestampReport tr;
-    tr.time = t.time;
-    tr.authority = t.authority;
-    tr.imprint_matches = t.imprint_matches;
-    tr.signature_valid = t.signature_valid;
-    tr.trust = t.trust;
-    tr.problems = t.problems;
-    e.timestamps.push_back(std::move(tr));
-  }
-  return e;
-}
 
 // One envelope of a nest, with the content given from outside for it (the data of a
 // detached layer, or the bytes the innermost content must equal).
@@ -212,7 +164,7 @@ EnvelopeReport VerifyEnvelopeWithOptions(const std::string& envelope,
     lr.notes = layers[i].notes;
     for (const auto& s : v.signers) {
       if (!s.trusted()) lr.trusted = false;
-      lr.signers.push_back(signer_report(s));
+      lr.signers.push_back(SignerReport(s));
     }
     r.valid = r.valid && lr.valid;
     r.trusted = r.trusted && lr.trusted;

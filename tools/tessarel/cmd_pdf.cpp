@@ -118,10 +118,23 @@ const char* yes_no(bool b) {
   return b ? "yes" : "no";
 }
 
+std::string trust_json(const TrustReport& t) {
+  if (!t.checked) return "null";
+  return std::string("{\"trusted\": ") + (t.trusted ? "true" : "false") +
+         ", \"reason\": " + json_string(t.reason) + "}";
+}
+
+std::string trust_line(const TrustReport& t) {
+  if (!t.checked) return "trust not checked";
+  return t.trusted ? "trusted: yes" : "trusted: no (" + t.reason + ")";
+}
+
 void print_json(const std::string& file, const PdfReport& r) {
-  std::printf("{\"file\": %s, \"size\": %llu, \"valid\": %s, \"signatures\": [",
-              json_string(file).c_str(), static_cast<unsigned long long>(r.size),
-              r.valid ? "true" : "false");
+  std::printf(
+      "{\"file\": %s, \"size\": %llu, \"valid\": %s, \"trust_checked\": %s, \"trusted\": %s, "
+      "\"signatures\": [",
+      json_string(file).c_str(), static_cast<unsigned long long>(r.size),
+      r.valid ? "true" : "false", r.trust_checked ? "true" : "false", r.trusted ? "true" : "false");
   for (std::size_t i = 0; i < r.signatures.size(); ++i) {
     const auto& s = r.signatures[i];
     std::string range;
@@ -133,7 +146,7 @@ void print_json(const std::string& file, const PdfReport& r) {
         "\"byte_range\": [%s], \"revision_end\": %llu,\n   \"covers_revision\": %s, "
         "\"whole_document\": %s, \"later_changes_allowed\": %s, \"intact\": %s,\n   \"signer\": "
         "%s, \"certificate\": %s, \"issuer\": %s, \"cms_signing_time\": %s, \"signature_valid\": "
-        "%s, \"digest_matches\": %s, \"cms_valid\": %s,\n   \"problems\": [",
+        "%s, \"digest_matches\": %s, \"cms_valid\": %s, \"trust\": %s,\n   \"problems\": [",
         i ? "," : "", json_string(s.field).c_str(), json_string(s.sub_filter).c_str(),
         json_string(s.name).c_str(), json_string(s.reason).c_str(),
         json_string(s.signing_time).c_str(), range.c_str(),
@@ -144,7 +157,8 @@ void print_json(const std::string& file, const PdfReport& r) {
         json_string(signer ? signer->issuer : "").c_str(),
         json_string(signer ? signer->signing_time : "").c_str(),
         signer && signer->signature_valid ? "true" : "false",
-        signer && signer->digest_matches ? "true" : "false", s.cms.valid ? "true" : "false");
+        signer && signer->digest_matches ? "true" : "false", s.cms.valid ? "true" : "false",
+        signer ? trust_json(signer->trust).c_str() : "null");
     std::vector<std::string> problems = s.problems;
     for (const auto& p : s.cms.problems)
       problems.push_back(p);
@@ -191,6 +205,7 @@ void print_text(const std::string& file, const PdfReport& r) {
                   !signer->signing_certificate_present  ? "absent"
                   : signer->signing_certificate_matches ? "ok"
                                                         : "FAILED");
+    if (signer) std::printf("  %s\n", trust_line(signer->trust).c_str());
     for (const auto& p : s.problems)
       std::printf("  problem: %s\n", p.c_str());
     for (const auto& p : s.cms.problems)
@@ -201,8 +216,8 @@ void print_text(const std::string& file, const PdfReport& r) {
   }
 }
 
-void verify(const std::string& file) {
-  PdfReport r = VerifyPdf(file);
+void verify(const std::string& file, const TrustOptions& trust) {
+  PdfReport r = VerifyPdf(file, trust);
   if (json())
     print_json(file, r);
   else
@@ -211,7 +226,7 @@ void verify(const std::string& file) {
     error(file + " holds no signature");
     return;
   }
-  if (!r.valid) set_exit_code(1);
+  if (!r.valid || (r.trust_checked && !r.trusted)) set_exit_code(1);
 }
 
 CommandRegistration reg(35, [](CLI::App& app) {
@@ -243,13 +258,19 @@ CommandRegistration reg(35, [](CLI::App& app) {
   on_run(s, [] { sign(a); });
 
   static std::string file;
+  static TrustOptions trust;
   auto* v = pdf->add_subcommand(
       "verify",
-      "Check every signature of a PDF document: byte range, later changes, CMS value; exit 1 "
-      "when one is not intact");
+      "Check every signature of a PDF document: byte range, later changes, CMS value, and "
+      "optionally trust; exit 1 when one is not intact (or, with trust options, not trusted)");
   v->add_option("FILE", file, "The PDF document")->required()->check(CLI::ExistingFile);
+  v->add_option("--trust", trust.anchors,
+                "Trusted certificates: a PEM or DER file, or a folder of them (repeatable; "
+                "self-signed ones are anchors, the others intermediates)")
+      ->check(CLI::ExistingPath);
+  v->add_flag("--trust-system", trust.system, "Trust the system's CA certificates");
   v->add_flag("--json", globals().json, "Output as JSON");
-  on_run(v, [] { verify(file); });
+  on_run(v, [] { verify(file, trust); });
 });
 
 // A one-page document written out by hand: the demo needs no PDF producer installed.

@@ -187,3 +187,44 @@ TEST_F(PdfCli, TwoProcessesSigningOneDocumentInPlace) {
 
 }  // namespace
 }  // namespace tessarel
+
+namespace tessarel {
+namespace {
+
+TEST_F(PdfCli, TrustIsCheckedAgainstTheGivenAnchorsOnly) {
+  test::CertParams ca_params;
+  ca_params.cn = "CA di Prova";
+  ca_params.ca = true;
+  ca_params.key_usage = (1u << kKeyCertSign) | (1u << kCrlSign);
+  test::TestCert ca = test::make_cert(ca_params);
+  test::CertParams signer_params;
+  signer_params.cn = "Firmatario Certificato";
+  signer_params.key_usage = (1u << kDigitalSignature) | (1u << kNonRepudiation);
+  test::TestCert signer = test::make_cert(signer_params, &ca);
+  test::write_file(dir_ / "k.pfx", crypto::write_pkcs12(signer.cert, signer.key, ""));
+  test::write_pem(ca.cert, dir_ / "ca.pem");
+  test::CertParams other_params;
+  other_params.cn = "Altra CA";
+  other_params.ca = true;
+  test::write_pem(test::make_cert(other_params).cert, dir_ / "other.pem");
+
+  std::string out = dir_ / "firmato.pdf";
+  auto r = cli({"pdf", "sign", in_, "-o", out, "--pfx", dir_ / "k.pfx", "--password", "pass:"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  // The signer's certificate travels in the signature; only its issuer is given as anchor.
+  r = cli({"pdf", "verify", out, "--trust", dir_ / "ca.pem"});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("trusted: yes"), std::string::npos) << r.out;
+  r = cli({"pdf", "verify", out, "--trust", dir_ / "other.pem"});
+  EXPECT_EQ(r.exit_code, 1) << r.out;
+  EXPECT_NE(r.out.find("trusted: no ("), std::string::npos) << r.out;
+  r = cli({"--json", "pdf", "verify", out, "--trust", dir_ / "other.pem"});
+  EXPECT_NE(r.out.find("\"trust_checked\": true, \"trusted\": false"), std::string::npos) << r.out;
+  // Without trust options the signature is intact and trust is not claimed.
+  r = cli({"pdf", "verify", out});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_NE(r.out.find("trust not checked"), std::string::npos) << r.out;
+}
+
+}  // namespace
+}  // namespace tessarel
