@@ -34,6 +34,9 @@ class TESSAREL_API SigningKey {
   // bytes. Keys that cannot make such signatures raise tessarel::Exception (the default).
   virtual Bytes sign_digest_pss(DigestAlgorithm alg, const Bytes& digest, DigestAlgorithm mgf_alg,
                                 int salt_len) const;
+  // True when several threads may sign with this key at once. The default, false, keeps
+  // every signature on the thread that asked for the batch (a token's session, a PIN prompt).
+  virtual bool signs_concurrently() const;
 };
 
 class TESSAREL_API CertStore {

@@ -354,6 +354,12 @@ DigestAlgorithm TElCMSSignature::GetDigestAlgorithm() const {
 
 void TElCMSSignature::Sign(const Certificate& cert, const SigningKey* key,
                            const std::vector<Certificate>& chain) {
+  Bytes to_sign = PrepareSign(cert, key, chain);
+  CompleteSign(cert, key, to_sign);
+}
+
+Bytes TElCMSSignature::PrepareSign(const Certificate& cert, const SigningKey* key,
+                                   const std::vector<Certificate>& chain) {
   if (!key) throw EElCMSError("Private key not found");
   TElSignedCMSMessage* message = FSubject;
   if (!message) throw EElCMSError("The signature belongs to no message");
@@ -462,6 +468,14 @@ void TElCMSSignature::Sign(const Certificate& cert, const SigningKey* key,
   if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss && kind != KeyKind::Ec &&
       kind != KeyKind::Dsa)
     throw EElCMSError("Unsupported algorithm: " + std::to_string(static_cast<int>(kind)));
+  return to_sign;
+}
+
+void TElCMSSignature::CompleteSign(const Certificate& cert, const SigningKey* key,
+                                   const Bytes& to_sign) {
+  if (!key) throw EElCMSError("Private key not found");
+  DigestAlgorithm digest_alg = GetDigestAlgorithm();
+  KeyKind kind = key->kind();
 
   // An RSA-PSS key (its certificate says id-RSASSA-PSS) signs only with PSS, with the
   // parameters its certificate fixes; an RSA key does when asked to. Without parameters:

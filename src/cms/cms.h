@@ -183,6 +183,11 @@ class TElCMSSignature {
   // Signs with the certificate and its private key (null: "Private key not found").
   void Sign(const Certificate& cert, const SigningKey* key,
             const std::vector<Certificate>& chain = {});
+  // Sign in two steps, for batches whose private-key operations run on another thread than
+  // the rest: everything up to the value the key signs (returned), then the key's operation.
+  Bytes PrepareSign(const Certificate& cert, const SigningKey* key,
+                    const std::vector<Certificate>& chain = {});
+  void CompleteSign(const Certificate& cert, const SigningKey* key, const Bytes& to_sign);
 
   // Fills the properties from the SignerInfo's attributes (after reading).
   void FillProperties();

@@ -94,10 +94,9 @@ std::string ExecutableDir() {
   return exe.parent_path().string();
 }
 
-FileStamp StampOf(const std::string& path) {
-  struct stat st {};
+namespace {
+FileStamp stamp_of(const struct stat& st) {
   FileStamp out;
-  if (::stat(path.c_str(), &st) != 0) return out;
   out.exists = true;
   out.device = st.st_dev;
   out.inode = st.st_ino;
@@ -105,6 +104,19 @@ FileStamp StampOf(const std::string& path) {
   out.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
   out.ctime_ns = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
   return out;
+}
+}  // namespace
+
+FileStamp StampOf(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return {};
+  return stamp_of(st);
+}
+
+FileStamp StampOfFd(int fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) return {};
+  return stamp_of(st);
 }
 
 std::unique_ptr<FileLock> FileLock::Acquire(const std::string& path,

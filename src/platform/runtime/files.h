@@ -41,6 +41,8 @@ struct FileStamp {
   bool operator==(const FileStamp&) const = default;
 };
 FileStamp StampOf(const std::string& path);
+// The same for an open file.
+FileStamp StampOfFd(int fd);
 
 // An exclusive advisory lock (flock) on a lock file, created when missing. The kernel
 // releases it when the process ends, however it ends.

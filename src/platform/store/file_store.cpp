@@ -56,6 +56,8 @@ class FileSigningKey : public SigningKey {
       return SigningKey::sign_digest_pss(alg, digest, mgf_alg, salt_len);
     return key_.sign_digest_pss(alg, digest, mgf_alg, salt_len);
   }
+  // Each signature makes its own key context over the shared, read-only key.
+  bool signs_concurrently() const override { return true; }
 
  private:
   crypto::PrivateKey key_;
@@ -267,6 +269,9 @@ namespace tessarel {
 SigningKey::~SigningKey() = default;
 Bytes SigningKey::sign_digest_pss(DigestAlgorithm, const Bytes&, DigestAlgorithm, int) const {
   throw Exception("This key cannot make RSASSA-PSS signatures");
+}
+bool SigningKey::signs_concurrently() const {
+  return false;
 }
 CertStore::~CertStore() = default;
 std::string CertStore::change_stamp() {
