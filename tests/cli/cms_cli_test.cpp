@@ -1,7 +1,15 @@
 // tessarel sign, verify and extract as scripts use them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <map>
+#include <random>
+#include <thread>
 
 #include "platform/crypto/pkcs12.h"
 #include "test_support.h"
@@ -188,6 +196,197 @@ TEST_F(CmsCli, WhatIsNotAnEnvelopeIsNamedOnTheFirstLine) {
   }
   EXPECT_FALSE(std::filesystem::exists(dir_ / "doc.pdf"))
       << "nothing is written for a non-envelope";
+}
+
+// A batch signed on one thread and on four. What a user sees must not depend on it: the same
+// progress lines in the same order, the same output, exit code and files left behind, and
+// envelopes equal byte for byte but for the signing time (and so the signature value).
+// Root reads every file, so the command runs as nobody when the tests run as root.
+class CmsCliBatch : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(::chmod(dir_.path().c_str(), 0755), 0);
+    own(dir_.path());
+    auto r = cli({"cert", "new", "--cn", "Firma In Blocco", "--key", "rsa", "--bits", "2048"}, 1);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    id_ = r.out.substr(0, r.out.size() - 1);
+    r = cli({"cert", "show", "--pem", id_}, 1);
+    pem_ = dir_ / "signer.pem";
+    test::write_file(pem_, r.out);
+  }
+  test::CommandResult cli(std::vector<std::string> args, int threads) {
+    args.insert(args.begin(), {test::cli_path(), "--store", dir_ / "MY"});
+    if (::geteuid() == 0)
+      args.insert(args.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    return test::run(args, {"TESSAREL_THREADS=" + std::to_string(threads)});
+  }
+  // The command's user owns what the test makes for it.
+  void own(const std::string& path) {
+    if (::geteuid() == 0) {
+      ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0) << path;
+    }
+  }
+  std::string file(const std::string& name, std::size_t size) {
+    std::string content(size, '\0');
+    for (auto& c : content)
+      c = static_cast<char>(rng_());
+    test::write_file(dir_ / name, content);
+    own(dir_ / name);
+    return dir_ / name;
+  }
+  // Every envelope in the folder, read.
+  std::map<std::string, Bytes> envelopes() {
+    std::map<std::string, Bytes> out;
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path())) {
+      std::string name = e.path().filename().string();
+      if (name.ends_with(".p7m") || name.ends_with(".p7s"))
+        out[name] = test::read_bytes(e.path().string());
+    }
+    return out;
+  }
+  void remove(const std::map<std::string, Bytes>& files) {
+    for (const auto& [name, bytes] : files)
+      std::filesystem::remove(dir_ / name);
+  }
+  static Bytes masked(Bytes b) { return test::without_signing_time(std::move(b)); }
+  bool openssl_verifies(const std::string& envelope, const std::string& content) {
+    std::vector<std::string> a = {"openssl",  "cms", "-verify", "-binary", "-inform",
+                                  "DER",      "-in", envelope,  "-CAfile", pem_,
+                                  "-purpose", "any", "-cades",  "-out",    dir_ / "openssl.out"};
+    if (envelope.ends_with(".p7s")) a.insert(a.end(), {"-content", content});
+    auto r = test::run(a);
+    bool same = envelope.ends_with(".p7s") ||
+                test::read_bytes(dir_ / "openssl.out") == test::read_bytes(content);
+    std::filesystem::remove(dir_ / "openssl.out");
+    return r.exit_code == 0 && same;
+  }
+
+  test::TempDir dir_;
+  std::string id_, pem_;
+  std::mt19937 rng_{17};
+};
+
+// Feeds a named pipe once the program opens it for reading (gives up after a while).
+class PipeFeeder {
+ public:
+  PipeFeeder(const std::string& path, std::string content)
+      : thread_([path, content = std::move(content)] {
+          auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+          int fd = -1;
+          while ((fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK)) < 0 &&
+                 std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+          if (fd < 0) return;
+          ::fcntl(fd, F_SETFL, 0);
+          EXPECT_EQ(::write(fd, content.data(), content.size()),
+                    static_cast<ssize_t>(content.size()));
+          ::close(fd);
+        }) {}
+  ~PipeFeeder() { thread_.join(); }
+
+ private:
+  std::thread thread_;
+};
+
+TEST_F(CmsCliBatch, OneThreadAndFourGiveTheSameProgressOutputAndEnvelopes) {
+  std::vector<std::string> list;
+  list.push_back(file("uno.txt", 3000));
+  list.push_back(file("vuoto.txt", 0));
+  list.push_back(file("fattura-\xC3\xA8-\xC3\xBC-\xE6\x97\xA5\xE6\x9C\xAC.txt", 1200));
+  list.push_back(dir_ / "manca.txt");  // missing
+  list.push_back(file("con spazio.bin", 70000));
+  // Written by an earlier entry of this batch: read as that entry left it.
+  list.push_back(dir_ / "uno.txt.p7m");
+  list.push_back(file("due.txt", 10));
+  ASSERT_EQ(::mkfifo((dir_ / "tubo").c_str(), 0644), 0);
+  own(dir_ / "tubo");
+  list.push_back(dir_ / "tubo");
+  for (int i = 0; i < 24; ++i)
+    list.push_back(file("f" + std::to_string(i) + ".bin", static_cast<std::size_t>(i * 397)));
+  // An existing envelope that this batch replaces before signing it as an input.
+  list.push_back(dir_ / "due.txt.p7m");
+  list.push_back(dir_ / "f3.bin");  // twice
+
+  std::vector<std::string> args = {"sign", "--cert", id_};
+  args.insert(args.end(), list.begin(), list.end());
+  test::CommandResult runs[2];
+  std::map<std::string, Bytes> made[2];
+  for (int k = 0; k < 2; ++k) {
+    test::write_file(dir_ / "due.txt.p7m", "an old envelope");
+    own(dir_ / "due.txt.p7m");
+    {
+      PipeFeeder feeder(dir_ / "tubo", "dal tubo\n");
+      runs[k] = cli(args, k == 0 ? 1 : 4);
+    }
+    made[k] = envelopes();
+    if (k == 0) remove(made[k]);
+  }
+  EXPECT_EQ(runs[0].exit_code, 1) << runs[0].err;  // the missing file
+  EXPECT_EQ(runs[1].exit_code, runs[0].exit_code);
+  EXPECT_EQ(runs[1].out, runs[0].out);
+  EXPECT_EQ(runs[1].err, runs[0].err);
+  // Progress: every file there, in list order, then the end.
+  std::string expected;
+  for (std::size_t i = 0; i < list.size(); ++i)
+    if (i != 3)
+      expected += std::to_string(i + 1) + "/" + std::to_string(list.size()) + " " + list[i] + "\n";
+  expected += "Firma Terminata\n";
+  EXPECT_NE(runs[1].err.find(expected), std::string::npos) << runs[1].err;
+  EXPECT_NE(runs[1].err.find("no such file: " + list[3]), std::string::npos) << runs[1].err;
+
+  ASSERT_EQ(made[0].size(), made[1].size());
+  EXPECT_EQ(made[0].size(), list.size() - 2);  // one missing, uno.txt twice
+  for (const auto& [name, bytes] : made[1]) {
+    ASSERT_TRUE(made[0].count(name)) << name;
+    std::string content = dir_ / name.substr(0, name.size() - 4);
+    if (name == "uno.txt.p7m.p7m" || name == "due.txt.p7m.p7m") {
+      // Their content is an envelope made in the same run, with its own signing time.
+      EXPECT_EQ(masked(made[0].at(name)).size(), bytes.size()) << name;
+    } else {
+      EXPECT_EQ(masked(made[0].at(name)), masked(bytes)) << name;
+    }
+  }
+  // The envelopes that signed envelopes of this run hold them as that run wrote them.
+  for (const char* nested : {"uno.txt.p7m", "due.txt.p7m"})
+    EXPECT_TRUE(openssl_verifies(dir_ / (std::string(nested) + ".p7m"), dir_ / nested)) << nested;
+  for (std::string name : {"uno.txt.p7m", "vuoto.txt.p7m", "con spazio.bin.p7m", "f23.bin.p7m"})
+    EXPECT_TRUE(openssl_verifies(dir_ / name, dir_ / name.substr(0, name.size() - 4))) << name;
+  test::write_file(dir_ / "tubo.expected", "dal tubo\n");
+  EXPECT_TRUE(openssl_verifies(dir_ / "tubo.p7m", dir_ / "tubo.expected"));
+}
+
+TEST_F(CmsCliBatch, AFileThatCannotBeReadStopsBothAtTheSamePlace) {
+  std::vector<std::string> list;
+  for (int i = 0; i < 40; ++i) {
+    std::string name = "doc" + std::to_string(i) + ".txt";
+    list.push_back(i == 17 ? dir_ / name : file(name, static_cast<std::size_t>(100 + i)));
+  }
+  test::write_file(list[17], "secret");
+  ASSERT_EQ(::chmod(list[17].c_str(), 0), 0);
+  std::vector<std::string> args = {"sign", "--detached", "--cert", id_};
+  args.insert(args.end(), list.begin(), list.end());
+  test::CommandResult runs[2];
+  std::map<std::string, Bytes> made[2];
+  for (int k = 0; k < 2; ++k) {
+    runs[k] = cli(args, k == 0 ? 1 : 4);
+    made[k] = envelopes();
+    if (k == 0) remove(made[k]);
+  }
+  EXPECT_EQ(runs[0].exit_code, 1);
+  EXPECT_NE(runs[0].err.find("18/40 " + list[17] + "\n"), std::string::npos) << runs[0].err;
+  EXPECT_NE(runs[0].err.find("Permission denied"), std::string::npos) << runs[0].err;
+  EXPECT_EQ(runs[0].err.find("19/40"), std::string::npos) << runs[0].err;
+  EXPECT_EQ(runs[1].exit_code, runs[0].exit_code);
+  EXPECT_EQ(runs[1].out, runs[0].out);
+  EXPECT_EQ(runs[1].err, runs[0].err);
+  // The files before it signed, none after it: the same set either way.
+  ASSERT_EQ(made[0].size(), 17u);
+  ASSERT_EQ(made[1].size(), 17u);
+  for (const auto& [name, bytes] : made[1]) {
+    ASSERT_TRUE(made[0].count(name)) << name;
+    EXPECT_EQ(masked(made[0].at(name)), masked(bytes)) << name;
+  }
+  EXPECT_TRUE(openssl_verifies(dir_ / "doc16.txt.p7s", dir_ / "doc16.txt"));
 }
 
 }  // namespace

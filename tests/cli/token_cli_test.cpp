@@ -439,5 +439,52 @@ TEST_F(TokenCli, TwoProcessesSignWithTheSameTokenAtOnce) {
     EXPECT_TRUE(openssl_verifies(f + ".p7m", pem)) << f << ": " << last_;
 }
 
+// A batch signed with a token key on four threads: the files are read and digested ahead,
+// every signature is made on the token's one session; what the user sees and gets is what
+// one thread gives, and a missing PIN still signs nothing.
+TEST_F(TokenCli, ABatchOnFourThreadsSignsEveryFileOnTheToken) {
+  std::string store = hsm_.add_token("Lotto");
+  test::TestCert tc = test::make_cert({});
+  std::string pem = test::write_pem(tc.cert, dir_ / "s.pem");
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+  std::vector<std::string> args = {"--store", store, pin_, "sign", "--cert", tc.cert.id()};
+  for (int i = 0; i < 16; ++i) {
+    args.push_back(dir_ / ("f" + std::to_string(i) + ".txt"));
+    if (i != 9) test::write_file(args.back(), std::string(static_cast<std::size_t>(i * 300), 'x'));
+  }
+  test::CommandResult runs[2];
+  std::vector<Bytes> made[2];
+  for (int k = 0; k < 2; ++k) {
+    runs[k] = cli(args, {k == 0 ? "TESSAREL_THREADS=1" : "TESSAREL_THREADS=4"});
+    for (int i = 0; i < 16; ++i) {
+      if (i == 9) continue;
+      std::string f = dir_ / ("f" + std::to_string(i) + ".txt");
+      EXPECT_TRUE(openssl_verifies(f + ".p7m", pem)) << f << ": " << last_;
+      made[k].push_back(test::read_bytes(f + ".p7m"));
+      fs::remove(f + ".p7m");
+    }
+  }
+  EXPECT_EQ(runs[0].exit_code, 1) << runs[0].err;  // f9 is missing
+  EXPECT_EQ(runs[1].exit_code, runs[0].exit_code);
+  EXPECT_EQ(runs[1].out, runs[0].out);
+  EXPECT_EQ(runs[1].err, runs[0].err);
+  ASSERT_EQ(made[0].size(), 15u);
+  ASSERT_EQ(made[1].size(), 15u);
+  for (std::size_t i = 0; i < made[0].size(); ++i)
+    EXPECT_EQ(test::without_signing_time(made[1][i]), test::without_signing_time(made[0][i])) << i;
+
+  // Without a PIN: refused at the first file, nothing written on any thread.
+  auto r = cli({"--store", store, "sign", args[6], args[7], args[8]}, {"TESSAREL_THREADS=4"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("No PIN was given for the token \"Lotto\""), std::string::npos) << r.err;
+  for (int i = 6; i <= 8; ++i)
+    EXPECT_FALSE(fs::exists(args[static_cast<std::size_t>(i)] + ".p7m"))
+        << args[static_cast<std::size_t>(i)];
+}
+
 }  // namespace
 }  // namespace tessarel

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -69,6 +70,17 @@ std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
   return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+Bytes without_signing_time(Bytes b) {
+  const Bytes time_attr = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D,
+                           0x01, 0x09, 0x05, 0x31, 0x11, 0x18, 0x0F};
+  auto at = std::search(b.begin(), b.end(), time_attr.begin(), time_attr.end());
+  EXPECT_NE(at, b.end()) << "no generalized signing time";
+  if (at != b.end() && b.end() - at >= static_cast<long>(time_attr.size()) + 15)
+    std::fill_n(at + static_cast<long>(time_attr.size()), 15, 0);
+  if (b.size() > 256) std::fill(b.end() - 256, b.end(), 0);
+  return b;
 }
 
 Bytes read_bytes(const std::string& path) {

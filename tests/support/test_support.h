@@ -37,6 +37,11 @@ void write_file(const std::string& path, const Bytes& content);
 std::string read_file(const std::string& path);
 Bytes read_bytes(const std::string& path);
 
+// An envelope made with an RSA-2048 key with the digits of its generalized signing time and
+// its signature value (the last 256 bytes) blanked: what two signings of the same file at
+// different times still have in common. Fails the test when there is no signing time.
+Bytes without_signing_time(Bytes envelope);
+
 struct CertParams {
   std::string cn = "Test Signer";
   std::string org;
