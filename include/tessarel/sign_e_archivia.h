@@ -6,8 +6,12 @@
 #ifndef TESSAREL_SIGN_E_ARCHIVIA_H
 #define TESSAREL_SIGN_E_ARCHIVIA_H
 
+#include <cstddef>
+#include <exception>
+#include <functional>
 #include <istream>
 #include <string>
+#include <vector>
 
 #include "tessarel/export.h"
 #include "tessarel/types.h"
@@ -47,6 +51,17 @@ class TESSAREL_API ISignEArchivia {
 
   virtual ~ISignEArchivia();
 };
+
+// FirmaEArchiviaFile for each file of the list in turn: before(i) is called before file i,
+// after(i, error) after it with what it raised (null when nothing); when after returns
+// false, no later file is signed or archived. The files are read, digested and signed
+// ahead on every processor (TESSAREL_THREADS=N sets how many, 1 none ahead); envelopes,
+// archived copies, records, dialogs and callbacks still come one file after the other,
+// exactly as calling FirmaEArchiviaFile in a loop gives them. Either callback may be empty.
+TESSAREL_API void FirmaEArchiviaFiles(
+    ISignEArchivia& engine, const std::vector<std::string>& files, const std::string& XMLParam,
+    const std::string& Tipo, DateTime Data, const std::function<void(std::size_t)>& before,
+    const std::function<bool(std::size_t, std::exception_ptr)>& after);
 
 }  // namespace tessarel
 

@@ -8,9 +8,11 @@
 #include "archive/archive_paths.h"
 #include "archive/sign_e_archivia.h"
 #include "boundary/batch_signer.h"
+#include "boundary/cert_lookup.h"
 #include "boundary/file_digest.h"
 #include "platform/runtime/datetime.h"
 #include "platform/runtime/files.h"
+#include "platform/runtime/hex.h"
 #include "platform/runtime/strings.h"
 #include "tessarel/dialogs.h"
 #include "tessarel/errors.h"
@@ -34,6 +36,10 @@ class StagedCopy {
     InputFile in(source);
     CopyAll(in, writer_.fd(), dest);
   }
+  // From the bytes of the source, already in memory.
+  StagedCopy(const Bytes& content, const std::string& dest) : dest_(dest), writer_(dest, 0666) {
+    writer_.write(content);
+  }
   const std::string& temp_path() const { return writer_.temp_path(); }
   // Renamed into place; the data reaches the disk before the index that lists it.
   void commit() { writer_.commit(false); }
@@ -42,6 +48,11 @@ class StagedCopy {
   std::string dest_;
   AtomicFileWriter writer_;
 };
+
+// A name that FirmaFiles takes as one file (a text with line breaks is a list to it).
+bool single_path(const std::string& path) {
+  return !path.empty() && path.find_first_of("\r\n") == std::string::npos;
+}
 
 std::string escape_param(const std::string& text) {
   return replace_all(replace_all(text, "&", "&amp;"), "'", "&apos;");
@@ -66,6 +77,12 @@ void CheckXmlParam(const std::string& param) {
 void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& fBusta,
                                   const std::string& XMLParam, const std::string& Tipo,
                                   DateTime Data) {
+  ArchiviaFileFrom(fpath, fBusta, XMLParam, Tipo, Data, nullptr);
+}
+
+void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::string& fBusta,
+                                      const std::string& XMLParam, const std::string& Tipo,
+                                      DateTime Data, const SignedFile* known) {
   RequireOpenIndex();
   if (Data == 0.0) Data = Date();
   // Nothing a document type names may lead outside the archive.
@@ -101,11 +118,17 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
         return;
       }
       // 0 or 1: overwrite (0 only this time).
-      data_copy.emplace(fpath, target);
+      if (known)
+        data_copy.emplace(known->content, target);
+      else
+        data_copy.emplace(fpath, target);
       copied = replaced = true;
       if (CollisionAction == 0) CollisionAction = -1;
     } else {
-      data_copy.emplace(fpath, target);
+      if (known)
+        data_copy.emplace(known->content, target);
+      else
+        data_copy.emplace(fpath, target);
       copied = true;
     }
   }
@@ -113,7 +136,14 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
   // Everything the record needs is computed before anything is put in place.
   std::string data_digest;
   std::int64_t data_size = 0;
-  HashFile(data_copy ? data_copy->temp_path() : target, data_digest, data_size);
+  // A file signed in memory is not read again: its copy was written from those bytes, or
+  // it is the very file at its archive place.
+  if (known) {
+    data_digest = BinaryToString(known->content_digest);
+    data_size = static_cast<std::int64_t>(known->content.size());
+  } else {
+    HashFile(data_copy ? data_copy->temp_path() : target, data_digest, data_size);
+  }
   std::optional<StagedCopy> envelope_copy;
   std::string envelope_name, envelope_digest;
   std::int64_t envelope_size = 0;
@@ -123,10 +153,23 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
       throw Exception("Nome di file non valido: " + fBusta);
     CheckRecordFileName(envelope_name);
     std::string envelope_target = folder + "/" + envelope_name;
-    if (copied && !same_file(fBusta, envelope_target))
-      envelope_copy.emplace(fBusta, envelope_target);
-    HashFile(envelope_copy ? envelope_copy->temp_path() : envelope_target, envelope_digest,
-             envelope_size);
+    bool envelope_known = false;
+    if (copied && !same_file(fBusta, envelope_target)) {
+      if (known)
+        envelope_copy.emplace(known->envelope, envelope_target);
+      else
+        envelope_copy.emplace(fBusta, envelope_target);
+      envelope_known = known != nullptr;
+    } else {
+      envelope_known = known && same_file(fBusta, envelope_target);
+    }
+    if (envelope_known) {
+      envelope_digest = BinaryToString(known->envelope_digest);
+      envelope_size = static_cast<std::int64_t>(known->envelope.size());
+    } else {
+      HashFile(envelope_copy ? envelope_copy->temp_path() : envelope_target, envelope_digest,
+               envelope_size);
+    }
   }
 
   xml::Document& doc = *FXMLDocument;
@@ -215,9 +258,138 @@ void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::str
   CheckTipo(Tipo);
   CheckXmlParam(XMLParam);
   RelockArchive();
+  // One pass over the file: it is read once, and its copy and digests come from those bytes.
+  if (single_path(fpath)) {
+    const Certificate* found = TrovaCertificato(FidCert);
+    if (!found) return;
+    Certificate cert = *found;
+    std::shared_ptr<SigningKey> key = ChiaveDiFirma(cert);
+    if (!key) return;
+    SignedFile item = SignFileInMemory(fpath, cert, key.get(), Fdetached, true);
+    if (item.state == SignedFile::State::Signed) {
+      WrittenFiles written;
+      ArchiveSigned(fpath, item, XMLParam, Tipo, Data, written);
+      return;
+    }
+  }
+  // Missing, large or unreadable files, and names that are lists, as the batch signer has them.
   std::optional<std::string> envelope = FirmaFiles(fpath, fpath, FidCert, Fdetached, nullptr);
   if (!envelope || envelope->empty()) return;
   ArchiviaFile(fpath, *envelope, XMLParam, Tipo, Data);
+}
+
+void TSignEArchivia::ArchiveSigned(const std::string& fpath, const SignedFile& item,
+                                   const std::string& XMLParam, const std::string& Tipo,
+                                   DateTime Data, WrittenFiles& written) {
+  std::string envelope = fpath + (Fdetached ? ".p7s" : ".p7m");
+  WriteEnvelope(fpath, envelope, item.envelope, written);
+  ArchiviaFileFrom(fpath, envelope, XMLParam, Tipo, Data, &item);
+}
+
+void TSignEArchivia::FirmaEArchiviaFiles(
+    const std::vector<std::string>& files, const std::string& XMLParam, const std::string& Tipo,
+    DateTime Data, const std::function<void(std::size_t)>& before,
+    const std::function<bool(std::size_t, std::exception_ptr)>& after) {
+  // One file with its callbacks; false when the caller wants no more.
+  auto one = [&](std::size_t i, const std::function<void()>& work) {
+    if (before) before(i);
+    std::exception_ptr error;
+    try {
+      work();
+    } catch (...) {
+      error = std::current_exception();
+    }
+    return after ? after(i, error) : true;
+  };
+  unsigned threads = SigningThreads();
+  std::size_t i = 0;
+  while (i < files.size()) {
+    // Signing ahead needs what every file needs alike: an open index, a valid type and
+    // parameter, the certificate and its key. Without them each file goes alone and
+    // raises (or returns) what it would alone.
+    bool ahead = threads > 1 && files.size() - i >= 2;
+    std::optional<Certificate> cert;
+    std::shared_ptr<SigningKey> key;
+    if (ahead) {
+      try {
+        RequireOpenIndex();
+        CheckTipo(Tipo);
+        CheckXmlParam(XMLParam);
+        if (const Certificate* found = TrovaCertificato(FidCert)) {
+          cert = *found;
+          key = ChiaveDiFirma(*cert);
+        }
+      } catch (const std::exception&) {
+        key.reset();
+      }
+      ahead = key != nullptr;
+    }
+    if (!ahead) {
+      for (; i < files.size(); ++i)
+        if (!one(i, [&] { FirmaEArchiviaFile(files[i], XMLParam, Tipo, Data); })) return;
+      return;
+    }
+    // The files from i on are signed ahead. A file that must go alone (missing, large, not a
+    // plain file, or signed by other settings since) may write what later files read: the
+    // files after it are signed ahead again from the disk as it is then.
+    std::vector<std::string> rest(files.begin() + static_cast<std::ptrdiff_t>(i), files.end());
+    const std::string id = FidCert;
+    const bool detached = Fdetached;
+    SigningPipeline pipeline(rest, *cert, key, {detached, true, threads});
+    WrittenFiles written;
+    bool again = false;
+    for (std::size_t k = 0; k < rest.size() && !again; ++k, ++i) {
+      const std::string& f = files[i];
+      bool go_on = one(i, [&] {
+        SignedFile item = pipeline.take(k);
+        using State = SignedFile::State;
+        bool stale = item.stamp.exists && written.stale(f, item.stamp);
+        if (item.state == State::Failed && !stale && FidCert == id) {
+          // What opening or reading raised; nothing was written for it.
+          RequireOpenIndex();
+          CheckTipo(Tipo);
+          CheckXmlParam(XMLParam);
+          RelockArchive();
+          std::rethrow_exception(item.error);
+        }
+        if (item.state != State::Signed || stale || FidCert != id || Fdetached != detached ||
+            !single_path(f)) {
+          again = true;
+          FirmaEArchiviaFile(f, XMLParam, Tipo, Data);
+          return;
+        }
+        RequireOpenIndex();
+        CheckTipo(Tipo);
+        CheckXmlParam(XMLParam);
+        RelockArchive();
+        pipeline.complete(item);
+        if (item.state == State::Failed) std::rethrow_exception(item.error);
+        ArchiveSigned(f, item, XMLParam, Tipo, Data, written);
+      });
+      if (!go_on) return;
+    }
+  }
+}
+
+void FirmaEArchiviaFiles(ISignEArchivia& engine, const std::vector<std::string>& files,
+                         const std::string& XMLParam, const std::string& Tipo, DateTime Data,
+                         const std::function<void(std::size_t)>& before,
+                         const std::function<bool(std::size_t, std::exception_ptr)>& after) {
+  if (auto* own = dynamic_cast<TSignEArchivia*>(&engine)) {
+    own->FirmaEArchiviaFiles(files, XMLParam, Tipo, Data, before, after);
+    return;
+  }
+  // Another implementation of the engine: its own operation, file after file.
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (before) before(i);
+    std::exception_ptr error;
+    try {
+      engine.FirmaEArchiviaFile(files[i], XMLParam, Tipo, Data);
+    } catch (...) {
+      error = std::current_exception();
+    }
+    if (after && !after(i, error)) return;
+  }
 }
 
 void TSignEArchivia::CancellaId() {

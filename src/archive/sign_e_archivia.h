@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/runtime/files.h"
 #include "platform/xml/dom.h"
@@ -13,6 +16,9 @@
 #include "tessarel/trust.h"
 
 namespace tessarel {
+
+struct SignedFile;
+class WrittenFiles;
 
 // Raises tessarel::Exception saying that the operation is not part of this build yet.
 [[noreturn]] void NotAvailableYet(const char* operation);
@@ -40,6 +46,13 @@ class TSignEArchivia : public ISignEArchivia {
   bool FirmaPdf(const std::string& fname, const std::string& fnamedest, const std::string& reason,
                 const std::string& pazname, std::istream* stream, bool passw,
                 const std::string& certCA, bool certInvisible) override;
+
+  // FirmaEArchiviaFile for each file in turn, the files read and signed ahead on all cores
+  // (see FirmaEArchiviaFiles in tessarel/sign_e_archivia.h).
+  void FirmaEArchiviaFiles(const std::vector<std::string>& files, const std::string& XMLParam,
+                           const std::string& Tipo, DateTime Data,
+                           const std::function<void(std::size_t)>& before,
+                           const std::function<bool(std::size_t, std::exception_ptr)>& after);
 
   // Path of a new, empty, uniquely named file in the temporary folder.
   std::string GenerateTempFilename();
@@ -71,6 +84,14 @@ class TSignEArchivia : public ISignEArchivia {
  protected:
   // Raises "File indice non aperto" when no index is open.
   void RequireOpenIndex() const;
+  // ArchiviaFile; with known, the data file's bytes and envelope as signed in memory, which
+  // the copies are written from and the digests taken of instead of reading the files again.
+  void ArchiviaFileFrom(const std::string& fpath, const std::string& fBusta,
+                        const std::string& XMLParam, const std::string& Tipo, DateTime Data,
+                        const SignedFile* known);
+  // Writes the envelope of a file signed in memory beside it, then archives both.
+  void ArchiveSigned(const std::string& fpath, const SignedFile& item, const std::string& XMLParam,
+                     const std::string& Tipo, DateTime Data, WrittenFiles& written);
   // Takes the archive for this engine (the lock file beside index.xml), waiting a bounded
   // time for another holder; raises when the archive stays in use.
   void LockArchive();

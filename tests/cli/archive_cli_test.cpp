@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 
 #include "test_support.h"
 
@@ -109,6 +110,94 @@ TEST_F(ArchiveCli, BadTypesDatesAndFoldersAreClearErrors) {
   EXPECT_NE(r.err.find("missing.txt"), std::string::npos);
   EXPECT_EQ(cli({"archive", "verify", dir_ / "no-archive"}).exit_code, 1);
   EXPECT_EQ(cli({"archive", "list", dir_ / "no-archive"}).exit_code, 1);
+}
+
+// Many files in one session, signed ahead on four threads or one file after the other:
+// the same lines, records, archived copies and envelopes beside the files (but for their
+// signing times); and a cancel in the middle stops both at the same file.
+TEST_F(ArchiveCli, ManyFilesGiveTheSameArchiveOnOneThreadAndOnFour) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> files;
+  for (int i = 0; i < 30; ++i) {
+    std::string name = i == 7    ? "vuoto.txt"
+                       : i == 12 ? "ricevuta-\xC3\xA0-\xE2\x82\xAC.txt"
+                                 : "doc" + std::to_string(i) + ".txt";
+    files.push_back(dir_ / name);
+    if (i != 20) test::write_file(files.back(), i == 7 ? "" : std::string(50 * i, 'a' + i % 26));
+  }
+  // The same list archived again, cancelled at the first file already archived.
+  auto add = [&](int threads, const std::vector<std::string>& list, const char* existing) {
+    std::vector<std::string> args = {test::cli_path(), "--store", store_,
+                                     "archive",        "add",     arch_,
+                                     "--type",         "Lotti",   "--date",
+                                     "2021-06-15",     "--param", "<Nota>lotto &amp; co</Nota>",
+                                     "--existing",     existing};
+    args.insert(args.end(), list.begin(), list.end());
+    return test::run(args, {"TESSAREL_THREADS=" + std::to_string(threads)});
+  };
+  auto beside = [&] {
+    std::map<std::string, Bytes> out;
+    for (const auto& e : fs::directory_iterator(dir_.path()))
+      if (e.path().extension() == ".p7m") out[e.path().filename()] = test::read_bytes(e.path());
+    return out;
+  };
+  std::vector<std::string> second = {files[0], files[1], dir_ / "nuovo.txt", files[3], files[4]};
+  test::write_file(dir_ / "nuovo.txt", "nuovo");
+  test::CommandResult first_run[2], second_run[2], listing[2];
+  std::map<std::string, Bytes> envelopes[2], copies[2];
+  for (int k = 0; k < 2; ++k) {
+    int threads = k == 0 ? 1 : 4;
+    first_run[k] = add(threads, files, "ask");
+    second_run[k] = add(threads, second, "cancel");
+    listing[k] = cli({"--json", "archive", "list", arch_});
+    EXPECT_EQ(cli({"archive", "verify", arch_}).exit_code, 0) << threads << " threads";
+    envelopes[k] = beside();
+    for (const auto& e : fs::recursive_directory_iterator(arch_))
+      if (e.is_regular_file() && e.path().filename() != "index.xml")
+        copies[k][fs::relative(e.path(), arch_)] = test::read_bytes(e.path());
+    for (const auto& [name, bytes] : envelopes[k])
+      fs::remove(dir_ / name);
+    fs::rename(arch_, arch_ + std::to_string(threads));
+  }
+  // The missing file fails alone; the others are archived.
+  EXPECT_EQ(first_run[0].exit_code, 1);
+  EXPECT_NE(first_run[0].err.find("21/30 " + files[20] + "\n"), std::string::npos);
+  EXPECT_NE(first_run[0].err.find(files[20] + ": "), std::string::npos) << first_run[0].err;
+  EXPECT_NE(first_run[0].out.find(files[29] + "\n"), std::string::npos);
+  // The second run stops at its first file: nothing after it is signed or archived.
+  EXPECT_EQ(second_run[0].exit_code, 1);
+  EXPECT_NE(second_run[0].err.find("Operazione Annullata"), std::string::npos);
+  EXPECT_EQ(second_run[0].err.find("2/5"), std::string::npos) << second_run[0].err;
+  for (int k = 0; k < 2; ++k) {
+    EXPECT_FALSE(envelopes[k].count("nuovo.txt.p7m")) << k;
+    EXPECT_FALSE(copies[k].count("Lotti/2021/06/nuovo.txt")) << k;
+  }
+  EXPECT_EQ(first_run[1].exit_code, first_run[0].exit_code);
+  EXPECT_EQ(first_run[1].out, first_run[0].out);
+  EXPECT_EQ(first_run[1].err, first_run[0].err);
+  EXPECT_EQ(second_run[1].exit_code, second_run[0].exit_code);
+  EXPECT_EQ(second_run[1].out, second_run[0].out);
+  EXPECT_EQ(second_run[1].err, second_run[0].err);
+  // Records with the same names, numbers, sizes and data digests, in the same order.
+  EXPECT_EQ(listing[1].out, listing[0].out);
+  EXPECT_NE(listing[0].out.find("ricevuta-\xC3\xA0-\xE2\x82\xAC.txt"), std::string::npos);
+  ASSERT_EQ(envelopes[0].size(), 29u);
+  ASSERT_EQ(envelopes[1].size(), envelopes[0].size());
+  for (const auto& [name, bytes] : envelopes[0]) {
+    ASSERT_TRUE(envelopes[1].count(name)) << name;
+    EXPECT_EQ(test::without_signing_time(envelopes[1].at(name)), test::without_signing_time(bytes))
+        << name;
+    // The archived envelope is the one beside the file, but for the cancelled file, which
+    // was signed again before the cancel.
+    if (name == "doc0.txt.p7m") continue;
+    EXPECT_EQ(copies[0].at("Lotti/2021/06/" + name), bytes) << name;
+    EXPECT_EQ(copies[1].at("Lotti/2021/06/" + name), envelopes[1].at(name)) << name;
+  }
+  ASSERT_EQ(copies[1].size(), copies[0].size());
+  for (const auto& [name, bytes] : copies[0]) {
+    if (fs::path(name).extension() == ".p7m") continue;
+    EXPECT_TRUE(copies[1].count(name) && copies[1].at(name) == bytes) << name;
+  }
 }
 
 }  // namespace

@@ -51,20 +51,27 @@ void add(const AddArgs& a) {
   apply_wait();
   std::unique_ptr<ISignEArchivia> engine(GetSignEArchivia());
   engine->ApriIndice(a.dir, a.cert, a.detached);
-  int n = 0;
-  for (const auto& f : a.files) {
-    ++n;
-    if (!globals().quiet && a.files.size() > 1)
-      currentUi().progress_text(std::to_string(n) + "/" + std::to_string(a.files.size()) + " " + f);
-    try {
-      globals().current_file = f;
-      engine->FirmaEArchiviaFile(f, a.param, a.type, date);
-      std::printf("%s\n", f.c_str());
-    } catch (const Exception& e) {
-      error(f + ": " + e.what());
-      if (std::string(e.what()) == "Operazione Annullata") break;
-    }
-  }
+  const auto& files = a.files;
+  FirmaEArchiviaFiles(
+      *engine, files, a.param, a.type, date,
+      [&](std::size_t i) {
+        if (!globals().quiet && files.size() > 1)
+          currentUi().progress_text(std::to_string(i + 1) + "/" + std::to_string(files.size()) +
+                                    " " + files[i]);
+        globals().current_file = files[i];
+      },
+      [&](std::size_t i, std::exception_ptr failure) {
+        if (!failure) {
+          std::printf("%s\n", files[i].c_str());
+          return true;
+        }
+        try {
+          std::rethrow_exception(failure);
+        } catch (const Exception& e) {
+          error(files[i] + ": " + e.what());
+          return std::string(e.what()) != "Operazione Annullata";
+        }
+      });
   engine->ChiudiIndice();
 }
 
