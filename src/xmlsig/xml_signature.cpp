@@ -186,13 +186,7 @@ xml::Node OwnSignature(xml::Node element) {
 
 void CanonicalizeWithout(const xml::Document& doc, const std::vector<xml::Node>& excluded,
                          const std::function<void(const char*, std::size_t)>& sink) {
-  auto visible = [&](xml::Node node, xml::Node parent) {
-    for (xml::Node n = xml::OwnerElement(node, parent); n; n = n.parent())
-      for (const auto& e : excluded)
-        if (n == e) return false;
-    return true;
-  };
-  doc.Canonicalize(visible, sink);
+  doc.CanonicalizeWithout(excluded, sink);
 }
 
 // ---- signer ----

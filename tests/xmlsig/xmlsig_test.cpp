@@ -102,5 +102,62 @@ TEST(Signer, RefusesWithoutKeyDataOrForAnotherKeyKind) {
   }
 }
 
+// The canonical forms that signing and checking take (the document without its signature,
+// and the SignedInfo alone) skip the rest of the tree for speed; they must equal what the
+// node-by-node filter gives, on a document with everything inclusive canonicalization
+// carries across: namespaces and xml: attributes declared above, a default namespace,
+// processing instructions and comments beside the root. The tree is left as it was.
+TEST(Canonical, WithoutTheSignatureAndSignedInfoAloneEqualTheNodeByNodeFilter) {
+  auto doc = parse(
+      "<?xml-stylesheet type=\"text/xsl\" href=\"index.xsl\"?>\n<!-- prima -->\n"
+      "<r xmlns=\"urn:d\" xmlns:p=\"urn:p\" xml:lang=\"it\"><p:a p:x=\"1\">t&amp;&#xE8;</p:a>\n"
+      "<ds:Signature xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\"><ds:SignedInfo "
+      "xml:space=\"preserve\"><ds:Reference URI=\"\"/><!-- dentro --></ds:SignedInfo>"
+      "<ds:SignatureValue>AA</ds:SignatureValue></ds:Signature>\n<b><c xmlns=\"\"/></b>"
+      "<ds:Signature xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\"/></r>\n<!-- dopo -->");
+  std::string before = doc->Serialize();
+  xml::Node sig = OwnSignature(doc->root());
+  xml::Node second = doc->root().last_child();
+  xml::Node si = sig.first_child();
+  ASSERT_EQ(si.local_name(), "SignedInfo");
+  auto collect = [](std::string& out) {
+    return [&out](const char* p, std::size_t n) { out.append(p, n); };
+  };
+  for (bool exclusive : {false, true}) {
+    for (bool comments : {false, true}) {
+      for (const std::vector<xml::Node>& excluded :
+           {std::vector<xml::Node>{sig}, std::vector<xml::Node>{second, sig, si, sig}}) {
+        std::string fast, general;
+        doc->CanonicalizeWithout(excluded, collect(fast), exclusive, comments);
+        doc->Canonicalize(
+            [&](xml::Node node, xml::Node parent) {
+              for (xml::Node n = xml::OwnerElement(node, parent); n; n = n.parent())
+                for (const auto& e : excluded)
+                  if (n == e) return false;
+              return true;
+            },
+            collect(general), exclusive, comments);
+        EXPECT_EQ(fast, general) << exclusive << comments << excluded.size();
+        EXPECT_EQ(fast.find("SignatureValue"), std::string::npos);
+      }
+      std::string general;
+      doc->Canonicalize(
+          [&](xml::Node node, xml::Node parent) {
+            for (xml::Node n = xml::OwnerElement(node, parent); n; n = n.parent())
+              if (n == si) return true;
+            return false;
+          },
+          collect(general), exclusive, comments);
+      EXPECT_EQ(doc->CanonicalizeSubtree(si, exclusive, comments), general)
+          << exclusive << comments;
+    }
+  }
+  EXPECT_EQ(doc->CanonicalizeSubtree(si),
+            "<ds:SignedInfo xmlns=\"urn:d\" xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\" "
+            "xmlns:p=\"urn:p\" xml:lang=\"it\" xml:space=\"preserve\"><ds:Reference "
+            "URI=\"\"></ds:Reference></ds:SignedInfo>");
+  EXPECT_EQ(doc->Serialize(), before);
+}
+
 }  // namespace
 }  // namespace tessarel

@@ -130,6 +130,10 @@ class Document {
   void Canonicalize(const std::function<bool(Node node, Node parent)>& visible,
                     const std::function<void(const char*, std::size_t)>& sink,
                     bool exclusive = false, bool with_comments = false) const;
+  // The same for the whole document but the excluded nodes and everything inside them.
+  void CanonicalizeWithout(const std::vector<Node>& excluded,
+                           const std::function<void(const char*, std::size_t)>& sink,
+                           bool exclusive = false, bool with_comments = false) const;
   // Canonical XML 1.0 of one element's subtree, with the namespaces in scope rendered on it.
   std::string CanonicalizeSubtree(Node element, bool exclusive = false,
                                   bool with_comments = false) const;
