@@ -41,6 +41,7 @@ class StagedCopy {
     writer_.write(content);
   }
   const std::string& temp_path() const { return writer_.temp_path(); }
+  const std::string& target() const { return dest_; }
   // Renamed into place; the data reaches the disk before the index that lists it.
   void commit() { writer_.commit(false); }
 
@@ -236,9 +237,14 @@ void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::strin
   }
 
   // The copies take their places, then the record goes into the index.
-  if (data_copy) data_copy->commit();
-  if (envelope_copy) envelope_copy->commit();
-  archived_since_close_ = true;
+  if (data_copy) {
+    data_copy->commit();
+    NoteArchived(target);
+  }
+  if (envelope_copy) {
+    envelope_copy->commit();
+    NoteArchived(envelope_copy->target());
+  }
   if (new_group) {
     root.append_child(group);
     IndentElement(group, 0);

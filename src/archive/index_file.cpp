@@ -107,6 +107,55 @@ std::string TSignEArchivia::archive_folder() const {
   return ExtractFileDir(Fpatharchivia);
 }
 
+namespace {
+// Beyond this many files, flushing the whole file system at once is cheaper than one by one.
+constexpr std::size_t kFlushOneByOne = 64;
+
+void sync_path(const std::string& path, int flags) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+}  // namespace
+
+void TSignEArchivia::NoteArchived(const std::string& path) {
+  if (archived_many_since_close_) return;
+  if (archived_since_close_.size() < kFlushOneByOne) {
+    archived_since_close_.push_back(path);
+    return;
+  }
+  archived_many_since_close_ = true;
+  archived_since_close_.clear();
+}
+
+void TSignEArchivia::FlushArchived() {
+  if (archived_many_since_close_) {
+    int fd = ::open(archive_folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+      ::syncfs(fd);
+      ::close(fd);
+    }
+  } else {
+    // The files, then the folders that name them up to the archive's (the dated folders
+    // may be new).
+    std::vector<std::string> folders;
+    std::string top = archive_folder();
+    for (const auto& path : archived_since_close_) {
+      sync_path(path, 0);
+      for (std::string folder = ExtractFileDir(path);
+           folder.size() >= top.size() &&
+           std::find(folders.begin(), folders.end(), folder) == folders.end();
+           folder = ExtractFileDir(folder))
+        folders.push_back(folder);
+    }
+    for (const auto& folder : folders)
+      sync_path(folder, O_DIRECTORY);
+  }
+  archived_since_close_.clear();
+  archived_many_since_close_ = false;
+}
+
 void TSignEArchivia::IndentElement(xml::Node element, int level) {
   std::string w = "\n" + std::string(static_cast<std::size_t>(level + 1), '\t');
   for (xml::Node c = element.first_child(); c; c = c.next_sibling()) {
@@ -232,7 +281,8 @@ void TSignEArchivia::ChiudiIndice() {
   signer.FKeyName = "";
   signer.FIncludeKey = true;
   signer.FKeyData = &key_data;
-  signer.UpdateReferencesDigest(*FXMLDocument);
+  // The reference digests are taken by Save, once the signature and the white space around
+  // it stand in the document: taken before, they would only be taken again.
   signer.GenerateSignature();
   try {
     signer.Save(*FXMLDocument, root);
@@ -243,14 +293,7 @@ void TSignEArchivia::ChiudiIndice() {
 
   // Replaced whole: a crash leaves the previous signed index or this one. The archived
   // copies it lists are flushed first.
-  if (archived_since_close_) {
-    int fd = ::open(archive_folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-      ::syncfs(fd);
-      ::close(fd);
-    }
-    archived_since_close_ = false;
-  }
+  FlushArchived();
   try {
     AtomicFileWriter out(Fpatharchivia);
     FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });

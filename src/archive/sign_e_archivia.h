@@ -113,9 +113,13 @@ class TSignEArchivia : public ISignEArchivia {
   bool Fdetached = false;
   // Remembered answer to "the file exists in the archive": -1 ask, 0..4 the dialog's items.
   std::int32_t CollisionAction = 0;
-  // Files were put in the archive since the index was last written: they reach the disk
-  // before the index that lists them.
-  bool archived_since_close_ = false;
+  // Files put in the archive since the index was last written: they reach the disk before
+  // the index that lists them, one by one when they are few, with the whole file system
+  // when they are many (then only the flag is kept).
+  std::vector<std::string> archived_since_close_;
+  bool archived_many_since_close_ = false;
+  void NoteArchived(const std::string& path);
+  void FlushArchived();
   // Held from ApriIndice to ChiudiIndice (and the engine's end): one writer per archive.
   std::unique_ptr<FileLock> archive_lock_;
   // index.xml as this engine last read or wrote it.
