@@ -13,6 +13,13 @@
 namespace tessarel {
 namespace {
 
+// TESSAREL_THREADS for the life of the object.
+class ScopedThreads {
+ public:
+  explicit ScopedThreads(const char* n) { ::setenv("TESSAREL_THREADS", n, 1); }
+  ~ScopedThreads() { ::unsetenv("TESSAREL_THREADS"); }
+};
+
 class BatchSigner : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -98,6 +105,8 @@ TEST_F(BatchSigner, UnknownCertificateOrUnusableKeySignsNothingSilently) {
   EXPECT_TRUE(ui_->progress.empty());
 }
 
+// Alone, and between small files signed ahead on four threads: the large file is streamed
+// when its turn comes, its hashing reported, and the progress stays in list order.
 TEST_F(BatchSigner, AFileAboveTheStreamingThresholdIsSignedFromDisk) {
   std::string big = dir_ / "big.bin";
   {
@@ -111,7 +120,58 @@ TEST_F(BatchSigner, AFileAboveTheStreamingThresholdIsSignedFromDisk) {
   EXPECT_TRUE(v.ok());
   EXPECT_EQ(v.content_size, kStreamingThreshold + (2u << 20));
   std::filesystem::remove(big + ".p7m");
+
+  std::string a = file("a.txt", "A"), c = file("c.txt", std::string(5000, 'c'));
+  std::string list = a + "\n" + big + "\n" + c;
+  ScopedThreads four("4");
+  std::uint64_t last_done = 0, total = 0;
+  auto r = FirmaFiles(list, list, "0BA7", true, ui_.get(), [&](std::uint64_t d, std::uint64_t t) {
+    last_done = d;
+    total = t;
+  });
+  ASSERT_TRUE(r);
+  EXPECT_EQ(*r, a + ".p7s\r\n" + big + ".p7s\r\n" + c + ".p7s\r\n");
+  EXPECT_EQ(ui_->progress,
+            (std::vector<std::string>{"1/3 " + a, "2/3 " + big, "3/3 " + c, "Firma Terminata"}));
+  EXPECT_EQ(total, kStreamingThreshold + (2u << 20));
+  EXPECT_EQ(last_done, total);
+  for (const auto& f : {a, big, c})
+    EXPECT_TRUE(verify(f + ".p7s", f).ok()) << f;
+  std::filesystem::remove(big + ".p7s");
   std::filesystem::remove(big);
+}
+
+// A write that fails in the middle of a batch signed ahead: the envelopes before it stay,
+// its own partial one is removed, none after it is written, and the error is the one that
+// one file after the other raises.
+TEST_F(BatchSigner, AWriteErrorInTheMiddleStopsTheBatchThere) {
+  std::vector<std::string> files;
+  std::string list;
+  for (int i = 0; i < 12; ++i) {
+    std::size_t size = i == 5 ? (1u << 20) : 100u;
+    files.push_back(file("f" + std::to_string(i), std::string(size, static_cast<char>('a' + i))));
+    list += files.back() + "\n";
+  }
+  for (const char* threads : {"1", "4"}) {
+    ScopedThreads scoped(threads);
+    int rc = test::with_file_size_limit(64 * 1024, [&] {
+      try {
+        FirmaFiles(list, list, "0BA7", false, nullptr);
+        return 1;
+      } catch (const EInOutError& e) {
+        return std::string(e.what()).find(files[5] + ".p7m") != std::string::npos ? 0 : 2;
+      }
+    });
+    EXPECT_EQ(rc, 0) << threads << " threads: 1 signed anyway, 2 another error";
+    for (int i = 0; i < 12; ++i) {
+      std::string envelope = files[static_cast<std::size_t>(i)] + ".p7m";
+      EXPECT_EQ(std::filesystem::exists(envelope), i < 5) << threads << " threads: " << envelope;
+      if (i < 5) {
+        EXPECT_TRUE(verify(envelope).ok()) << envelope;
+      }
+      std::filesystem::remove(envelope);
+    }
+  }
 }
 
 TEST_F(BatchSigner, AnUnreadableOutputFolderRaisesAndKeepsEarlierEnvelopes) {
