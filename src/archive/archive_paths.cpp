@@ -1,9 +1,14 @@
 #include "archive/archive_paths.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 #include "platform/runtime/datetime.h"
@@ -100,14 +105,56 @@ std::string LinkToPath(const std::string& archive_dir, const std::string& link) 
   return path;
 }
 
+namespace {
+
+// The name the kernel gives an existing folder once every symbolic link on the way is
+// resolved: a few system calls, where resolving the path a component at a time takes two per
+// component. Empty when it cannot say (no such folder, no /proc).
+std::string kernel_name(const std::string& folder) {
+  int fd = ::open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return {};
+  char link[64];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  std::string out(PATH_MAX, '\0');
+  ssize_t n = ::readlink(link, out.data(), out.size());
+  ::close(fd);
+  if (n <= 0 || static_cast<std::size_t>(n) >= out.size() || out[0] != '/') return {};
+  out.resize(static_cast<std::size_t>(n));
+  if (out.ends_with(" (deleted)")) return {};
+  return out;
+}
+
+// path with its symbolic links resolved, as weakly_canonical resolves it, when the folder
+// that holds it exists and its last component is not a link itself (the usual case).
+std::optional<std::filesystem::path> resolved_quickly(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (name.empty() || name == "." || name == "..") return std::nullopt;
+  std::string folder = kernel_name(slash == std::string::npos ? "" : path.substr(0, slash));
+  if (folder.empty()) return std::nullopt;
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) return std::nullopt;
+  return std::filesystem::path(folder) / name;
+}
+
+}  // namespace
+
 void CheckInsideArchive(const std::string& archive_dir, const std::string& path) {
   namespace fs = std::filesystem;
   std::error_code ec;
-  fs::path root = fs::weakly_canonical(fs::path(archive_dir), ec);
-  if (ec) throw Exception("Impossibile accedere alla cartella: " + archive_dir);
-  // weakly_canonical resolves the symbolic links of every existing component.
-  fs::path target = fs::weakly_canonical(fs::path(path), ec);
-  if (ec) throw Exception("Percorso non valido: " + path);
+  fs::path root, target;
+  std::string quick_root = kernel_name(archive_dir);
+  std::optional<fs::path> quick_target = resolved_quickly(path);
+  if (!quick_root.empty() && quick_target) {
+    root = quick_root;
+    target = *quick_target;
+  } else {
+    root = fs::weakly_canonical(fs::path(archive_dir), ec);
+    if (ec) throw Exception("Impossibile accedere alla cartella: " + archive_dir);
+    // weakly_canonical resolves the symbolic links of every existing component.
+    target = fs::weakly_canonical(fs::path(path), ec);
+    if (ec) throw Exception("Percorso non valido: " + path);
+  }
   auto r = root.begin(), t = target.begin();
   for (; r != root.end(); ++r, ++t) {
     if (r->empty()) continue;

@@ -51,6 +51,27 @@ TEST(ArchivePaths, SymlinksOutOfTheTreeAreRefused) {
   EXPECT_THROW(CheckInsideArchive(arch.path(), outside / "x.xml"), Exception);
   // A sibling folder whose name starts like the archive's is still outside.
   EXPECT_THROW(CheckInsideArchive(arch.path(), arch.path() + "-other/x.xml"), Exception);
+  // The last component a link: to a file outside, to a file inside.
+  test::write_file(outside / "secret.txt", "s");
+  test::write_file(arch / "Contratti/2021/vero.txt", "v");
+  ASSERT_EQ(::symlink((outside / "secret.txt").c_str(), (arch / "Contratti/2021/a.txt").c_str()),
+            0);
+  ASSERT_EQ(::symlink("vero.txt", (arch / "Contratti/2021/b.txt").c_str()), 0);
+  EXPECT_THROW(CheckInsideArchive(arch.path(), arch / "Contratti/2021/a.txt"), Exception);
+  EXPECT_NO_THROW(CheckInsideArchive(arch.path(), arch / "Contratti/2021/b.txt"));
+  EXPECT_NO_THROW(CheckInsideArchive(arch.path(), arch / "Contratti/2021/vero.txt"));
+  // Reached through a link to the archive, or by a relative name.
+  test::TempDir elsewhere;
+  ASSERT_EQ(::symlink(arch.path().c_str(), (elsewhere / "via").c_str()), 0);
+  EXPECT_NO_THROW(CheckInsideArchive(elsewhere / "via", arch / "Contratti/2021/vero.txt"));
+  EXPECT_NO_THROW(CheckInsideArchive(arch.path(), elsewhere / "via/Contratti/2021/vero.txt"));
+  EXPECT_THROW(CheckInsideArchive(elsewhere / "via", outside / "secret.txt"), Exception);
+  std::string cwd = std::filesystem::current_path();
+  std::filesystem::current_path(arch.path());
+  EXPECT_NO_THROW(CheckInsideArchive(".", "Contratti/2021/vero.txt"));
+  EXPECT_THROW(CheckInsideArchive(".", "Contratti/2021/a.txt"), Exception);
+  EXPECT_THROW(CheckInsideArchive("Contratti", "Fuga/x.xml"), Exception);
+  std::filesystem::current_path(cwd);
 }
 
 }  // namespace
