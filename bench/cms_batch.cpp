@@ -1,15 +1,22 @@
-// Batch signing of many small files: FirmaFiles against a loop over OpenSSL's CMS_sign
-// (CMS_BINARY | CMS_CADES) with the same key, certificate and files, in one process.
-// Both read every file and write every envelope. Reports files per second and the ratio.
-//   bench_cms_batch [FILES] [SIZE_BYTES] [ROUNDS]
+// Batch signing of many small files: FirmaFiles (on all threads and on one) against a loop
+// over OpenSSL's CMS_sign (CMS_BINARY | CMS_CADES) on one thread with the same key,
+// certificate and files, in one process; with --cli, also the command-line program
+// (`tessarel sign`, a process of its own) on the same files. All read every file and write
+// every envelope. Reports files per second and the ratios, medians of ROUNDS alternating runs.
+//   bench_cms_batch [FILES] [SIZE_BYTES] [ROUNDS] [--cli PATH] [--dir DIR]
+#include <fcntl.h>
 #include <openssl/bio.h>
 #include <openssl/cms.h>
 #include <openssl/pem.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -27,23 +34,44 @@
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+namespace {
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+}  // namespace
+
 int main(int argc, char** argv) {
-  const char* usage = "bench_cms_batch [FILES] [SIZE_BYTES] [ROUNDS]";
+  const char* usage = "bench_cms_batch [FILES] [SIZE_BYTES] [ROUNDS] [--cli PATH] [--dir DIR]";
   bench::check_help(argc, argv, usage);
-  int files = static_cast<int>(bench::positive_arg(argc, argv, 1, 1000, usage));
-  auto size = static_cast<std::size_t>(bench::positive_arg(argc, argv, 2, 4096, usage));
-  int rounds = static_cast<int>(bench::positive_arg(argc, argv, 3, 3, usage));
-  fs::path dir = fs::temp_directory_path() / ("tessarel-bench-" + std::to_string(getpid()));
+  std::string cli;
+  fs::path parent = fs::temp_directory_path();
+  std::vector<char*> positional = {argv[0]};
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--cli") == 0 && i + 1 < argc)
+      cli = argv[++i];
+    else if (std::strcmp(argv[i], "--dir") == 0 && i + 1 < argc)
+      parent = argv[++i];
+    else
+      positional.push_back(argv[i]);
+  }
+  int pc = static_cast<int>(positional.size());
+  char** pv = positional.data();
+  int files = static_cast<int>(bench::positive_arg(pc, pv, 1, 1000, usage));
+  auto size = static_cast<std::size_t>(bench::positive_arg(pc, pv, 2, 4096, usage));
+  int rounds = static_cast<int>(bench::positive_arg(pc, pv, 3, 3, usage));
+  fs::path dir = parent / ("tessarel-bench-" + std::to_string(getpid()));
   auto [ours, ref] = bench::write_twin_inputs(dir / "ours", dir / "ref", files, size, 7);
   std::string list;
   for (const auto& f : ours)
     list += f + "\n";
 
-  tessarel::set_store_location((dir / "store").string());
+  std::string store_dir = (dir / "store").string();
+  tessarel::set_store_location(store_dir);
   tessarel::NewCertificateOptions o;
   o.common_name = "Benchmark Signer";
   o.bits = 2048;
-  auto store = tessarel::open_store((dir / "store").string());
+  auto store = tessarel::open_store(store_dir);
   tessarel::Certificate cert = tessarel::CreateSelfSignedCertificate(o, *store);
   tessarel::Bytes pfx = store->export_pkcs12(cert, "");
   // The same key for the reference, as OpenSSL objects.
@@ -54,10 +82,16 @@ int main(int argc, char** argv) {
   PKCS12_parse(p12, "", &key, &x509, nullptr);
   PKCS12_free(p12);
 
-  auto run_ours = [&] {
+  auto seconds = [](Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+  };
+  auto run_ours = [&](const char* threads) {
+    setenv("TESSAREL_THREADS", threads, 1);
     auto start = Clock::now();
     if (!tessarel::FirmaFiles(list, list, cert.id(), false, nullptr)) std::abort();
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    double t = seconds(start);
+    unsetenv("TESSAREL_THREADS");
+    return t;
   };
   auto run_ref = [&] {
     auto start = Clock::now();
@@ -70,22 +104,56 @@ int main(int argc, char** argv) {
       CMS_ContentInfo_free(cms);
       BIO_free(in);
     }
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    return seconds(start);
   };
-  run_ours();  // warm the page cache and the key for both
+  // The program as a user runs it: its own process, the store read from disk, every file
+  // named on the command line.
+  std::vector<std::string> args = {cli,    "--quiet", "--store", store_dir,
+                                   "sign", "--cert",  cert.id()};
+  args.insert(args.end(), ours.begin(), ours.end());
+  auto run_cli = [&] {
+    std::vector<char*> argv_cli;
+    for (auto& a : args)
+      argv_cli.push_back(a.data());
+    argv_cli.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    auto start = Clock::now();
+    pid_t pid = 0;
+    int status = 0;
+    if (posix_spawn(&pid, cli.c_str(), &fa, nullptr, argv_cli.data(), environ) != 0 ||
+        waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+      std::abort();
+    double t = seconds(start);
+    posix_spawn_file_actions_destroy(&fa);
+    return t;
+  };
+  run_ours("");  // warm the page cache and the key for all
   run_ref();
-  std::vector<double> t_ours, t_ref;
+  std::vector<double> t_ours, t_one, t_ref, t_cli;
   for (int r = 0; r < rounds; ++r) {
-    t_ours.push_back(run_ours());
+    t_ours.push_back(run_ours(""));
+    t_one.push_back(run_ours("1"));
     t_ref.push_back(run_ref());
+    if (!cli.empty()) t_cli.push_back(run_cli());
   }
-  std::sort(t_ours.begin(), t_ours.end());
-  std::sort(t_ref.begin(), t_ref.end());
-  double ours_med = t_ours[t_ours.size() / 2], ref_med = t_ref[t_ref.size() / 2];
-  std::printf("files: %d of %zu bytes, %d rounds (median)\n", files, size, rounds);
-  std::printf("FirmaFiles:        %.3f s  %.0f files/s\n", ours_med, files / ours_med);
-  std::printf("CMS_sign loop:     %.3f s  %.0f files/s\n", ref_med, files / ref_med);
-  std::printf("throughput ratio ours/OpenSSL: %.2f   (target >= 0.9)\n", ref_med / ours_med);
+  double ours_med = median(t_ours), one_med = median(t_one), ref_med = median(t_ref);
+  std::printf("files: %d of %zu bytes, %d rounds (median), %u signing threads\n", files, size,
+              rounds, tessarel::SigningThreads());
+  std::printf("FirmaFiles, all threads:        %.3f s  %.0f files/s\n", ours_med, files / ours_med);
+  std::printf("FirmaFiles, TESSAREL_THREADS=1: %.3f s  %.0f files/s\n", one_med, files / one_med);
+  std::printf("CMS_sign loop, one thread:      %.3f s  %.0f files/s\n", ref_med, files / ref_med);
+  std::printf("throughput ratio FirmaFiles (all threads)/CMS_sign loop: %.2f\n",
+              ref_med / ours_med);
+  std::printf("throughput ratio FirmaFiles (one thread)/CMS_sign loop:  %.2f\n", ref_med / one_med);
+  if (!cli.empty()) {
+    double cli_med = median(t_cli);
+    std::printf("tessarel sign (own process):    %.3f s  %.0f files/s\n", cli_med, files / cli_med);
+    std::printf("throughput ratio tessarel sign/CMS_sign loop: %.2f   (target >= 1.8 on 2 cores)\n",
+                ref_med / cli_med);
+    std::printf("tessarel sign files/s: %.0f\n", files / cli_med);
+  }
   EVP_PKEY_free(key);
   X509_free(x509);
   fs::remove_all(dir);

@@ -3,6 +3,8 @@
 //   bench_index_close prepare DIR N     index.xml, template.xml, key.pem, cert.pem, store
 //   bench_index_close open DIR          ApriIndice only
 //   bench_index_close close DIR         ApriIndice, then ChiudiIndice
+//   bench_index_close add DIR           ApriIndice, FirmaEArchiviaFile of one document,
+//                                       ChiudiIndice
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -52,7 +54,7 @@ double seconds_since(Clock::time_point t) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* usage = "bench_index_close prepare|close|open DIR [RECORDS]";
+  const char* usage = "bench_index_close prepare|open|close|add DIR [RECORDS]";
   bench::check_help(argc, argv, usage);
   if (argc < 3) bench::usage_exit(usage, 2);
   std::string mode = argv[1];
@@ -99,7 +101,7 @@ int main(int argc, char** argv) {
                 static_cast<double>(fs::file_size(dir / "index.xml")) / (1 << 20));
     return 0;
   }
-  if (mode != "open" && mode != "close") bench::usage_exit(usage, 2);
+  if (mode != "open" && mode != "close" && mode != "add") bench::usage_exit(usage, 2);
   std::string id;
   std::ifstream(dir / "id.txt") >> id;
   Engine e;
@@ -110,9 +112,19 @@ int main(int argc, char** argv) {
     std::printf("ApriIndice: %.3f s\n", open_s);
     return 0;
   }
-  e.mark_modified();
+  double add_s = 0;
+  if (mode == "add") {
+    std::string doc = (dir / "nuovo_documento.pdf").string();
+    std::ofstream(doc) << "%PDF-1.4 a new document\n";
+    auto t = Clock::now();
+    e.FirmaEArchiviaFile(doc, "", "Contratti", 44258.0);
+    add_s = seconds_since(t);
+  } else {
+    e.mark_modified();
+  }
   auto t1 = Clock::now();
   e.ChiudiIndice();
-  std::printf("ApriIndice: %.3f s  ChiudiIndice: %.3f s\n", open_s, seconds_since(t1));
+  std::printf("ApriIndice: %.3f s  FirmaEArchiviaFile: %.3f s  ChiudiIndice: %.3f s\n", open_s,
+              add_s, seconds_since(t1));
   return 0;
 }
