@@ -1,5 +1,6 @@
 // Archiving files into the dated folder tree, and deleting records.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -25,6 +26,12 @@ namespace {
 bool same_file(const std::string& a, const std::string& b) {
   std::error_code ec;
   return std::filesystem::equivalent(a, b, ec) && !ec;
+}
+
+// Whether path names the file whose status is known.
+bool same_file(const std::string& path, const struct stat& known) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && st.st_dev == known.st_dev && st.st_ino == known.st_ino;
 }
 
 // A copy waiting under a temporary name in its destination folder until the record is
@@ -99,9 +106,12 @@ void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::strin
   std::string relative = RelativeFolder(Tipo, Data);
   std::string folder = LinkToPath(archive, relative.substr(0, relative.size() - 1));
   CheckInsideArchive(archive, folder + "/x");
-  if (!DirectoryExists(folder) && !ForceDirectories(folder))
-    throw Exception("Impossibile create la cartella " + folder + "/");
-  CheckInsideArchive(archive, folder + "/x");
+  if (!DirectoryExists(folder)) {
+    if (!ForceDirectories(folder))
+      throw Exception("Impossibile create la cartella " + folder + "/");
+    // Made just now, through whatever the path held by then.
+    CheckInsideArchive(archive, folder + "/x");
+  }
 
   std::string name = ExtractFileName(fpath);
   if (name.empty() || name == "." || name == "..")
@@ -110,8 +120,10 @@ void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::strin
   std::string target = folder + "/" + name;
   bool copied = false, replaced = false;
   std::optional<StagedCopy> data_copy;
-  if (!same_file(fpath, target)) {
-    if (FileExists(target)) {
+  struct stat at_target {};
+  bool target_there = ::stat(target.c_str(), &at_target) == 0;
+  if (!(target_there && same_file(fpath, at_target))) {
+    if (target_there && !S_ISDIR(at_target.st_mode)) {
       if (CollisionAction == -1) {
         TSignFileOverriteDlg dlg;
         currentUi().overwrite_choice(dlg);
