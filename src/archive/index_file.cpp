@@ -296,7 +296,17 @@ void TSignEArchivia::ChiudiIndice() {
   FlushArchived();
   try {
     AtomicFileWriter out(Fpatharchivia);
-    FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });
+    // The serializer hands over a few kilobytes at a time: gathered into large writes.
+    std::string pending;
+    pending.reserve(1 << 20);
+    FXMLDocument->Serialize([&](const char* p, std::size_t n) {
+      if (pending.size() + n > pending.capacity()) {
+        out.write(pending);
+        pending.clear();
+      }
+      pending.append(p, n);
+    });
+    out.write(pending);
     out.commit();
     index_stamp_ = StampOf(Fpatharchivia);
     archive_lock_.reset();
