@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <typeinfo>
 
 #include "archive/archive_paths.h"
 #include "archive/sign_e_archivia.h"
@@ -281,7 +282,7 @@ void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::str
   CheckXmlParam(XMLParam);
   RelockArchive();
   // One pass over the file: it is read once, and its copy and digests come from those bytes.
-  if (single_path(fpath)) {
+  if (single_path(fpath) && own_operations()) {
     const Certificate* found = TrovaCertificato(FidCert);
     if (!found) return;
     Certificate cert = *found;
@@ -298,6 +299,12 @@ void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::str
   std::optional<std::string> envelope = FirmaFiles(fpath, fpath, FidCert, Fdetached, nullptr);
   if (!envelope || envelope->empty()) return;
   ArchiviaFile(fpath, *envelope, XMLParam, Tipo, Data);
+}
+
+bool TSignEArchivia::own_operations() const {
+  // A class built on the engine may have its own ArchiviaFile or FirmaEArchiviaFile, which
+  // must be called as the operations call each other; then the files go the plain way.
+  return typeid(*this) == typeid(TSignEArchivia);
 }
 
 void TSignEArchivia::ArchiveSigned(const std::string& fpath, const SignedFile& item,
@@ -329,7 +336,7 @@ void TSignEArchivia::FirmaEArchiviaFiles(
     // Signing ahead needs what every file needs alike: an open index, a valid type and
     // parameter, the certificate and its key. Without them each file goes alone and
     // raises (or returns) what it would alone.
-    bool ahead = threads > 1 && files.size() - i >= 2;
+    bool ahead = threads > 1 && files.size() - i >= 2 && own_operations();
     std::optional<Certificate> cert;
     std::shared_ptr<SigningKey> key;
     if (ahead) {

@@ -89,6 +89,8 @@ class TSignEArchivia : public ISignEArchivia {
   void ArchiviaFileFrom(const std::string& fpath, const std::string& fBusta,
                         const std::string& XMLParam, const std::string& Tipo, DateTime Data,
                         const SignedFile* known);
+  // True when the operations are this class's own (not overridden by a derived class).
+  bool own_operations() const;
   // Writes the envelope of a file signed in memory beside it, then archives both.
   void ArchiveSigned(const std::string& fpath, const SignedFile& item, const std::string& XMLParam,
                      const std::string& Tipo, DateTime Data, WrittenFiles& written);

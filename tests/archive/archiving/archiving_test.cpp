@@ -1,6 +1,7 @@
 // Archiving: the dated tree, record numbering, the collision choices, deletion, and that a
 // failure or a hostile name changes nothing.
 #include "archive_fixture.h"
+#include "boundary/file_digest.h"
 #include "tessarel/errors.h"
 
 namespace tessarel {
@@ -48,6 +49,49 @@ TEST_F(Archiving, SignAndArchiveRecordsDataAndEnvelopeWithTheirDigests) {
   // "&amp;" reads back as "&amp;".
   std::string text = test::read_file(at("index.xml"));
   EXPECT_NE(text.find("Rossi &amp; Bianchi, l'atto &amp;amp; altro"), std::string::npos) << text;
+  EXPECT_TRUE(VerifyArchive(arch_).ok());
+}
+
+// A class built on the engine with its own ArchiviaFile has it called for every file that
+// FirmaEArchiviaFile signs, alone or in a list signed ahead; and a file that already lies at
+// its archive place is signed and recorded there, with the digests of the files there.
+TEST_F(Archiving, SigningAndArchivingCallsAnOwnArchiviaFileAndRecordsFilesInPlace) {
+  struct Counting : TSignEArchivia {
+    std::vector<std::string> calls;
+    void ArchiviaFile(const std::string& fpath, const std::string& fBusta,
+                      const std::string& XMLParam, const std::string& Tipo,
+                      DateTime Data) override {
+      calls.push_back(ExtractFileName(fpath) + " " + ExtractFileName(fBusta));
+      TSignEArchivia::ArchiviaFile(fpath, fBusta, XMLParam, Tipo, Data);
+    }
+  };
+  std::vector<std::string> files = {input("a.txt", "a"), input("b.txt", "b"), input("c.txt", "c")};
+  ::setenv("TESSAREL_THREADS", "4", 1);
+  {
+    Counting e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.FirmaEArchiviaFile(files[0], "", "Contratti", march_);
+    FirmaEArchiviaFiles(e, {files[1], files[2]}, "", "Contratti", march_, {},
+                        [](std::size_t, std::exception_ptr error) { return !error; });
+    e.ChiudiIndice();
+    EXPECT_EQ(e.calls,
+              (std::vector<std::string>{"a.txt a.txt.p7m", "b.txt b.txt.p7m", "c.txt c.txt.p7m"}));
+  }
+  // Signed again where the archive keeps it: nothing copied, the digests those of the files
+  // in place (the envelope just written beside it).
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  FirmaEArchiviaFiles(e, {at("Contratti/2021/03/a.txt"), at("Contratti/2021/03/b.txt")}, "",
+                      "Contratti", march_, {},
+                      [](std::size_t, std::exception_ptr error) { return !error; });
+  e.ChiudiIndice();
+  ::unsetenv("TESSAREL_THREADS");
+  EXPECT_TRUE(ui_->shown.empty());
+  auto r = records();
+  ASSERT_EQ(r.size(), 5u);
+  EXPECT_EQ(r[3].data.link, "Contratti\\2021\\03\\a.txt");
+  EXPECT_EQ(r[3].data.sha256, HashFileSHA256(at("Contratti/2021/03/a.txt")));
+  EXPECT_EQ(r[3].envelope.sha256, HashFileSHA256(at("Contratti/2021/03/a.txt.p7m")));
   EXPECT_TRUE(VerifyArchive(arch_).ok());
 }
 
