@@ -338,20 +338,16 @@ void TSignEArchivia::FirmaEArchiviaFiles(
     // raises (or returns) what it would alone.
     bool ahead = threads > 1 && files.size() - i >= 2 && own_operations();
     std::optional<Certificate> cert;
-    std::shared_ptr<SigningKey> key;
     if (ahead) {
       try {
         RequireOpenIndex();
         CheckTipo(Tipo);
         CheckXmlParam(XMLParam);
-        if (const Certificate* found = TrovaCertificato(FidCert)) {
-          cert = *found;
-          key = ChiaveDiFirma(*cert);
-        }
+        if (const Certificate* found = TrovaCertificato(FidCert)) cert = *found;
       } catch (const std::exception&) {
-        key.reset();
+        cert.reset();
       }
-      ahead = key != nullptr;
+      ahead = cert.has_value();
     }
     if (!ahead) {
       for (; i < files.size(); ++i)
@@ -364,13 +360,28 @@ void TSignEArchivia::FirmaEArchiviaFiles(
     std::vector<std::string> rest(files.begin() + static_cast<std::ptrdiff_t>(i), files.end());
     const std::string id = FidCert;
     const bool detached = Fdetached;
-    SigningPipeline pipeline(rest, *cert, key, {detached, true, threads});
+    std::optional<SigningPipeline> pipeline;
     WrittenFiles written;
     bool again = false;
     for (std::size_t k = 0; k < rest.size() && !again; ++k, ++i) {
       const std::string& f = files[i];
       bool go_on = one(i, [&] {
-        SignedFile item = pipeline.take(k);
+        if (!pipeline) {
+          // The key is taken where one file alone takes it, after its checks: a token may
+          // ask for its PIN there.
+          RequireOpenIndex();
+          CheckTipo(Tipo);
+          CheckXmlParam(XMLParam);
+          RelockArchive();
+          std::shared_ptr<SigningKey> key = ChiaveDiFirma(*cert);
+          if (!key) {
+            // Nothing signed or recorded, as alone; the next file looks again.
+            again = true;
+            return;
+          }
+          pipeline.emplace(rest, *cert, key, SigningPipeline::Settings{detached, true, threads});
+        }
+        SignedFile item = pipeline->take(k);
         using State = SignedFile::State;
         bool stale = item.stamp.exists && written.stale(f, item.stamp);
         if (item.state == State::Failed && !stale && FidCert == id) {
@@ -391,7 +402,7 @@ void TSignEArchivia::FirmaEArchiviaFiles(
         CheckTipo(Tipo);
         CheckXmlParam(XMLParam);
         RelockArchive();
-        pipeline.complete(item);
+        pipeline->complete(item);
         if (item.state == State::Failed) std::rethrow_exception(item.error);
         ArchiveSigned(f, item, XMLParam, Tipo, Data, written);
       });
