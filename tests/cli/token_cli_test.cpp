@@ -222,15 +222,19 @@ TEST_F(TokenCli, ArchiveClosedWithATokenKeyVerifiesWithXmlsec1) {
           .exit_code,
       0);
   std::string arch = dir_ / "archivio";
+  // Two files: signed ahead on the threads, each signature made on the token's session.
   auto r = cli({"--store", store, pin_, "archive", "add", arch, "--type", "Contratti", "--date",
-                "2024-02-03", "--cert", tc.cert.id(), dir_ / "a.txt"});
+                "2024-02-03", "--cert", tc.cert.id(), dir_ / "a.txt", dir_ / "b.txt"},
+               {"TESSAREL_THREADS=4"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, dir_ / "a.txt\n" + dir_ / "b.txt\n");
   r = cli({"--store", store, pin_, "archive", "verify", arch, "--cert", tc.cert.id()});
   EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
   auto x = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem,
                       "--enabled-reference-uris", "empty", arch + "/index.xml"});
   EXPECT_EQ(x.exit_code, 0) << x.out << x.err;
   EXPECT_TRUE(openssl_verifies(arch + "/Contratti/2024/02/a.txt.p7m", pem)) << last_;
+  EXPECT_TRUE(openssl_verifies(arch + "/Contratti/2024/02/b.txt.p7m", pem)) << last_;
 }
 
 TEST_F(TokenCli, PinSourcesAndAWrongPinThatWritesNothing) {
