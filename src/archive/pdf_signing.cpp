@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <iterator>
 #include <optional>
 
 #include "archive/sign_e_archivia.h"
@@ -89,10 +88,6 @@ void deliver(const std::string& temp, const std::string& dest) {
   InputFile in(temp);
   CopyAll(in, writer.fd(), dest);
   writer.commit(existed);
-}
-
-Bytes read_all(std::istream& in) {
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 std::string compose_reason(const std::string& reason, const std::string& name) {
@@ -193,7 +188,7 @@ bool TSignEArchivia::FirmaPdf(const std::string& fname, const std::string& fname
   Bytes pfx;
   ScopeExit wipe_pfx([&] { wipe(pfx); });
   if (certCA.empty()) {
-    if (stream) pfx = read_all(*stream);
+    if (stream) pfx = ReadStream(*stream);
     if (pfx.empty()) return false;
   }
 

@@ -27,10 +27,10 @@ class SafetyCli : public ::testing::Test {
     for (auto& e : fs::directory_iterator(store_)) {
       std::string ext = e.path().extension().string();
       if (ext != ".crt" && ext != ".key") continue;
-      auto r = test::run({"openssl", ext == ".crt" ? "x509" : "pkey", "-inform", "DER", "-in",
-                          e.path().string(), "-out",
-                          dir_ / (ext == ".crt" ? "signer.pem" : "signer.key")});
-      ASSERT_EQ(r.exit_code, 0) << r.err;
+      auto pem = test::run({"openssl", ext == ".crt" ? "x509" : "pkey", "-inform", "DER", "-in",
+                            e.path().string(), "-out",
+                            dir_ / (ext == ".crt" ? "signer.pem" : "signer.key")});
+      ASSERT_EQ(pem.exit_code, 0) << pem.err;
     }
     arch_ = dir_ / "archivio";
   }

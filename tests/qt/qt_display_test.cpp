@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "qt/drive.h"
@@ -56,7 +57,9 @@ Outcome run(const std::vector<std::string>& argv, const std::string& err_file) {
   }
   posix_spawn_file_actions_destroy(&fa);
   std::ifstream f(err_file);
-  r.err.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+  std::ostringstream err;
+  err << f.rdbuf();
+  r.err = err.str();
   return r;
 }
 

@@ -68,7 +68,9 @@ void write_file(const std::string& path, const Bytes& content) {
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::ostringstream out;
+  out << in.rdbuf();
+  return std::move(out).str();
 }
 
 Bytes read_bytes(const std::string& path) {

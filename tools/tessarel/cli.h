@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "tessarel/types.h"
+
 namespace tessarel::cli {
 
 struct Globals {
@@ -61,6 +63,9 @@ CLI::Validator pin_source();
 // (a descriptor can only be read once) and wiped by forget_pin().
 void use_pin_source(const std::string& source);
 void forget_pin();
+
+// The whole of a small file the user named (a PFX); nullopt when it cannot be opened.
+std::optional<Bytes> read_whole_file(const std::string& path);
 
 // JSON text helpers for --json output.
 std::string json_string(const std::string& s);

@@ -122,6 +122,16 @@ void forget_pin() {
   cached_pin().reset();
 }
 
+std::optional<Bytes> read_whole_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  Bytes out;
+  char chunk[64 * 1024];
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0)
+    out.insert(out.end(), chunk, chunk + in.gcount());
+  return out;
+}
+
 std::string json_string(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {

@@ -167,12 +167,12 @@ void remove(const std::string& id, bool yes) {
 }
 
 void import_pfx(const std::string& file, const std::string& source) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) {
+  auto read = read_whole_file(file);
+  if (!read) {
     error("cannot open \"" + file + "\"");
     return;
   }
-  Bytes pfx((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  Bytes& pfx = *read;
   auto pw = read_password(source, file);
   if (!pw) {
     error("password entry cancelled; nothing imported");

@@ -56,12 +56,12 @@ void sign(const SignArgs& a) {
   o.invisible = a.invisible;
   o.pades = a.pades;
   if (!a.pfx.empty()) {
-    std::ifstream f(a.pfx, std::ios::binary);
-    if (!f) {
+    auto pfx = read_whole_file(a.pfx);
+    if (!pfx) {
       error("cannot open \"" + a.pfx + "\"");
       return;
     }
-    o.pfx.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+    o.pfx = std::move(*pfx);
     if (o.pfx.empty()) {
       error("\"" + a.pfx + "\" is empty");
       return;

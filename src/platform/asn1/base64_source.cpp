@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -66,9 +67,12 @@ void count_bytes(const std::uint8_t* p, std::size_t n, Counts& c) {
     for (std::size_t r = 0; r < rounds; ++r, i += 16) {
       V x;
       std::memcpy(&x, p + i, 16);
-      V is_lf = (V)(x == 10), is_cr = (V)(x == 13), is_eq = (V)(x == 61);
-      V ok = (V)((V)(x - 65) < 26) | (V)((V)(x - 97) < 26) | (V)((V)(x - 48) < 10) | (V)(x == 43) |
-             (V)(x == 47) | is_lf | is_cr | is_eq;
+      V is_lf = std::bit_cast<V>(x == 10), is_cr = std::bit_cast<V>(x == 13),
+        is_eq = std::bit_cast<V>(x == 61);
+      V ok = std::bit_cast<V>((x - 65) < 26) |
+             std::bit_cast<V>((x - 97) < 26) |
+             std::bit_cast<V>((x - 48) < 10) | std::bit_cast<V>(x == 43) |
+             std::bit_cast<V>(x == 47) | is_lf | is_cr | is_eq;
       bad |= ~ok;
       lf -= is_lf;
       cr -= is_cr;

@@ -29,11 +29,11 @@ RangeInputSource::~RangeInputSource() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-void RangeInputSource::read_at(std::uint64_t offset, void* buffer, std::size_t n) {
+void RangeInputSource::read_at(std::uint64_t offset, void* out, std::size_t n) {
   if (offset > size_ || n > size_ - offset)
     throw std::runtime_error(name_ + ": read past the end of the file");
   if (data_) {
-    if (n) std::memcpy(buffer, data_ + offset, n);
+    if (n) std::memcpy(out, data_ + offset, n);
     return;
   }
   constexpr std::size_t kWindow = 64 * 1024;
@@ -51,7 +51,7 @@ void RangeInputSource::read_at(std::uint64_t offset, void* buffer, std::size_t n
     }
   };
   if (n > kWindow / 2) {
-    direct(buffer, n, offset);
+    direct(out, n, offset);
     return;
   }
   if (window_.empty() || offset < window_offset_ || offset + n > window_offset_ + window_.size()) {
@@ -60,7 +60,7 @@ void RangeInputSource::read_at(std::uint64_t offset, void* buffer, std::size_t n
     direct(window_.data(), len, offset);
     window_offset_ = offset;
   }
-  std::memcpy(buffer, window_.data() + (offset - window_offset_), n);
+  std::memcpy(out, window_.data() + (offset - window_offset_), n);
 }
 
 void RangeInputSource::seek(qpdf_offset_t offset, int whence) {
@@ -78,7 +78,7 @@ void RangeInputSource::seek(qpdf_offset_t offset, int whence) {
   pos_ = to;
 }
 
-size_t RangeInputSource::read(char* buffer, size_t length) {
+size_t RangeInputSource::read(char* out, size_t length) {
   auto pos = static_cast<std::uint64_t>(pos_);
   if (pos >= size_) {
     last_offset = static_cast<qpdf_offset_t>(size_);
@@ -86,7 +86,7 @@ size_t RangeInputSource::read(char* buffer, size_t length) {
   }
   last_offset = pos_;
   std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(length, size_ - pos));
-  read_at(pos, buffer, n);
+  read_at(pos, out, n);
   pos_ += static_cast<qpdf_offset_t>(n);
   return n;
 }

@@ -386,6 +386,14 @@ Bytes ReadFileBytes(const std::string& path) {
   return out;
 }
 
+Bytes ReadStream(std::istream& in) {
+  Bytes out;
+  char chunk[64 * 1024];
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0)
+    out.insert(out.end(), chunk, chunk + in.gcount());
+  return out;
+}
+
 std::string ReadFileText(const std::string& path) {
   Bytes b = ReadFileBytes(path);
   return std::string(b.begin(), b.end());

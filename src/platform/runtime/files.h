@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <iosfwd>
 #include <string>
 
 #include "tessarel/types.h"
@@ -161,6 +162,8 @@ class OutputReplacement {
 };
 
 Bytes ReadFileBytes(const std::string& path);
+// Everything left in a stream.
+Bytes ReadStream(std::istream& in);
 std::string ReadFileText(const std::string& path);
 void WriteFileBytes(const std::string& path, const Bytes& data);
 void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, mode_t mode = 0666);
