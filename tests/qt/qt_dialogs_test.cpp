@@ -453,7 +453,11 @@ TEST_F(QtDialogs, TheAsterisksMarkExactlyTheFieldsNextInsistsOn) {
     w.EdtEmail = "lucia@example.org";
     when_shown<QDialog>([&](QDialog* d) {
       auto* caption = control<QLabel>(d, QStringLiteral("lbl%1").arg(row).toLatin1().constData());
-      ASSERT_TRUE(caption && caption->buddy());
+      if (!caption || !caption->buddy()) {
+        ADD_FAILURE() << "row " << row << " has no caption naming its field";
+        d->close();
+        return;
+      }
       if (control<QLabel>(d, QStringLiteral("req%1").arg(row).toLatin1().constData()))
         starred << caption->text();
       QWidget* field = caption->buddy();
