@@ -13,6 +13,7 @@
 // wayland). Tests that want forms on the offscreen platform create their own QApplication,
 // as a host does; the library never picks offscreen by itself.
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -28,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,28 +45,35 @@ namespace tessarel::qt {
 
 namespace {
 
-bool private_application_finished();
+bool private_application_usable();
+void keep_exit_handler_first();
 
 // Runs f on the thread that owns the application's widgets, waiting for it. Once the
-// library's own GUI thread has ended (the process is exiting) nothing is shown: the
-// dialog ends as if closed without an answer.
+// library's own GUI thread is ending (the process is exiting) nothing is shown: the dialog
+// ends as if closed without an answer.
 template <typename F>
 auto on_gui_thread(F f) -> decltype(f()) {
-  if (QThread::currentThread() == qApp->thread()) return f();
   decltype(f()) result{};
-  if (private_application_finished()) return result;
-  std::exception_ptr error;
-  QMetaObject::invokeMethod(
-      qApp,
-      [&] {
-        try {
-          result = f();
-        } catch (...) {
-          error = std::current_exception();
-        }
-      },
-      Qt::BlockingQueuedConnection);
-  if (error) std::rethrow_exception(error);
+  if (!private_application_usable()) return result;
+  QCoreApplication* app = QCoreApplication::instance();
+  if (!app) return result;
+  if (QThread::currentThread() == app->thread()) {
+    result = f();
+  } else {
+    std::exception_ptr error;
+    QMetaObject::invokeMethod(
+        app,
+        [&] {
+          try {
+            result = f();
+          } catch (...) {
+            error = std::current_exception();
+          }
+        },
+        Qt::BlockingQueuedConnection);
+    if (error) std::rethrow_exception(error);
+  }
+  keep_exit_handler_first();
   return result;
 }
 
@@ -314,12 +323,12 @@ QString usable_platform(std::string& why) {
 
 // The library's own application and the thread that runs it.
 struct PrivateApplication {
-  enum class State { NotStarted, Starting, Running, Failed, Finished };
+  enum class State { NotStarted, Starting, Running, Stopping, Failed, Finished };
   std::mutex m;
   std::condition_variable cv;
   State state = State::NotStarted;
   std::string why;
-  std::thread::id thread;
+  std::thread* thread = nullptr;  // never destroyed, joined at exit
 };
 
 PrivateApplication& private_application() {
@@ -336,20 +345,35 @@ void set_state(PrivateApplication::State state, std::string why = {}) {
   p.cv.notify_all();
 }
 
-// At the process's exit the GUI thread leaves its event loop before Qt's globals are torn
-// down under it. An open dialog is closed; a thread that does not finish soon is left.
+// At the process's exit the GUI thread leaves its event loop (an open dialog is closed),
+// deletes the application and ends before Qt's globals are destroyed: they hold objects of
+// that thread, with timers, which may only go there. A thread that does not end soon is
+// left as it is.
 void stop_gui_thread_at_exit() {
   PrivateApplication& p = private_application();
   {
     std::lock_guard lock(p.m);
-    if (p.state != PrivateApplication::State::Running || p.thread == std::this_thread::get_id())
+    if (p.state != PrivateApplication::State::Running ||
+        p.thread->get_id() == std::this_thread::get_id())
       return;
+    p.state = PrivateApplication::State::Stopping;
+    p.why = "the process is exiting";
   }
   QMetaObject::invokeMethod(
       qApp, [] { QCoreApplication::exit(0); }, Qt::QueuedConnection);
-  std::unique_lock lock(p.m);
-  p.cv.wait_for(lock, std::chrono::seconds(5),
-                [&] { return p.state == PrivateApplication::State::Finished; });
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += 5;
+  pthread_timedjoin_np(p.thread->native_handle(), nullptr, &deadline);
+}
+
+// Exit handlers run last registered first, and Qt registers the destructors of its globals
+// when they are first used, which may be during any dialog. Registering the handler again
+// after each dialog keeps it ahead of them. (A few bytes per dialog shown.)
+void keep_exit_handler_first() {
+  PrivateApplication& p = private_application();
+  std::lock_guard lock(p.m);
+  if (p.state == PrivateApplication::State::Running) std::atexit(stop_gui_thread_at_exit);
 }
 
 void gui_thread() {
@@ -365,22 +389,24 @@ void gui_thread() {
   arg2 = platform.toStdString();
   static char* argv[] = {arg0.data(), arg1.data(), nullptr, nullptr};
   argv[2] = arg2.data();
-  // The application is never deleted: the host never sees it, and tearing Qt down while
-  // the host exits is not safe.
   auto* app = new QApplication(argc, argv);
   // Closing a dialog is not the end of the application.
   QApplication::setQuitOnLastWindowClosed(false);
   QCoreApplication::setQuitLockEnabled(false);
-  std::atexit(stop_gui_thread_at_exit);
   set_state(PrivateApplication::State::Running);
+  keep_exit_handler_first();
   app->exec();
   set_state(PrivateApplication::State::Finished, "the desktop dialogs were closed down");
+  // Dialogs asked meanwhile are dropped with the application's pending events, which
+  // releases their callers.
+  delete app;
 }
 
-bool private_application_finished() {
+bool private_application_usable() {
   PrivateApplication& p = private_application();
   std::lock_guard lock(p.m);
-  return p.state == PrivateApplication::State::Finished;
+  return p.state == PrivateApplication::State::NotStarted ||
+         p.state == PrivateApplication::State::Running;
 }
 
 bool start_private_application(std::string& why) {
@@ -388,9 +414,7 @@ bool start_private_application(std::string& why) {
   std::unique_lock lock(p.m);
   if (p.state == PrivateApplication::State::NotStarted) {
     p.state = PrivateApplication::State::Starting;
-    std::thread t(gui_thread);
-    p.thread = t.get_id();
-    t.detach();
+    p.thread = new std::thread(gui_thread);
   }
   p.cv.wait(lock, [&] { return p.state != PrivateApplication::State::Starting; });
   if (p.state == PrivateApplication::State::Running) return true;
