@@ -24,7 +24,6 @@ namespace tessarel {
 class TESSAREL_API TfrmSelWinCert {
  public:
   static constexpr const char* kCaption = "Seleziona certificato";
-  static constexpr const char* kLabel1 = "Certificati installati in Tessarel (MY Storage)";
   static constexpr const char* kLbPrivateKey = "Ha chiave privata: ";
   static constexpr const char* kLbUsage = "Utilizzo del certificato: ";
   static constexpr const char* kRemoveItem = "Rimuovi Certificato";
@@ -56,6 +55,9 @@ class TESSAREL_API TfrmSelWinCert {
   bool showCA = false;
 
   void FormShow();
+  // The caption above the list: which store the certificates come from (the personal
+  // store's folder, or the token a pkcs11: store names).
+  std::string Label1() const;
   const std::vector<Row>& rows() const { return rows_; }
   int selected_row() const { return selected_; }
 
@@ -68,6 +70,8 @@ class TESSAREL_API TfrmSelWinCert {
   void btnCancelClick();
   // The window's close box: like Cancel.
   void close_box();
+  // Neither button is the default or the cancel button: Enter and Escape close nothing.
+  void escape() {}
 
   ModalResult modal_result() const { return modal_result_; }
   // The certificate of the selected row, if any.

@@ -11,7 +11,9 @@
 #ifndef TESSAREL_WIZARD_H
 #define TESSAREL_WIZARD_H
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -68,6 +70,26 @@ class TESSAREL_API TfrmGenerateCert {
   // Upper bounds of the subject fields (X.520 / PKCS#9), in characters.
   static constexpr std::size_t kMaxCommonName = 64, kMaxLocality = 128, kMaxState = 128,
                                kMaxOrganization = 64, kMaxEmail = 255;
+
+  // The subject page's fields, top to bottom. A required field is marked with an asterisk
+  // and checked by Next; the country is chosen from cbCountryItems (it has no text member
+  // and no length bound).
+  struct SubjectField {
+    const char* control;  // the control's name
+    const char* label;
+    bool required;
+    std::string TfrmGenerateCert::*text;  // null for the country
+    std::size_t max_length;
+  };
+  static const std::array<SubjectField, 6> kSubjectFields;
+
+  // A date as the pickers show it, for toolkits whose date widgets count in calendar days.
+  struct Day {
+    int year, month, day;
+  };
+  static Day ToDay(DateTime d);
+  // Throws EConvertError for an impossible date.
+  static DateTime FromDay(const Day& d);
   // The wizard's fixed key settings.
   static constexpr int kKeyBits = 1024;
 
@@ -113,6 +135,8 @@ class TESSAREL_API TfrmGenerateCert {
   bool Busy() const { return busy_; }
 
   void btnBackClick() {}  // Back stays disabled on every page
+  // Only Annulla or the close box end the wizard: Escape does nothing.
+  void escape() {}
   void btnNextClick();
   void btnCancelClick();
   void btnGenerateClick();

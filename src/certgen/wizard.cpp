@@ -20,6 +20,25 @@ namespace tessarel {
 const DateTime TfrmGenerateCert::kMinDate = EncodeDateTime({1999, 12, 31});
 const DateTime TfrmGenerateCert::kMaxDate = EncodeDateTime({2100, 12, 31});
 
+const std::array<TfrmGenerateCert::SubjectField, 6> TfrmGenerateCert::kSubjectFields = {{
+    {"edtCommonName", kLabelCommonName, true, &TfrmGenerateCert::edtCommonName, kMaxCommonName},
+    {"edtLocality", kLabelLocality, true, &TfrmGenerateCert::edtLocality, kMaxLocality},
+    {"edtState", kLabelState, false, &TfrmGenerateCert::edtState, kMaxState},
+    {"cbCountry", kLabelCountry, true, nullptr, 0},
+    {"edtOrganization", kLabelOrganization, true, &TfrmGenerateCert::edtOrganization,
+     kMaxOrganization},
+    {"EdtEmail", kLabelEmail, true, &TfrmGenerateCert::EdtEmail, kMaxEmail},
+}};
+
+TfrmGenerateCert::Day TfrmGenerateCert::ToDay(DateTime d) {
+  CivilTime c = DecodeDateTime(d);
+  return {c.year, c.month, c.day};
+}
+
+DateTime TfrmGenerateCert::FromDay(const Day& d) {
+  return EncodeDateTime({d.year, d.month, d.day});
+}
+
 namespace {
 
 constexpr auto kTick = std::chrono::milliseconds(200);
@@ -144,25 +163,18 @@ void TfrmGenerateCert::pcMainChange() {
 }
 
 bool TfrmGenerateCert::SubjectValid() {
-  if (cbCountryIndex < 0 || edtLocality.empty() || edtOrganization.empty() ||
-      edtCommonName.empty() || EdtEmail.empty()) {
-    currentUi().message_box(MessageKind::Plain, MessageButtons::Ok, kMissingFields);
-    return false;
+  for (const SubjectField& f : kSubjectFields) {
+    const bool filled = f.text ? !(this->*f.text).empty() : cbCountryIndex >= 0;
+    if (f.required && !filled) {
+      currentUi().message_box(MessageKind::Plain, MessageButtons::Ok, kMissingFields);
+      return false;
+    }
   }
-  struct Limit {
-    const std::string& value;
-    std::size_t max;
-    const char* label;
-  };
-  for (const Limit& l :
-       {Limit{edtCommonName, kMaxCommonName, kLabelCommonName},
-        Limit{edtLocality, kMaxLocality, kLabelLocality}, Limit{edtState, kMaxState, kLabelState},
-        Limit{edtOrganization, kMaxOrganization, kLabelOrganization},
-        Limit{EdtEmail, kMaxEmail, kLabelEmail}}) {
-    if (utf8_length(l.value) > l.max) {
+  for (const SubjectField& f : kSubjectFields) {
+    if (f.text && utf8_length(this->*f.text) > f.max_length) {
       currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
-                              "Campo troppo lungo: " + trim(l.label) + " (al massimo " +
-                                  std::to_string(l.max) + " caratteri).");
+                              "Campo troppo lungo: " + trim(f.label) + " (al massimo " +
+                                  std::to_string(f.max_length) + " caratteri).");
       return false;
     }
   }

@@ -1,8 +1,11 @@
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 
 #include "boundary/result_string.h"
 #include "platform/runtime/datetime.h"
+#include "platform/store/pkcs11_uri.h"
+#include "tessarel/errors.h"
 #include "tessarel/exports.h"
 #include "tessarel/picker.h"
 #include "tessarel/ui.h"
@@ -55,6 +58,26 @@ std::string TfrmSelWinCert::UsageText(const Certificate& cert) {
     if (*ku & (1u << bit)) text += kTexts[bit];
   if (text.size() >= 2) text.resize(text.size() - 2);
   return text;
+}
+
+std::string TfrmSelWinCert::Label1() const {
+  const std::string where = WinCertStorage->location();
+  if (p11::Pkcs11Uri::is_uri(where)) {
+    std::optional<std::string> token;
+    try {
+      token = p11::Pkcs11Uri::parse(where).token;
+    } catch (const Exception&) {
+      // An unreadable URI names no token; the store itself reports the error.
+    }
+    if (token && !token->empty()) return "Certificati installati nel token \"" + *token + "\"";
+    return "Certificati installati nei token PKCS#11";
+  }
+  // The home folder as "~", so the usual place fits above the list.
+  std::string shown = where;
+  const char* home = std::getenv("HOME");
+  if (home && *home && home != std::string("/") && shown.rfind(std::string(home) + "/", 0) == 0)
+    shown = "~" + shown.substr(std::string(home).size());
+  return "Certificati installati nell'archivio personale Tessarel (" + shown + ")";
 }
 
 void TfrmSelWinCert::FormShow() {

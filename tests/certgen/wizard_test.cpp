@@ -339,6 +339,12 @@ TEST(WizardTerminal, CompletedByTyping) {
   ::close(slave);
   EXPECT_EQ(result, "Anna Rossi") << screen;
   EXPECT_NE(screen.find("Compilare tutti i campi con l'asterisco."), std::string::npos);
+  // The asterisks mark the fields the message asks for, and only those.
+  for (const char* required :
+       {"* Nome certificato:", "* Città: ", "* Nazione:", "* Nome Organizzazione:", "* Email:"})
+    EXPECT_NE(screen.find(required), std::string::npos) << required;
+  EXPECT_NE(screen.find("  Provincia:"), std::string::npos);
+  EXPECT_EQ(screen.find("* Provincia:"), std::string::npos);
   EXPECT_NE(screen.find("not in the list"), std::string::npos);
   auto certs = open_store(store.path())->certificates();
   ASSERT_EQ(certs.size(), 1u);

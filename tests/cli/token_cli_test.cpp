@@ -411,6 +411,9 @@ TEST_F(TokenCli, ThePinIsAskedOnTheTerminalWithTheTokensNameAndNotEchoed) {
                         "0\nok\n");
   EXPECT_EQ(r.exit_code, 0) << r.screen;
   EXPECT_NE(r.screen.find(tc.cert.id()), std::string::npos) << r.screen;
+  // The list's caption names the token.
+  EXPECT_NE(r.screen.find("Certificati installati nel token \"Terminale\""), std::string::npos)
+      << r.screen;
 }
 
 TEST_F(TokenCli, TwoProcessesSignWithTheSameTokenAtOnce) {

@@ -1,6 +1,7 @@
 // tessarel-render-forms OUTDIR: opens every desktop form on the offscreen platform, puts it
 // in each of its states as a user would, and writes one PNG per state into OUTDIR. The
-// forms work on a private, temporary certificate store.
+// forms work on a private, temporary certificate store in the usual place below a
+// temporary home folder, so that the pictures show the place a user sees.
 #include <stdlib.h>
 
 #include <QApplication>
@@ -65,7 +66,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::string store_dir = tmpl;
-  set_store_location(store_dir + "/MY");
+  setenv("HOME", store_dir.c_str(), 1);
+  unsetenv("XDG_DATA_HOME");
+  set_store_location(store_dir + "/.local/share/tessarel/MY");
 
   int code = 0;
   {
