@@ -79,6 +79,12 @@ std::optional<std::string> read_password(const std::string& source, const std::s
   unknown_source(kind, purpose);
 }
 
+std::string source_file(const std::string& source) {
+  if (source.rfind("file:", 0) == 0) return source.substr(5);
+  if (source.rfind("fd:", 0) == 0) return "/proc/self/fd/" + source.substr(3);
+  return {};
+}
+
 CLI::Validator password_source() {
   return CLI::Validator(
       [](std::string& value) -> std::string {

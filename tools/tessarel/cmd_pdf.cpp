@@ -55,6 +55,12 @@ void sign(const SignArgs& a) {
   o.cert_id = a.cert;
   o.invisible = a.invisible;
   o.pades = a.pades;
+  // The files read here: the signed document is never written over any of them.
+  if (!a.pfx.empty()) o.inputs.push_back({a.pfx, "the PKCS#12 file with the signing key"});
+  if (std::string f = source_file(a.password); !f.empty())
+    o.inputs.push_back({f, "the password file"});
+  if (std::string f = source_file(globals().pin); !f.empty())
+    o.inputs.push_back({f, "the PIN file"});
   if (!a.pfx.empty()) {
     std::ifstream f(a.pfx, std::ios::binary);
     if (!f) {
