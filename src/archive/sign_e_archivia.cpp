@@ -11,7 +11,9 @@ namespace tessarel {
 ISignEArchivia::~ISignEArchivia() = default;
 
 TSignEArchivia::TSignEArchivia() = default;
-TSignEArchivia::~TSignEArchivia() = default;
+TSignEArchivia::~TSignEArchivia() {
+  ReleaseArchive();
+}
 
 bool TSignEArchivia::IsKeyPresent(const std::string& idCert) {
   FidCert = idCert;

@@ -455,8 +455,8 @@ TEST_F(SafetyCli, ParametersAndTypesThatWouldBreakTheIndexAreRefusedFirst) {
     auto r = cli({"archive", "add", arch_, "--type", "T", "--param", param, dir_ / "a.txt"});
     EXPECT_EQ(r.exit_code, 1) << param;
     EXPECT_NE(r.err.find("Parametro XML del record non valido"), std::string::npos) << r.err;
-    EXPECT_FALSE(fs::exists(arch_ + "/T")) << "copied although refused: " << param;
-    EXPECT_FALSE(fs::exists(arch_ + "/index.xml")) << param;
+    // Not even the new archive's folder (or its lock file) is left behind.
+    EXPECT_FALSE(fs::exists(arch_)) << "left behind although refused: " << param;
   }
   // Outside NameStartChar/NameChar (° is U+00B0, · U+00B7 cannot start, U+037E is not a
   // name character, a colon would be a prefix), and bytes that are not UTF-8.
@@ -465,8 +465,26 @@ TEST_F(SafetyCli, ParametersAndTypesThatWouldBreakTheIndexAreRefusedFirst) {
     auto r = cli({"archive", "add", arch_, "--type", type, dir_ / "a.txt"});
     EXPECT_EQ(r.exit_code, 1) << type;
     EXPECT_NE(r.err.find("Tipo di documento non valido"), std::string::npos) << r.err;
-    EXPECT_FALSE(fs::exists(arch_ + "/" + type)) << type;
+    EXPECT_FALSE(fs::exists(arch_)) << type;
   }
+  // A certificate that is not there, or has no key: refused before any folder is made,
+  // the missing parents of a nested archive folder included.
+  std::string nested = dir_ / "nuovi/archivio";
+  auto r = cli({"archive", "add", nested, "--type", "T", "--cert", "00BADBAD", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Certificato non trovato"), std::string::npos) << r.err;
+  r = cli({"archive", "add", nested, "--type", "Protocollo_N\xc2\xb0", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_FALSE(fs::exists(dir_ / "nuovi"));
+  fs::path key;
+  for (auto& e : fs::directory_iterator(store_))
+    if (e.path().extension() == ".key") key = e.path();
+  fs::rename(key, dir_ / "key.aside");
+  r = cli({"archive", "add", nested, "--type", "T", "--cert", id_, dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Chiave non trovata"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "nuovi"));
+  fs::rename(dir_ / "key.aside", key);
   // Inside the ranges: accepted, written, and the index reads back and verifies.
   for (std::string type : std::vector<std::string>{"Citt\xc3\xa0", "x\xc2\xb7y", "\xce\xa9mega",
                                                    "_x-1.2", "\xe6\x96\x87\xe6\x9b\xb8"}) {
@@ -474,7 +492,11 @@ TEST_F(SafetyCli, ParametersAndTypesThatWouldBreakTheIndexAreRefusedFirst) {
         cli({"archive", "add", arch_, "--type", type, "--existing", "overwrite", dir_ / "a.txt"});
     EXPECT_EQ(r.exit_code, 0) << type << r.err;
   }
-  auto r = cli({"archive", "verify", arch_});
+  // A refusal in an archive that exists leaves it as it was, lock file and all.
+  r = cli({"archive", "add", arch_, "--type", "a:b", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_TRUE(fs::exists(arch_ + "/index.xml.lock"));
+  r = cli({"archive", "verify", arch_});
   EXPECT_EQ(r.exit_code, 0) << r.out;
   EXPECT_EQ(records(), 5u);
   EXPECT_EQ(xmlsec_index(arch_ + "/index.xml"), "OK");

@@ -110,36 +110,50 @@ FileStamp StampOf(const std::string& path) {
 std::unique_ptr<FileLock> FileLock::Acquire(const std::string& path,
                                             std::chrono::milliseconds timeout,
                                             const std::function<void()>& on_wait) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-  // Someone who may only read the folder can still take a lock on an existing file.
-  if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  // Where no lock file can be made, no writer can replace anything either (read-only media,
-  // a folder without write permission): there is nobody to keep out.
-  if (fd < 0 && (errno == EROFS || errno == EACCES))
-    return std::unique_ptr<FileLock>(new FileLock(-1));
-  if (fd < 0) throw_create(path, errno);
   auto deadline = std::chrono::steady_clock::now() + timeout;
   bool waited = false;
-  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    int err = errno;
-    if (err == EINTR) continue;
-    if (err != EWOULDBLOCK) {
-      ::close(fd);
-      throw_io("locking", path, err);
+  while (true) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    // Someone who may only read the folder can still take a lock on an existing file.
+    if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Where no lock file can be made, no writer can replace anything either (read-only
+    // media, a folder without write permission): there is nobody to keep out.
+    if (fd < 0 && (errno == EROFS || errno == EACCES))
+      return std::unique_ptr<FileLock>(new FileLock(-1, path));
+    if (fd < 0) throw_create(path, errno);
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+      int err = errno;
+      if (err == EINTR) continue;
+      if (err != EWOULDBLOCK) {
+        ::close(fd);
+        throw_io("locking", path, err);
+      }
+      if (std::chrono::steady_clock::now() >= deadline) {
+        ::close(fd);
+        return nullptr;
+      }
+      if (!waited && on_wait) on_wait();
+      waited = true;
+      ::usleep(20000);
     }
-    if (std::chrono::steady_clock::now() >= deadline) {
-      ::close(fd);
-      return nullptr;
-    }
-    if (!waited && on_wait) on_wait();
-    waited = true;
-    ::usleep(20000);
+    // The holder before may have removed the file while this one waited for it: its lock
+    // keeps nobody out any more.
+    struct stat held {
+    }, named{};
+    if (::fstat(fd, &held) == 0 && ::stat(path.c_str(), &named) == 0 &&
+        held.st_dev == named.st_dev && held.st_ino == named.st_ino)
+      return std::unique_ptr<FileLock>(new FileLock(fd, path));
+    ::close(fd);
   }
-  return std::unique_ptr<FileLock>(new FileLock(fd));
 }
 
 FileLock::~FileLock() {
   if (fd_ >= 0) ::close(fd_);  // closing the descriptor releases the lock
+}
+
+bool FileLock::remove_file() {
+  if (fd_ < 0) return false;
+  return ::unlink(path_.c_str()) == 0;
 }
 
 bool SameFile(const std::string& a, const std::string& b) {

@@ -44,7 +44,9 @@ struct FileStamp {
 FileStamp StampOf(const std::string& path);
 
 // An exclusive advisory lock (flock) on a lock file, created when missing. The kernel
-// releases it when the process ends, however it ends.
+// releases it when the process ends, however it ends. The holder may remove the lock file:
+// a waiter that then gets the lock of the removed file notices and takes the lock file
+// that is there now, so two holders never exist.
 class FileLock {
  public:
   // Waits at most timeout for the lock; on_wait is called once when it must wait. Returns
@@ -56,9 +58,13 @@ class FileLock {
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
 
+  // Removes the lock file (while the lock is still held); false when it is not there.
+  bool remove_file();
+
  private:
-  explicit FileLock(int fd) : fd_(fd) {}
+  FileLock(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
   int fd_;
+  std::string path_;
 };
 
 // A file opened read-only: what is only read must be readable from read-only media.
