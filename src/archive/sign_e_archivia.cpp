@@ -28,10 +28,6 @@ void TSignEArchivia::RequireOpenIndex() const {
   if (!FXMLDocument) throw Exception("File indice non aperto");
 }
 
-void NotAvailableYet(const char* operation) {
-  throw Exception(std::string(operation) + " is not available yet in this build of Tessarel");
-}
-
 }  // namespace tessarel
 
 extern "C" TESSAREL_API tessarel::ISignEArchivia* GetSignEArchivia(void) {

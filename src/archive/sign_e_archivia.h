@@ -15,9 +15,6 @@
 
 namespace tessarel {
 
-// Raises tessarel::Exception saying that the operation is not part of this build yet.
-[[noreturn]] void NotAvailableYet(const char* operation);
-
 class TSignEArchivia : public ISignEArchivia {
  public:
   TSignEArchivia();
