@@ -179,28 +179,42 @@ std::string produce_pdf(const std::string& kind, const std::string& dir) {
   throw std::invalid_argument("no producer " + kind);
 }
 
-void append_stream_update(const std::string& path, int number, const std::string& content) {
+void append_update(const std::string& path, const std::map<int, std::string>& bodies) {
   std::string pdf = read_file(path);
   std::smatch m;
   std::regex startxref(R"(startxref\s+(\d+)\s*%%EOF\s*$)");
   if (!std::regex_search(pdf, m, startxref)) throw std::runtime_error("no startxref in " + path);
   std::string prev = m[1];
-  auto trailer = run({"qpdf", "--show-object=trailer", path});
+  std::string trailer = show_object(path, "trailer");
   std::smatch root, size;
-  if (!std::regex_search(trailer.out, root, std::regex(R"(/Root (\d+ \d+ R))")) ||
-      !std::regex_search(trailer.out, size, std::regex(R"(/Size (\d+))")))
-    throw std::runtime_error("no trailer in " + path + ": " + trailer.out + trailer.err);
-  std::size_t at = pdf.size();
-  std::string body = std::to_string(number) + " 0 obj\n<</Length " +
-                     std::to_string(content.size()) + ">>\nstream\n" + content +
-                     "\nendstream\nendobj\n";
-  char entry[32];
-  std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", at);
-  std::string update = body + "xref\n" + std::to_string(number) + " 1\n" + entry +
-                       "trailer\n<</Size " + std::string(size[1]) + "/Root " +
-                       std::string(root[1]) + "/Prev " + prev + ">>\nstartxref\n" +
-                       std::to_string(at + body.size()) + "\n%%EOF\n";
+  if (!std::regex_search(trailer, root, std::regex(R"(/Root (\d+ \d+ R))")) ||
+      !std::regex_search(trailer, size, std::regex(R"(/Size (\d+))")))
+    throw std::runtime_error("no trailer in " + path + ": " + trailer);
+  std::string update, xref = "xref\n";
+  int highest = std::stoi(size[1]) - 1;
+  for (const auto& [number, body] : bodies) {
+    char entry[32];
+    std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", pdf.size() + update.size());
+    xref += std::to_string(number) + " 1\n" + entry;
+    update += std::to_string(number) + " 0 obj\n" + body + "\nendobj\n";
+    highest = std::max(highest, number);
+  }
+  std::size_t at = pdf.size() + update.size();
+  update += xref + "trailer\n<</Size " + std::to_string(highest + 1) + "/Root " +
+            std::string(root[1]) + "/Prev " + prev + ">>\nstartxref\n" + std::to_string(at) +
+            "\n%%EOF\n";
   write_file(path, pdf + update);
+}
+
+void append_stream_update(const std::string& path, int number, const std::string& content) {
+  append_update(path, {{number, "<</Length " + std::to_string(content.size()) + ">>\nstream\n" +
+                                    content + "\nendstream"}});
+}
+
+std::string show_object(const std::string& path, const std::string& object) {
+  auto r = run({"qpdf", "--show-object=" + object, path});
+  if (r.exit_code != 0) throw std::runtime_error("qpdf cannot show " + object + ": " + r.err);
+  return r.out.substr(0, r.out.find_last_not_of("\n") + 1);
 }
 
 int first_page_content_object(const std::string& path) {

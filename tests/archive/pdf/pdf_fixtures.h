@@ -2,6 +2,7 @@
 // and by outside producers (ghostscript, qpdf, cairo, poppler).
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,14 @@ std::vector<std::string> producer_kinds();
 // Appends an incremental update that gives object `number` new stream content (a classic
 // table update; the document must end with one).
 void append_stream_update(const std::string& path, int number, const std::string& content);
+
+// Appends an incremental update (a classic table) that gives each object number the body
+// given for it ("<</A 1>>", a stream with its dictionary...); the trailer keeps /Root and
+// /Size grows past the highest number.
+void append_update(const std::string& path, const std::map<int, std::string>& bodies);
+
+// An object (or "trailer") as qpdf shows it: PDF syntax, streams without their data.
+std::string show_object(const std::string& path, const std::string& object);
 
 // The object number of the first page's content stream, read with qpdf.
 int first_page_content_object(const std::string& path);
