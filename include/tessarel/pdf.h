@@ -22,6 +22,8 @@ struct PdfSignOptions {
   bool invisible = false;  // no visible appearance
   bool pades = false;      // PAdES baseline B-B (ETSI.CAdES.detached) instead of adbe.pkcs7
   bool progress = false;   // progress texts through the installed Ui while hashing
+  // How messages name the input (empty: its path), for an input that is a temporary copy.
+  std::string input_name;
   // Files the caller read for this signing (the PKCS#12 file, a password file): the output
   // is never written over any of them.
   std::vector<GuardedInput> inputs;

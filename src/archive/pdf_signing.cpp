@@ -310,7 +310,7 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
     CopyAll(in, copy.fd(), temp);
     copy.close();
   }
-  auto doc = pdf::Document::open(temp, {}, input);
+  auto doc = pdf::Document::open(temp, {}, options.input_name.empty() ? input : options.input_name);
 
   PdfSignatureSettings settings =
       settings_for(options.reason, options.name, options.invisible, signer->cert);

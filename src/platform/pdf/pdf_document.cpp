@@ -203,6 +203,7 @@ std::unique_ptr<Document::Impl> open_source(std::shared_ptr<RangeInputSource> so
   impl->source = source;
   impl->name = name;
   std::uint64_t size = source->size();
+  if (size == 0) throw PdfError(name + " is empty: it is not a PDF document");
   std::string head = impl->bytes(0, static_cast<std::size_t>(std::min<std::uint64_t>(size, 1024)));
   if (head.find("%PDF-") == std::string::npos)
     throw PdfError(name + " is not a PDF document (it has no %PDF- header)");
