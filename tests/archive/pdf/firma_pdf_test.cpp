@@ -158,6 +158,20 @@ TEST_F(FirmaPdfTest, WithoutDestinationTheSourceIsReplacedAndCanBeSignedAgain) {
   EXPECT_TRUE(r.signatures[1].whole_document);
   EXPECT_TRUE(messages().empty());
   EXPECT_TRUE(temp_folder_empty());
+
+  // A destination that is a symbolic link stays one; the file it names gets the document,
+  // with the mode it had.
+  std::string target = dir_ / "archiviato.pdf";
+  test::write_file(target, "vecchio");
+  ::chmod(target.c_str(), 0640);
+  std::filesystem::create_symlink(target, dir_ / "collegamento.pdf");
+  ASSERT_TRUE(firma(src_, dir_ / "collegamento.pdf", "", "", nullptr, false, signer_->cert.id()));
+  EXPECT_TRUE(std::filesystem::is_symlink(dir_ / "collegamento.pdf"));
+  EXPECT_EQ(test::read_file(target).substr(0, twice.size()), twice);
+  EXPECT_TRUE(VerifyPdf(target).valid);
+  struct stat st {};
+  ASSERT_EQ(::stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
 }
 
 TEST_F(FirmaPdfTest, PfxStreamWithThePasswordDialog) {
