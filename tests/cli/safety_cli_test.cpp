@@ -234,7 +234,7 @@ TEST_F(SafetyCli, OutputsThatAreNotPlainNewFilesKeepWhatTheyAre) {
   std::string env = dir_ / "a.txt.p7m";
 
   // An existing private file keeps its mode; a hard link keeps both names on one file.
-  test::write_file(dir_ / "private.txt", "old");
+  test::write_file(dir_ / "private.txt", "an older and longer content");
   ::chmod((dir_ / "private.txt").c_str(), 0600);
   fs::create_hard_link(dir_ / "private.txt", dir_ / "private-link.txt");
   ASSERT_EQ(cli({"extract", env, "-o", dir_ / "private.txt"}).exit_code, 0);
