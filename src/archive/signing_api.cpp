@@ -254,12 +254,10 @@ void write_fd(int fd, const std::uint8_t* p, std::size_t k) {
   }
 }
 
-void refuse_fd_onto_envelope(const std::string& envelope, int fd) {
-  struct stat out {
-  }, in{};
-  if (::fstat(fd, &out) == 0 && ::stat(envelope.c_str(), &in) == 0 && S_ISREG(out.st_mode) &&
-      out.st_dev == in.st_dev && out.st_ino == in.st_ino)
-    throw Exception("The output is the envelope " + envelope + " itself; choose another file");
+// What extraction reads: writing the content over its own envelope would destroy the
+// signature.
+std::vector<GuardedInput> extraction_inputs(const std::string& envelope) {
+  return {{envelope, "the envelope itself"}};
 }
 
 // The layer to extract (0: the innermost) among the envelope's layers.
@@ -304,11 +302,8 @@ std::string EnvelopeContentName(const std::string& envelope, int layers) {
 }
 
 std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::string& output) {
-  // Writing the content over its own envelope would destroy the signature.
-  if (SameFile(envelope, output))
-    throw Exception("The output " + output + " is the envelope itself; choose another file");
   auto message = open_attached(envelope);
-  OutputReplacement writer(output);
+  OutputReplacement writer(output, extraction_inputs(envelope));
   std::uint64_t n = copy_content(*message->FContent,
                                  [&](const std::uint8_t* p, std::size_t k) { writer.write(p, k); });
   writer.commit();
@@ -316,7 +311,7 @@ std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::str
 }
 
 std::uint64_t ExtractEnvelopeContentToFd(const std::string& envelope, int fd) {
-  refuse_fd_onto_envelope(envelope, fd);
+  RefuseOutputOntoInputs(fd, "the output", extraction_inputs(envelope));
   auto message = open_attached(envelope);
   return copy_content(*message->FContent,
                       [&](const std::uint8_t* p, std::size_t k) { write_fd(fd, p, k); });
@@ -328,9 +323,7 @@ ExtractedContent ExtractEnvelopeLayer(const std::string& envelope, const std::st
   std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
   r.layers = static_cast<int>(layers.size());
   r.output = output.empty() ? EnvelopeContentName(envelope, r.layer) : output;
-  if (SameFile(envelope, r.output))
-    throw Exception("The output " + r.output + " is the envelope itself; choose another file");
-  OutputReplacement writer(r.output);
+  OutputReplacement writer(r.output, extraction_inputs(envelope));
   r.size = copy_content_to_fd(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
                               writer.fd(), r.output);
   writer.commit();
@@ -338,7 +331,7 @@ ExtractedContent ExtractEnvelopeLayer(const std::string& envelope, const std::st
 }
 
 ExtractedContent ExtractEnvelopeLayerToFd(const std::string& envelope, int fd, int layer) {
-  refuse_fd_onto_envelope(envelope, fd);
+  RefuseOutputOntoInputs(fd, "the output", extraction_inputs(envelope));
   ExtractedContent r;
   std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
   r.layers = static_cast<int>(layers.size());

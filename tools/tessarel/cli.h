@@ -55,6 +55,10 @@ void error(const std::string& message);  // always shown; sets exit code 1
 // cancels. Throws tessarel::Exception for a malformed or unreadable source.
 std::optional<std::string> read_password(const std::string& source, const std::string& purpose);
 
+// The file a password or PIN source reads (file:PATH, or what the descriptor of fd:N is
+// open on), so that no output is written over it; "" for the other sources.
+std::string source_file(const std::string& source);
+
 // Validates a password source on the command line (a malformed one is a usage error).
 CLI::Validator password_source();
 // The same for a PIN source: env:, file: or fd: (there is no empty PIN to write as pass:).

@@ -23,6 +23,12 @@ std::optional<std::string> read_password(const std::string& source, const std::s
   return read_password_from(parse_password_source(source, purpose), purpose);
 }
 
+std::string source_file(const std::string& source) {
+  if (source.rfind("file:", 0) == 0) return source.substr(5);
+  if (source.rfind("fd:", 0) == 0) return "/proc/self/fd/" + source.substr(3);
+  return {};
+}
+
 CLI::Validator password_source() {
   return CLI::Validator([](std::string& value) { return password_source_problem(value, false); },
                         "SRC");

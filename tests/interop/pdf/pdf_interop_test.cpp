@@ -111,6 +111,12 @@ TEST_F(PdfInterop, EveryProducerSignedTwiceIsValidForPdfsigQpdfAndUs) {
     std::string twice = dir_ / (kind + "-2.pdf");
     sign_twice(in, once, twice);
     std::string original = test::read_file(in);
+    if (kind == "gs-updated") {  // ghostscript's revision and the update after it
+      std::regex eof("%%EOF");
+      EXPECT_EQ(std::distance(std::sregex_iterator(original.begin(), original.end(), eof),
+                              std::sregex_iterator()),
+                2);
+    }
     std::string first = test::read_file(once);
     std::string second = test::read_file(twice);
     EXPECT_EQ(first.substr(0, original.size()), original) << kind;
@@ -228,6 +234,43 @@ TEST_F(PdfInterop, TamperingIsReportedByUsAndByPdfsig) {
   auto sigs = pdfsig(dir_ / "later.pdf");
   ASSERT_EQ(sigs.size(), 1u);
   EXPECT_FALSE(sigs[0].total);
+
+  // The catalog pointed at a new form object that brings an XFA form, which a reader shows
+  // instead of the signed pages: compared with the old form, whatever objects hold them.
+  test::write_file(dir_ / "xfa.pdf", pdf);
+  std::string root = test::show_object(dir_ / "xfa.pdf", "trailer");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(root, m, std::regex(R"(/Root (\d+) 0 R)"))) << root;
+  int root_number = std::stoi(m[1]);
+  std::string catalog = test::show_object(dir_ / "xfa.pdf", m[1]);
+  ASSERT_TRUE(std::regex_search(catalog, m, std::regex(R"(/AcroForm (\d+) 0 R)"))) << catalog;
+  std::string form = test::show_object(dir_ / "xfa.pdf", m[1]);
+  std::string xfa = "<xdp:xdp xmlns:xdp=\"http://ns.adobe.com/xdp/\"/>";
+  test::append_update(
+      dir_ / "xfa.pdf",
+      {{root_number,
+        std::regex_replace(catalog, std::regex(R"(/AcroForm \d+ 0 R)"), "/AcroForm 99 0 R")},
+       {98, "<</Length " + std::to_string(xfa.size()) + ">>\nstream\n" + xfa + "\nendstream"},
+       {99, form.substr(0, form.rfind(">>")) + "/XFA 98 0 R >>"}});
+  r = cli({"pdf", "verify", dir_ / "xfa.pdf"});
+  EXPECT_EQ(r.exit_code, 1) << r.out;
+  EXPECT_NE(r.out.find("the form dictionary was changed: /XFA"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("later revisions: CHANGED MORE"), std::string::npos) << r.out;
+
+  // A page whose annotation list is an object of its own gains a stamp over the text.
+  test::HandPdf h;
+  h.indirect_annots = true;
+  test::write_file(dir_ / "annots.pdf", test::hand_pdf(h));
+  ASSERT_EQ(cli({"pdf", "sign", dir_ / "annots.pdf", "--name", "Mario Rossi"}).exit_code, 0);
+  std::string annots = test::show_object(dir_ / "annots.pdf", "8");
+  ASSERT_EQ(annots.back(), ']') << annots;
+  test::append_update(
+      dir_ / "annots.pdf",
+      {{8, annots.substr(0, annots.size() - 1) + " 97 0 R ]"},
+       {97, "<</Type/Annot/Subtype/FreeText/Rect[0 0 595 842]/Contents(ANNULLATO)>>"}});
+  r = cli({"pdf", "verify", dir_ / "annots.pdf"});
+  EXPECT_EQ(r.exit_code, 1) << r.out;
+  EXPECT_NE(r.out.find("gained object 97 0"), std::string::npos) << r.out;
 }
 
 }  // namespace
