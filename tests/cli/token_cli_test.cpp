@@ -390,6 +390,47 @@ TEST_F(TokenCli, ModulesThatDoNotLoadAndBadUrisAreNamed) {
   EXPECT_NE(r.err.find("Unknown attribute \"tokn\""), std::string::npos) << r.err;
 }
 
+TEST_F(TokenCli, TheModuleMayStandAmongThePathAttributesOrInTheQuery) {
+  std::string store = hsm_.add_token("Percorso");
+  test::TestCert tc = test::make_cert({});
+  std::string pem = test::write_pem(tc.cert, dir_ / "s.pem");
+  ASSERT_EQ(
+      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+          {"PFXPW=segreto"})
+          .exit_code,
+      0);
+  const std::string module = test::SoftHsm::module();
+  for (const std::string& uri :
+       std::vector<std::string>{"pkcs11:token=Percorso;module-path=" + module,
+                                "pkcs11:module-path=" + module + ";token=Percorso",
+                                "pkcs11:token=Percorso?module-path=" + module,
+                                "pkcs11:token=Percorso;module-name=softhsm2"}) {
+    auto r = cli({"--store", uri, pin_, "sign", dir_ / "a.txt"});
+    ASSERT_EQ(r.exit_code, 0) << uri << ": " << r.err;
+    EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7m", pem)) << uri << ": " << last_;
+    fs::remove(dir_ / "a.txt.p7m");
+  }
+  // The module named in the path is the one used, not a configured one that also has the token.
+  auto r = cli({"--store", "pkcs11:token=Percorso;module-path=/nonexistent/p11.so", pin_, "sign",
+                dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Cannot load the PKCS#11 module \"/nonexistent/p11.so\""), std::string::npos)
+      << r.err;
+  r = cli({"--store", "pkcs11:token=Percorso;module-name=nessuno", pin_, "sign", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("No PKCS#11 module named \"nessuno\""), std::string::npos) << r.err;
+  // Named in both places: refused rather than one of them silently winning.
+  r = cli({"--store", "pkcs11:token=Percorso;module-path=" + module + "?module-path=" + module,
+           pin_, "sign", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("The attribute module-path appears twice"), std::string::npos) << r.err;
+  r = cli({"--store", "pkcs11:token=Percorso;module-path=libsofthsm2.so", pin_, "sign",
+           dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("must be an absolute path"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+}
+
 TEST_F(TokenCli, ThePinIsAskedOnTheTerminalWithTheTokensNameAndNotEchoed) {
   std::string store = hsm_.add_token("Terminale");
   test::TestCert tc = test::make_cert({});
