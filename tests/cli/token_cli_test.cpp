@@ -431,6 +431,34 @@ TEST_F(TokenCli, TheModuleMayStandAmongThePathAttributesOrInTheQuery) {
   EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
 }
 
+TEST_F(TokenCli, AModuleThatDoesNotStartIsReportedOnceAndNotStartedAgainAtEveryLook) {
+  std::string store = hsm_.add_token("Rotto");
+  // SoftHSM2 refuses to start without its configuration file.
+  std::vector<std::string> broken = {"SOFTHSM2_CONF=" + (dir_ / "missing.conf")};
+  auto count = [](const std::string& text, const std::string& what) {
+    int n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+      ++n;
+    return n;
+  };
+  // Each command looks at the tokens several times (the certificates, the key, the stamp).
+  const std::pair<std::vector<std::string>, int> commands[] = {
+      {{"sign", dir_ / "a.txt", dir_ / "b.txt"}, 1},
+      {{"cert", "list"}, 0},
+      {{"archive", "add", dir_ / "arch", "--type", "T", dir_ / "a.txt"}, 1}};
+  for (auto [args, exit_code] : commands) {
+    args.insert(args.begin(), {"--store", store, pin_});
+    auto r = cli(args, broken);
+    EXPECT_EQ(r.exit_code, exit_code) << args[3] << ": " << r.err;
+    EXPECT_EQ(count(r.err, "skipping module softhsm2"), 1) << args[3] << ": " << r.err;
+    EXPECT_EQ(count(r.err, "does not start: CKR_GENERAL_ERROR"), 1) << args[3] << ": " << r.err;
+    EXPECT_EQ(count(r.err, "no token present matches " + store), 1) << args[3] << ": " << r.err;
+  }
+  EXPECT_FALSE(fs::exists(dir_ / "a.txt.p7m"));
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+  EXPECT_FALSE(fs::exists(dir_ / "arch/index.xml"));
+}
+
 TEST_F(TokenCli, ThePinIsAskedOnTheTerminalWithTheTokensNameAndNotEchoed) {
   std::string store = hsm_.add_token("Terminale");
   test::TestCert tc = test::make_cert({});
