@@ -77,6 +77,10 @@ class TSignEArchivia : public ISignEArchivia {
   // Before a change after ChiudiIndice released the archive: takes it again and makes sure
   // nobody changed the index meanwhile, since this engine would overwrite that change.
   void RelockArchive();
+  // The signing steps of ChiudiIndice: the index in memory gets its signature.
+  void SignIndex();
+  // Writes the index in memory over index.xml (atomically) and releases the archive.
+  void WriteIndex();
 
   // The index held in memory; absent until ApriIndice. Its presence is what "open" means.
   std::unique_ptr<xml::Document> FXMLDocument;

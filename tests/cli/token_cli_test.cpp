@@ -214,23 +214,42 @@ TEST_F(TokenCli, EcdsaAndRsaPssKeysSignWithTheMechanismTheirCertificateAsksFor) 
 
 TEST_F(TokenCli, ArchiveClosedWithATokenKeyVerifiesWithXmlsec1) {
   std::string store = hsm_.add_token("Archivio");
-  test::TestCert tc = test::make_cert({});
-  std::string pem = test::write_pem(tc.cert, dir_ / "signer.pem");
+  // RSA imported by us; P-256 put there by pkcs11-tool (the index is signed with ECDSA).
+  test::TestCert rsa = test::make_cert({});
   ASSERT_EQ(
-      cli({"--store", store, pin_, "cert", "import", pfx_of(tc, "s"), "--password", "env:PFXPW"},
+      cli({"--store", store, pin_, "cert", "import", pfx_of(rsa, "s"), "--password", "env:PFXPW"},
           {"PFXPW=segreto"})
           .exit_code,
       0);
-  std::string arch = dir_ / "archivio";
-  auto r = cli({"--store", store, pin_, "archive", "add", arch, "--type", "Contratti", "--date",
-                "2024-02-03", "--cert", tc.cert.id(), dir_ / "a.txt"});
-  ASSERT_EQ(r.exit_code, 0) << r.err;
-  r = cli({"--store", store, pin_, "archive", "verify", arch, "--cert", tc.cert.id()});
-  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
-  auto x = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem,
-                      "--enabled-reference-uris", "empty", arch + "/index.xml"});
-  EXPECT_EQ(x.exit_code, 0) << x.out << x.err;
-  EXPECT_TRUE(openssl_verifies(arch + "/Contratti/2024/02/a.txt.p7m", pem)) << last_;
+  test::CertParams ep;
+  ep.cn = "Archivio EC";
+  ep.kind = KeyKind::Ec;
+  ep.bits = 256;
+  test::TestCert ec = test::make_cert(ep);
+  hsm_.put_key("Archivio", ec, "ec01", "ec");
+  hsm_.put_cert("Archivio", ec.cert, "ec01", "ec");
+
+  for (const test::TestCert* tc : {&rsa, &ec}) {
+    std::string name = tc == &rsa ? "rsa" : "ec";
+    std::string pem = test::write_pem(tc->cert, dir_ / (name + ".pem"));
+    std::string arch = dir_ / ("archivio-" + name);
+    // Two commands: the second close signs an index reopened from the first.
+    for (const char* file : {"a.txt", "b.txt"}) {
+      auto r = cli({"--store", store, pin_, "archive", "add", arch, "--type", "Contratti", "--date",
+                    "2024-02-03", "--cert", tc->cert.id(), dir_ / file});
+      ASSERT_EQ(r.exit_code, 0) << name << ": " << r.err;
+      r = cli({"--store", store, pin_, "archive", "verify", arch, "--cert", tc->cert.id()});
+      EXPECT_EQ(r.exit_code, 0) << name << ": " << r.out << r.err;
+      auto x = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem,
+                          "--enabled-reference-uris", "empty", arch + "/index.xml"});
+      EXPECT_EQ(x.exit_code, 0) << name << ": " << x.out << x.err;
+      EXPECT_TRUE(openssl_verifies(arch + "/Contratti/2024/02/" + file + ".p7m", pem)) << last_;
+    }
+    EXPECT_NE(test::read_file(arch + "/index.xml")
+                  .find(tc == &rsa ? "xmldsig#rsa-sha1" : "xmldsig-more#ecdsa-sha256"),
+              std::string::npos)
+        << name;
+  }
 }
 
 TEST_F(TokenCli, PinSourcesAndAWrongPinThatWritesNothing) {
