@@ -319,6 +319,40 @@ TEST_F(TokenCli, TriesRunOutThenTheLockedPinIsReportedAndNothingIsSigned) {
   EXPECT_NE(r.out.find("PIN LOCKED"), std::string::npos) << r.out;
 }
 
+TEST_F(TokenCli, APinPadReaderLogsInOnItsKeypadOnceAndThePinIsNeverAsked) {
+  // SoftHSM2 behind a reader with a keypad: a login without a PIN is the user typing it there.
+  hsm_.add_token("Tastierino");
+  test::TestCert tc = test::make_cert({});
+  std::string pem = test::write_pem(tc.cert, dir_ / "s.pem");
+  hsm_.put_key("Tastierino", tc, "01", "firma");
+  hsm_.put_cert("Tastierino", tc.cert, "01", "firma");
+  std::string store = std::string("pkcs11:token=Tastierino?module-path=") + PIN_COUNTER_MODULE;
+  std::vector<std::string> env = {"PIN_COUNTER_STATE=" + (dir_ / "tries"), "PIN_PAD=1234",
+                                  "PIN_LOGIN_LOG=" + (dir_ / "logins")};
+
+  auto r = cli({"token", "list", "--module", PIN_COUNTER_MODULE}, env);
+  EXPECT_NE(r.out.find("PIN pad"), std::string::npos) << r.out;
+
+  // No --pin and no terminal: nothing to ask, and nothing needs asking.
+  r = cli({"--store", store, "sign", dir_ / "a.txt", dir_ / "b.txt"}, env);
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  const std::string line = "Enter the PIN of the token \"Tastierino\" on the reader's keypad";
+  auto at = r.err.find(line);
+  EXPECT_NE(at, std::string::npos) << r.err;
+  EXPECT_EQ(r.err.find(line, at + 1), std::string::npos) << "asked twice: " << r.err;
+  EXPECT_EQ(r.err.find("No PIN was given"), std::string::npos) << r.err;
+  EXPECT_EQ(test::read_file(dir_ / "logins"), "user keypad\n") << "one login, without a PIN";
+  for (const char* f : {"a.txt.p7m", "b.txt.p7m"})
+    EXPECT_TRUE(openssl_verifies(dir_ / f, pem)) << f << ": " << last_;
+
+  // A PIN given on the command line is not passed past the keypad either.
+  fs::remove(dir_ / "logins");
+  r = cli({"--store", store, pin_, "sign", "--detached", dir_ / "a.txt"}, env);
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(test::read_file(dir_ / "logins"), "user keypad\n");
+  EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7s", pem, dir_ / "a.txt")) << last_;
+}
+
 TEST_F(TokenCli, ATokenPulledBetweenTwoCallsIsReportedGone) {
   std::string store = hsm_.add_token("Chiavetta");
   test::TestCert tc = test::make_cert({});
