@@ -84,16 +84,40 @@ class TokenCli : public ::testing::Test {
   std::string last_;
 };
 
+// The serial number SoftHSM2's own tool gives the token with this label.
+std::string serial_of(const test::SoftHsm& hsm, const std::string& label) {
+  auto r = test::run({"softhsm2-util", "--show-slots"}, hsm.env());
+  auto field = [](const std::string& block, const std::string& name) {
+    auto at = block.find(name + ":");
+    if (at == std::string::npos) return std::string();
+    at = block.find_first_not_of(' ', at + name.size() + 1);
+    std::string v = block.substr(at, block.find('\n', at) - at);
+    return v.substr(0, v.find_last_not_of(' ') + 1);
+  };
+  for (std::size_t at = r.out.find("\nSlot "); at != std::string::npos;) {
+    std::size_t next = r.out.find("\nSlot ", at + 1);
+    std::string block = r.out.substr(at, next == std::string::npos ? next : next - at);
+    if (field(block, "Label") == label) return field(block, "Serial number");
+    at = next;
+  }
+  return "";
+}
+
 TEST_F(TokenCli, TokenListFindsModulesThroughP11KitAndGivesAUriThatSelectsTheToken) {
   hsm_.add_token("Firma Qualificata \xC3\xA8");
+  std::string serial = serial_of(hsm_, "Firma Qualificata \xC3\xA8");
+  ASSERT_FALSE(serial.empty());
   auto r = cli({"token", "list"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("module softhsm2"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("token \"Firma Qualificata \xC3\xA8\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("token \"Firma Qualificata \xC3\xA8\", serial " + serial + ","),
+            std::string::npos)
+      << r.out;
   std::size_t u = r.out.find("pkcs11:model=");
   ASSERT_NE(u, std::string::npos) << r.out;
   std::string uri = r.out.substr(u, r.out.find('\n', u) - u);
   EXPECT_NE(uri.find("token=Firma%20Qualificata%20%C3%A8"), std::string::npos) << uri;
+  EXPECT_NE(uri.find(";serial=" + serial + ";"), std::string::npos) << uri;
 
   // The URI as store: the token is there, empty.
   r = cli({"--store", uri, "cert", "list"});
@@ -104,7 +128,9 @@ TEST_F(TokenCli, TokenListFindsModulesThroughP11KitAndGivesAUriThatSelectsTheTok
   r = cli({"token", "list", "--json", "--module", test::SoftHsm::module()});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out.find("opensc"), std::string::npos) << "only the module asked for";
-  EXPECT_NE(r.out.find("\"label\": \"Firma Qualificata \xC3\xA8\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"label\": \"Firma Qualificata \xC3\xA8\", \"serial\": \"" + serial + "\""),
+            std::string::npos)
+      << r.out;
   EXPECT_NE(r.out.find("\"login_required\": true"), std::string::npos);
 
   r = cli({"token", "list", "--module", "/nonexistent/module.so"});

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -17,6 +19,7 @@
 #include "platform/crypto/pkey.h"
 #include "platform/runtime/datetime.h"
 #include "softhsm.h"
+#include "tessarel/exports.h"
 #include "tessarel/tessarel.h"
 #include "test_support.h"
 
@@ -45,7 +48,7 @@ class TokenEnvironment : public ::testing::Environment {
     auto make = [&](const std::string& label, KeyKind kind, std::optional<test::TestCert>& tc,
                     std::string& uri, std::vector<std::string> extra = {}) {
       test::CertParams p;
-      p.cn = "Titolare " + label;
+      p.cn = "Societ\xC3\xA0 " + label;
       p.kind = kind;
       p.bits = kind == KeyKind::Ec ? 256 : 2048;
       tc = test::make_cert(p);
@@ -281,6 +284,26 @@ TEST_F(TokenStore, AnIndexWhosePinIsRefusedAtTheCloseIsWrittenUnsignedAndSignedA
                       "--enabled-reference-uris", "empty", index});
   EXPECT_EQ(x.exit_code, 0) << x.out << x.err;
   EXPECT_NE(test::read_file(index).find("xmldsig-more#ecdsa-sha256"), std::string::npos);
+}
+
+TEST_F(TokenStore, TheCommonNameExportNamesATokenCertificateWithoutAskingForThePin) {
+  const Tokens& t = tokens();
+  pin("1234");
+  for (const auto* tc : {&*t.rsa, &*t.ec}) {
+    set_store_location(tc == &*t.rsa ? t.rsa_uri : t.ec_uri);
+    char* name = strdup("prima");
+    EXPECT_EQ(SelezionaCommonName(&name, tc->cert.id().c_str()), &name);
+    EXPECT_STREQ(name, tc->cert.subject_cn().c_str());
+    EXPECT_EQ(std::string(name).rfind("Societ\xC3\xA0 ", 0), 0u) << name;
+    // Another token's certificate is not in this store: the text stays.
+    const auto* other = tc == &*t.rsa ? &*t.ec : &*t.rsa;
+    SelezionaCommonName(&name, other->cert.id().c_str());
+    EXPECT_STREQ(name, tc->cert.subject_cn().c_str());
+    SelezionaCommonName(&name, "");
+    EXPECT_STREQ(name, tc->cert.subject_cn().c_str());
+    std::free(name);
+  }
+  EXPECT_EQ(*asked_, 0) << "certificates are public objects: no login";
 }
 
 }  // namespace
