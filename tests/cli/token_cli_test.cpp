@@ -370,6 +370,23 @@ TEST_F(TokenCli, APinPadReaderLogsInOnItsKeypadOnceAndThePinIsNeverAsked) {
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(test::read_file(dir_ / "logins"), "user keypad\n");
   EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7s", pem, dir_ / "a.txt")) << last_;
+
+  // A key that wants the PIN before every signature: each time on the keypad too.
+  test::CertParams qp;
+  qp.cn = "Firma Qualificata";
+  qp.kind = KeyKind::Ec;
+  qp.bits = 256;
+  test::TestCert q = test::make_cert(qp);
+  hsm_.put_key("Tastierino", q, "02", "qualificata", {"--always-auth"});
+  hsm_.put_cert("Tastierino", q.cert, "02", "qualificata");
+  fs::remove(dir_ / "logins");
+  r = cli({"--store", store, "sign", "--detached", "--cert", q.cert.id(), dir_ / "a.txt",
+           dir_ / "b.txt"},
+          env);
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(test::read_file(dir_ / "logins"), "user keypad\ncontext keypad\ncontext keypad\n");
+  std::string qpem = test::write_pem(q.cert, dir_ / "q.pem");
+  EXPECT_TRUE(openssl_verifies(dir_ / "b.txt.p7s", qpem, dir_ / "b.txt")) << last_;
 }
 
 TEST_F(TokenCli, ATokenPulledBetweenTwoCallsIsReportedGone) {

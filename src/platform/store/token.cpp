@@ -111,6 +111,7 @@ void Token::open_locked() {
     throw Exception("The token \"" + identity_.label + "\" (serial " + identity_.serial +
                     ") is no longer present");
   writable_ = !(info->flags & CKF_WRITE_PROTECTED);
+  session_flags_ = info->flags;
   CK_FLAGS flags = CKF_SERIAL_SESSION | (writable_ ? CKF_RW_SESSION : 0);
   CK_RV rv = fn()->C_OpenSession(slot_, flags, nullptr, nullptr, &session_);
   if (rv == CKR_TOKEN_WRITE_PROTECTED) {
@@ -183,8 +184,14 @@ void Token::login_failed(CK_RV rv) {
 }
 
 void Token::login_locked() {
-  if (logged_in_) return;
-  CK_FLAGS f = flags_locked();
+  // Asked before every signature: a token that needs no login is not asked again.
+  if (logged_in_ || !(session_flags_ & CKF_LOGIN_REQUIRED)) return;
+  // Read now: the PIN's state (tries left, locked) may have changed since the session opened.
+  auto info = module_->token_info(slot_);
+  if (!info)
+    throw Exception("The token \"" + identity_.label + "\" (serial " + identity_.serial +
+                    ") is no longer present");
+  CK_FLAGS f = info->flags;
   if (!(f & CKF_LOGIN_REQUIRED)) return;
   const std::string token = "the token \"" + identity_.label + "\"";
   if (f & CKF_USER_PIN_LOCKED)
@@ -208,9 +215,8 @@ void Token::login_locked() {
 }
 
 void Token::authenticate_again_locked(CK_SESSION_HANDLE session) {
-  CK_FLAGS f = flags_locked();
   CK_RV rv;
-  if (f & CKF_PROTECTED_AUTHENTICATION_PATH) {
+  if (session_flags_ & CKF_PROTECTED_AUTHENTICATION_PATH) {
     currentUi().progress_text("Enter the PIN of the token \"" + identity_.label +
                               "\" on the reader's keypad");
     rv = fn()->C_Login(session, CKU_CONTEXT_SPECIFIC, nullptr, 0);
