@@ -338,6 +338,44 @@ TEST_F(TokenCli, TriesRunOutThenTheLockedPinIsReportedAndNothingIsSigned) {
   EXPECT_NE(r.out.find("PIN LOCKED"), std::string::npos) << r.out;
 }
 
+TEST_F(TokenCli, ALoginThatFailsWithoutLookingAtThePinIsTriedAgainAWrongPinIsNot) {
+  hsm_.add_token("Occupata");
+  test::TestCert tc = test::make_cert({});
+  hsm_.put_key("Occupata", tc, "01", "firma");
+  hsm_.put_cert("Occupata", tc.cert, "01", "firma");
+  std::string store = std::string("pkcs11:token=Occupata?module-path=") + PIN_COUNTER_MODULE;
+  std::string log = dir_ / "logins";
+  auto env = [&](const char* general_errors) {
+    return std::vector<std::string>{"PIN_COUNTER_STATE=" + (dir_ / "tries"), "PIN_COUNTER_LIMIT=5",
+                                    "PIN_LOGIN_LOG=" + log,
+                                    std::string("PIN_LOGIN_GENERAL_ERRORS=") + general_errors};
+  };
+  // Busy once: the second try logs in.
+  auto r = cli({"--store", store, pin_, "sign", dir_ / "a.txt"}, env("1"));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(test::read_file(log), "user pin\nuser pin\n");
+  EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7m", test::write_pem(tc.cert, dir_ / "s.pem")))
+      << last_;
+  // Busy for good: a bounded number of tries, then the module's answer, and nothing signed.
+  fs::remove(log);
+  r = cli({"--store", store, pin_, "sign", dir_ / "b.txt"}, env("100"));
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Cannot log in to the token \"Occupata\": CKR_GENERAL_ERROR"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(test::read_file(log), "user pin\nuser pin\nuser pin\n");
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+  // A wrong PIN is an answer: asked once, one try of the card's counter used.
+  fs::remove(log);
+  r = cli({"--store", store, "--pin=file:" + hsm_.pin_file("0000"), "sign", dir_ / "b.txt"},
+          env("0"));
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Wrong PIN for the token \"Occupata\""), std::string::npos) << r.err;
+  EXPECT_EQ(test::read_file(log), "user pin\n");
+  EXPECT_EQ(test::read_file(dir_ / "tries"), "1\n");
+  EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
+}
+
 TEST_F(TokenCli, APinPadReaderLogsInOnItsKeypadOnceAndThePinIsNeverAsked) {
   // SoftHSM2 behind a reader with a keypad: a login without a PIN is the user typing it there.
   hsm_.add_token("Tastierino");

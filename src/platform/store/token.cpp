@@ -1,6 +1,8 @@
 #include "platform/store/token.h"
 
+#include <chrono>
 #include <map>
+#include <thread>
 #include <tuple>
 
 #include "tessarel/ui.h"
@@ -206,8 +208,14 @@ void Token::login_locked() {
   } else {
     std::optional<std::string> pin = ask_pin();
     if (!pin) throw LoginCancelled(identity_.label);
-    rv = fn()->C_Login(session_, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(pin->data()),
-                       static_cast<CK_ULONG>(pin->size()));
+    for (int attempt = 1;; ++attempt) {
+      rv = fn()->C_Login(session_, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(pin->data()),
+                         static_cast<CK_ULONG>(pin->size()));
+      // A token whose state another process is rewriting (SoftHSM2 does at every login) can
+      // fail without having looked at the PIN; a wrong PIN is never tried again.
+      if (rv != CKR_GENERAL_ERROR || attempt == 3) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10 * attempt));
+    }
     wipe(*pin);
   }
   if (rv != CKR_OK && rv != CKR_USER_ALREADY_LOGGED_IN) login_failed(rv);

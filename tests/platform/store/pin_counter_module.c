@@ -10,7 +10,9 @@
  * With PIN_PAD set, the token also has a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH): a
  * C_Login without a PIN stands for the user typing PIN_PAD on the reader's keypad. Every
  * C_Login is recorded in the file PIN_LOGIN_LOG, one line each: "user" or "context", then
- * "keypad" (no PIN passed) or "pin" (a PIN passed by the caller). */
+ * "keypad" (no PIN passed) or "pin" (a PIN passed by the caller). The first
+ * PIN_LOGIN_GENERAL_ERRORS user logins of a process fail with CKR_GENERAL_ERROR without
+ * reaching SoftHSM2, as a token does while another process rewrites its state. */
 #include <dlfcn.h>
 #include <p11-kit/pkcs11.h>
 #include <stdio.h>
@@ -62,6 +64,12 @@ static void log_login(CK_USER_TYPE user, CK_UTF8CHAR_PTR pin) {
 static CK_RV counting_login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin,
                             CK_ULONG len) {
   log_login(user, pin);
+  static int general_errors = 0;
+  const char* fail = getenv("PIN_LOGIN_GENERAL_ERRORS");
+  if (user == CKU_USER && fail && general_errors < atoi(fail)) {
+    ++general_errors;
+    return CKR_GENERAL_ERROR;
+  }
   const char* keypad = getenv("PIN_PAD");
   if (keypad && !pin) {
     /* What the user types on the reader. */
