@@ -238,6 +238,17 @@ std::vector<CK_SLOT_ID> Module::slots(bool token_present) const {
   throw Exception("The slot list of the PKCS#11 module \"" + path_ + "\" keeps changing");
 }
 
+std::vector<CK_SLOT_ID> Module::known_slots() const {
+  constexpr std::chrono::seconds kSlotListLifetime{2};
+  std::lock_guard lock(slots_mutex_);
+  auto now = std::chrono::steady_clock::now();
+  if (!slots_read_ || now - *slots_read_ >= kSlotListLifetime) {
+    known_slots_ = slots(false);
+    slots_read_ = now;
+  }
+  return known_slots_;
+}
+
 std::optional<CK_TOKEN_INFO> Module::token_info(CK_SLOT_ID slot, bool patient) const {
   CK_TOKEN_INFO info{};
   CK_RV rv = fn_->C_GetTokenInfo(slot, &info);

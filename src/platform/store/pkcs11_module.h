@@ -7,7 +7,9 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,6 +50,12 @@ class Module {
   std::string manufacturer() const;
 
   std::vector<CK_SLOT_ID> slots(bool token_present) const;
+  // Every slot, as the module listed them at most two seconds ago; whether a slot holds a
+  // token is asked of the slot (token_info), so a card put into a reader is seen at once, a
+  // reader plugged in within two seconds. The store looks at its tokens before every
+  // lookup, and asking for the list is not cheap: SoftHSM2, for one, reloads its whole token
+  // folder for it.
+  std::vector<CK_SLOT_ID> known_slots() const;
   // nullopt when the slot has no token (or no longer exists). patient: a read that fails
   // while another process rewrites the token's state is repeated for a moment.
   std::optional<CK_TOKEN_INFO> token_info(CK_SLOT_ID slot, bool patient = true) const;
@@ -65,6 +73,9 @@ class Module {
   std::string name_;
   CK_FUNCTION_LIST* fn_;
   CK_INFO info_{};
+  mutable std::mutex slots_mutex_;
+  mutable std::vector<CK_SLOT_ID> known_slots_;
+  mutable std::optional<std::chrono::steady_clock::time_point> slots_read_;
 };
 
 struct ModuleEntry {

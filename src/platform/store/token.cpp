@@ -100,7 +100,7 @@ void Token::open_locked() {
   std::optional<CK_TOKEN_INFO> info = readable_token(*module_, slot_);
   if (!info || !(TokenIdentity::of(*info) == identity_)) {
     info.reset();
-    for (CK_SLOT_ID s : module_->slots(true)) {
+    for (CK_SLOT_ID s : module_->known_slots()) {
       auto i = readable_token(*module_, s);
       if (i && TokenIdentity::of(*i) == identity_) {
         slot_ = s;

@@ -339,7 +339,7 @@ TokenCertStore::Scan TokenCertStore::scan() const {
   for (const auto& module : modules_for(uri_)) {
     std::vector<CK_SLOT_ID> slots;
     try {
-      slots = module->slots(true);
+      slots = module->known_slots();
       out.problems.emplace_back("slots " + module->path(), std::nullopt);
     } catch (const Exception& e) {
       out.problems.emplace_back("slots " + module->path(), std::string("PKCS#11: ") + e.what());
