@@ -251,7 +251,32 @@ void TSignEArchivia::ChiudiIndice() {
     root = FXMLDocument->root();
   }
 
+  try {
+    SignIndex();
+  } catch (...) {
+    // The documents are in the archive already: the index that lists them is written all
+    // the same, without a signature (as it stands before signing), so that nothing is lost
+    // and the next close signs it. What failed is raised as it is.
+    RimuoviFirmaXml(FXMLDocument->root());
+    try {
+      WriteIndex();
+    } catch (const std::exception& e) {
+      warn("the index " + Fpatharchivia + " could not be written: " + e.what());
+    }
+    throw;
+  }
+  try {
+    WriteIndex();
+  } catch (const std::exception& e) {
+    // The archive stays held: the same engine can retry the close once the cause is gone.
+    currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
+                            std::string("Error: ") + e.what());
+  }
+}
+
+void TSignEArchivia::SignIndex() {
   if (!Cert) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
+  xml::Node root = FXMLDocument->root();
   std::shared_ptr<SigningKey> key = ChiaveDiFirma(*Cert);
   TElXMLReferenceList references;
   auto reference = std::make_unique<TElXMLReference>();
@@ -271,7 +296,9 @@ void TSignEArchivia::ChiudiIndice() {
   signer.FSignatureType = TElXMLSignatureType::xstEnveloped;
   signer.SetCanonicalizationMethod(1);
   signer.FSignatureMethodType = TElXMLSigMethodType::xmtSig;
-  signer.FSignatureMethod = TElXMLSignatureMethod::xsmRSA_SHA1;
+  // RSA keys sign with RSA-SHA1; an EC key (a smart card's P-256, say) has only ECDSA.
+  signer.FSignatureMethod = Cert->key_kind() == KeyKind::Ec ? TElXMLSignatureMethod::xsmECDSA
+                                                            : TElXMLSignatureMethod::xsmRSA_SHA1;
   signer.FMACMethod = TElXMLMACMethod::xmmHMAC_SHA1;
   signer.SetReferences(&references);
   signer.FKeyName = "";
@@ -285,9 +312,11 @@ void TSignEArchivia::ChiudiIndice() {
     throw EElXMLSecurityError(std::string("Errore durante la firma o Comando Annullato. (") +
                               e.what() + ")");
   }
+}
 
-  // Replaced whole: a crash leaves the previous signed index or this one. The archived
-  // copies it lists are flushed first.
+void TSignEArchivia::WriteIndex() {
+  // Replaced whole: a crash leaves the previous index or this one. The archived copies it
+  // lists are flushed first.
   if (archived_since_close_) {
     int fd = ::open(archive_folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
@@ -296,17 +325,11 @@ void TSignEArchivia::ChiudiIndice() {
     }
     archived_since_close_ = false;
   }
-  try {
-    AtomicFileWriter out(Fpatharchivia);
-    FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });
-    out.commit();
-    index_stamp_ = StampOf(Fpatharchivia);
-    ReleaseArchive();
-  } catch (const std::exception& e) {
-    // The archive stays held: the same engine can retry the close once the cause is gone.
-    currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
-                            std::string("Error: ") + e.what());
-  }
+  AtomicFileWriter out(Fpatharchivia);
+  FXMLDocument->Serialize([&](const char* p, std::size_t n) { out.write(p, n); });
+  out.commit();
+  index_stamp_ = StampOf(Fpatharchivia);
+  ReleaseArchive();
 }
 
 }  // namespace tessarel

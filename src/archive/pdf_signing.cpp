@@ -281,7 +281,12 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
       throw Exception(options.cert_id.empty()
                           ? "the personal store " + store->location() + " holds no certificate"
                           : "certificate " + options.cert_id + " is not in the personal store");
-    signer = PdfSigner{*it, store->signing_key(*it), {}};
+    std::unique_ptr<SigningKey> key = store->signing_key(*it);
+    // Said before any copy is made, and as plainly as when files are signed (a token whose
+    // PIN was not given has said so already).
+    if (!key)
+      throw Exception("Certificate " + it->id() + " not found, or its private key is not usable");
+    signer = PdfSigner{*it, std::move(key), {}};
   }
   // A regular output is signed as a copy made beside it and renamed over it at the end: one
   // copy of the document instead of two, and readers of the output see the old file or the

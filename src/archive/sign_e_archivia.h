@@ -80,6 +80,10 @@ class TSignEArchivia : public ISignEArchivia {
   void ReleaseArchive() noexcept;
   // Creates the folder and its missing parents, remembering which ones were made here.
   bool CreateArchiveFolders(const std::string& folder);
+  // The signing steps of ChiudiIndice: the index in memory gets its signature.
+  void SignIndex();
+  // Writes the index in memory over index.xml (atomically) and releases the archive.
+  void WriteIndex();
 
   // The index held in memory; absent until ApriIndice. Its presence is what "open" means.
   std::unique_ptr<xml::Document> FXMLDocument;
