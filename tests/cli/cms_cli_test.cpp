@@ -274,5 +274,44 @@ TEST_F(CmsCli, Base64AsEditorsAndScriptsLeaveIt) {
   EXPECT_TRUE(r.out.empty());
 }
 
+// A detached signature signed again into an attached envelope (x.pdf.p7s.p7m): the data of
+// the inner signature is x.pdf, found by taking both extensions off, and the x.pdf.p7s that
+// may still lie beside is not taken for it.
+TEST_F(CmsCli, ADetachedSignatureInsideAnAttachedEnvelopeFindsItsData) {
+  std::string doc = dir_ / "verbale è.pdf";
+  test::write_file(doc, "%PDF-1.4 verbale\n");
+  ASSERT_EQ(cli({"sign", "--detached", "--cert", id_, doc}).exit_code, 0);
+  ASSERT_EQ(cli({"sign", "--cert", id_, doc + ".p7s"}).exit_code, 0);
+  std::string nest = doc + ".p7s.p7m";
+  for (bool inner_beside : {true, false}) {
+    SCOPED_TRACE(inner_beside ? "x.pdf.p7s beside" : "x.pdf.p7s removed");
+    if (!inner_beside) std::filesystem::remove(doc + ".p7s");
+    auto r = cli({"verify", nest});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_EQ(r.out.rfind("VALID: 2 envelopes, one inside the other (innermost: detached, 17 "
+                          "bytes of content)\n",
+                          0),
+              0u)
+        << r.out;
+    EXPECT_NE(r.out.find("layer 2 of 2: VALID (detached, 17 bytes of content; form: DER)"),
+              std::string::npos)
+        << r.out;
+  }
+  test::write_file(doc, "%PDF-1.4 verbale?\n");
+  auto r = cli({"verify", nest});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("layer 1 of 2: VALID"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("layer 2 of 2: NOT VALID"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("does not match"), std::string::npos) << r.out;
+  std::filesystem::remove(doc);
+  r = cli({"verify", nest});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("no content file was given"), std::string::npos) << r.out;
+  // The document given by name still works, wherever it lies.
+  test::write_file(dir_ / "copia.pdf", "%PDF-1.4 verbale\n");
+  r = cli({"verify", nest, "--content", dir_ / "copia.pdf"});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+}
+
 }  // namespace
 }  // namespace tessarel
