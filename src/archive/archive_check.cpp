@@ -103,7 +103,8 @@ std::string check_file(const std::string& archive, const ArchiveFileEntry& f, co
 // Every layer of the envelope must verify, and the data file must be the content of one
 // of them: the innermost for a document signed once or signed again (a.pdf in
 // a.pdf.p7m.p7m), an outer one when the archived file was itself an envelope that was
-// signed again. A detached layer is checked against the data file.
+// signed again. A detached layer is checked against the data file. Content that only looks
+// like an envelope is no problem: it may well be the archived file.
 void check_envelope(const std::string& envelope_path, const std::string& data_path,
                     const std::string& label, std::vector<ArchiveProblem>& problems) {
   ExternalContent data(data_path);
@@ -122,8 +123,6 @@ void check_envelope(const std::string& envelope_path, const std::string& data_pa
     for (const auto& s : v.signers)
       for (const auto& p : s.problems)
         problems.push_back({label, who + p});
-    for (const auto& n : layers[i].notes)
-      problems.push_back({label, who + n});
     if (!m.FEContentPresent) {
       if (layers[i].given == &data.content) is_content = true;
     } else if (!is_content && m.FContent->Size() == data.content.Size()) {

@@ -174,11 +174,17 @@ TEST_F(ArchiveCheck, ANestedEnvelopeIsCheckedLayerByLayer) {
   std::string inner = input("inner.txt", "allegato\n");
   ASSERT_EQ(sign(inner, inner + ".p7m", "DER"), 0);
   ASSERT_EQ(sign(inner + ".p7m", inner + ".p7m.p7m", "DER"), 0);
+  // Even a damaged envelope, archived as it was received and signed: its content only looks
+  // like an envelope.
+  Bytes cut = test::read_bytes(inner + ".p7m");
+  std::string damaged = input("ricevuta.p7m", std::string(cut.begin(), cut.begin() + 200));
+  ASSERT_EQ(sign(damaged, damaged + ".p7m", "DER"), 0);
   {
     TSignEArchivia e;
     e.ApriIndice(arch_, "0A2C", false);
     e.ArchiviaFile(data, data + ".p7m.p7m", "", "Verbali", april_);
     e.ArchiviaFile(inner + ".p7m", inner + ".p7m.p7m", "", "Verbali", april_);
+    e.ArchiviaFile(damaged, damaged + ".p7m", "", "Verbali", april_);
     e.ChiudiIndice();
   }
   ArchiveCheckReport r = VerifyArchive(arch_);
