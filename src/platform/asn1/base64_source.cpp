@@ -166,7 +166,11 @@ Base64Source::Base64Source(std::shared_ptr<const ByteSource> text, std::uint64_t
   // The text without the white space around it.
   Bytes head(static_cast<std::size_t>(std::min<std::uint64_t>(kHead, end - begin)));
   text_->read(begin, head.data(), head.size());
-  std::size_t lead = 0;
+  // A byte-order mark some editors write, then white space.
+  std::size_t lead = std::string_view(reinterpret_cast<const char*>(head.data()), head.size())
+                             .starts_with("\xEF\xBB\xBF")
+                         ? 3
+                         : 0;
   while (lead < head.size() && tables().cls[head[lead]] == kWhite)
     ++lead;
   start_ = begin + lead;
