@@ -194,9 +194,10 @@ TEST_F(SafetyCli, NoCommandWritesOntoItsOwnInput) {
 
   auto refused = [&](const std::vector<std::string>& args, const std::string& output,
                      const std::string& what) {
-    auto r = cli(args);
-    EXPECT_EQ(r.exit_code, 1) << output << ": " << r.err;
-    EXPECT_NE(r.err.find("It is " + what), std::string::npos) << output << ": " << r.err;
+    auto refusal = cli(args);
+    EXPECT_EQ(refusal.exit_code, 1) << output << ": " << refusal.err;
+    EXPECT_NE(refusal.err.find("It is " + what), std::string::npos)
+        << output << ": " << refusal.err;
   };
   for (const std::string& out : {dir_ / "k.pfx", dir_ / "k-hard.pfx"})
     refused({"pdf", "sign", dir_ / "doc.pdf", "-o", out, "--pfx", dir_ / "k.pfx", "--password", pw},
@@ -488,9 +489,9 @@ TEST_F(SafetyCli, ParametersAndTypesThatWouldBreakTheIndexAreRefusedFirst) {
   // Inside the ranges: accepted, written, and the index reads back and verifies.
   for (std::string type : std::vector<std::string>{"Citt\xc3\xa0", "x\xc2\xb7y", "\xce\xa9mega",
                                                    "_x-1.2", "\xe6\x96\x87\xe6\x9b\xb8"}) {
-    auto r =
+    auto added =
         cli({"archive", "add", arch_, "--type", type, "--existing", "overwrite", dir_ / "a.txt"});
-    EXPECT_EQ(r.exit_code, 0) << type << r.err;
+    EXPECT_EQ(added.exit_code, 0) << type << added.err;
   }
   // A refusal in an archive that exists leaves it as it was, lock file and all.
   r = cli({"archive", "add", arch_, "--type", "a:b", dir_ / "a.txt"});

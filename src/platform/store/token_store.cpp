@@ -401,18 +401,18 @@ std::vector<TokenCertStore::Entry> TokenCertStore::enumerate() {
     clear_problem("match " + text_);
   for (const auto& token : found) {
     std::vector<std::tuple<Bytes, Bytes, Certificate>> certs;  // label, id, certificate
-    token->run(Login::No, [&](CK_SESSION_HANDLE s) {
+    token->run(Login::No, [&](CK_SESSION_HANDLE session) {
       certs.clear();
       std::vector<Attribute> match = {attr_ulong(CKA_CLASS, CKO_CERTIFICATE),
                                       attr_ulong(CKA_CERTIFICATE_TYPE, CKC_X_509)};
       if (uri_.object) match.push_back(attr_text(CKA_LABEL, *uri_.object));
       if (uri_.id) match.push_back(attr_bytes(CKA_ID, *uri_.id));
-      for (CK_OBJECT_HANDLE h : find_objects(token->fn(), s, match)) {
-        auto value = get_attribute(token->fn(), s, h, CKA_VALUE);
+      for (CK_OBJECT_HANDLE h : find_objects(token->fn(), session, match)) {
+        auto value = get_attribute(token->fn(), session, h, CKA_VALUE);
         if (!value) continue;
         try {
-          certs.emplace_back(get_attribute(token->fn(), s, h, CKA_LABEL).value_or(Bytes{}),
-                             get_attribute(token->fn(), s, h, CKA_ID).value_or(Bytes{}),
+          certs.emplace_back(get_attribute(token->fn(), session, h, CKA_LABEL).value_or(Bytes{}),
+                             get_attribute(token->fn(), session, h, CKA_ID).value_or(Bytes{}),
                              Certificate::from_der(*value));
         } catch (const Exception& e) {
           warn("PKCS#11: skipping an unreadable certificate on the token \"" + token->label() +

@@ -203,7 +203,8 @@ TEST_F(PdfCli, BadDocumentsAreClearErrorsAndLeaveNothing) {
     if (e.path().extension() == ".key") std::filesystem::remove(e.path());
   r = cli({"pdf", "sign", in_, "-o", out, "--cert", id_});
   EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(r.err, "tessarel: error: Private key not found\n");
+  EXPECT_EQ(r.err, "tessarel: error: Certificate " + id_ +
+                       " not found, or its private key is not usable\n");
   EXPECT_FALSE(std::filesystem::exists(out));
   EXPECT_EQ(test::read_file(in_), original_);
   EXPECT_TRUE(temp_folder_empty());
