@@ -5,8 +5,15 @@
 // protection by pkcs11-tool.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <filesystem>
 #include <sstream>
+#include <thread>
 
 #include "softhsm.h"
 #include "test_support.h"
@@ -626,14 +633,52 @@ TEST_F(TokenCli, TwoProcessesSignWithTheSameTokenAtOnce) {
     files.push_back(dir_ / ("f" + std::to_string(i) + ".txt"));
     test::write_file(files.back(), std::string(100 + i, 'x'));
   }
-  std::string half1, half2;
-  for (int i = 0; i < 20; ++i)
-    (i % 2 ? half1 : half2) += " " + files[static_cast<std::size_t>(i)];
-  std::string base = "SOFTHSM2_CONF=" + hsm_.conf() + " " + test::cli_path() + " --store '" +
-                     store + "' " + pin_ + " -q sign";
-  auto r = test::run_shell("(" + base + half1 + " >/dev/null & p1=$!; " + base + half2 +
-                           " >/dev/null & p2=$!; wait $p1 && wait $p2) 2>&1");
-  EXPECT_EQ(r.exit_code, 0) << r.out;
+  // Each process reads its PIN from a FIFO, so that both have found the token before either
+  // logs in: SoftHSM2 can miss a token for good in a process that starts while another
+  // process is logging in to it, which is no fault of ours. Then both sign at once.
+  std::vector<pid_t> children;
+  std::vector<std::string> fifos;
+  for (int half = 0; half < 2; ++half) {
+    fifos.push_back(dir_ / ("pin" + std::to_string(half)));
+    ASSERT_EQ(::mkfifo(fifos.back().c_str(), 0600), 0);
+    std::vector<std::string> args = {
+        test::cli_path(), "--store", store, "--pin=file:" + fifos.back(), "-q", "sign"};
+    for (int i = half; i < 20; i += 2)
+      args.push_back(files[static_cast<std::size_t>(i)]);
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      ::setenv("SOFTHSM2_CONF", hsm_.conf().c_str(), 1);
+      std::vector<char*> argv;
+      for (auto& a : args)
+        argv.push_back(a.data());
+      argv.push_back(nullptr);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+    children.push_back(pid);
+  }
+  // A FIFO opens for writing without blocking only once its reader has opened it.
+  std::vector<int> writers;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  for (const auto& fifo : fifos) {
+    int fd = -1;
+    while ((fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) < 0 &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_GE(fd, 0) << "a signer never asked for its PIN";
+    writers.push_back(fd);
+  }
+  for (int fd : writers) {
+    if (fd < 0) continue;
+    EXPECT_EQ(::write(fd, "1234\n", 5), 5);
+    ::close(fd);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  }
   for (const auto& f : files)
     EXPECT_TRUE(openssl_verifies(f + ".p7m", pem)) << f << ": " << last_;
 }
