@@ -40,22 +40,10 @@ using namespace std::chrono_literals;
 using qt::control;
 using qt::when_shown;
 
-std::string run_shell(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    out.append(buf, n);
-  pclose(p);
-  return out;
-}
-
 class QtDialogs : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static qt_test::TempFolder env;
+    static test::TempDir env;
     qt_test::private_environment(env.path());
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
     static int argc = 1;
@@ -86,7 +74,7 @@ class QtDialogs : public ::testing::Test {
                       "-addext keyUsage=digitalSignature 2>/dev/null && "
                       "openssl pkcs12 -export -in c.pem -inkey k.pem -passout pass:pw -out x.p12 "
                       "&& echo ok";
-    EXPECT_EQ(run_shell(cmd), "ok\n");
+    EXPECT_EQ(test::run_shell(cmd).out, "ok\n");
     std::ifstream f(d + "/x.p12", std::ios::binary);
     Bytes pfx((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
     return import_pkcs12(*personal_store(), pfx, "pw");
@@ -117,7 +105,7 @@ class QtDialogs : public ::testing::Test {
     return control<QLabel>(form, name)->text();
   }
 
-  qt_test::TempFolder dir_;
+  test::TempDir dir_;
   std::shared_ptr<Ui> ui_;
 };
 
