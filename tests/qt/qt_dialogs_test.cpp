@@ -22,10 +22,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
+#include <stop_token>
 #include <thread>
 
+#include "certgen/wizard_testing.h"
 #include "qt/drive.h"
 #include "qt_support.h"
 
@@ -36,22 +40,10 @@ using namespace std::chrono_literals;
 using qt::control;
 using qt::when_shown;
 
-std::string run_shell(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    out.append(buf, n);
-  pclose(p);
-  return out;
-}
-
 class QtDialogs : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static qt_test::TempFolder env;
+    static test::TempDir env;
     qt_test::private_environment(env.path());
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
     static int argc = 1;
@@ -82,7 +74,7 @@ class QtDialogs : public ::testing::Test {
                       "-addext keyUsage=digitalSignature 2>/dev/null && "
                       "openssl pkcs12 -export -in c.pem -inkey k.pem -passout pass:pw -out x.p12 "
                       "&& echo ok";
-    EXPECT_EQ(run_shell(cmd), "ok\n");
+    EXPECT_EQ(test::run_shell(cmd).out, "ok\n");
     std::ifstream f(d + "/x.p12", std::ios::binary);
     Bytes pfx((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
     return import_pkcs12(*personal_store(), pfx, "pw");
@@ -113,7 +105,7 @@ class QtDialogs : public ::testing::Test {
     return control<QLabel>(form, name)->text();
   }
 
-  qt_test::TempFolder dir_;
+  test::TempDir dir_;
   std::shared_ptr<Ui> ui_;
 };
 
@@ -515,22 +507,37 @@ TEST_F(QtDialogs, ClosingTheWizardDuringGenerationStopsTheWorkerAndStoresNothing
   w.edtLocality = "Asti";
   w.edtOrganization = "Studio";
   w.EdtEmail = "lento@example.org";
-  w.set_key_bits(15360);  // minutes of prime search unless stopped
+  // The worker waits, before making the key, until the wizard stops it; the bar moves every
+  // 10 ms instead of 200.
+  WizardTesting::before_generation(w, [](std::stop_token stop) {
+    std::mutex m;
+    std::condition_variable_any cv;
+    std::unique_lock lock(m);
+    cv.wait(lock, stop, [] { return false; });
+  });
+  std::string ended = "not ended";
+  WizardTesting::after_generation(w, [&ended](std::exception_ptr e) {
+    try {
+      if (e) std::rethrow_exception(e);
+      ended = "a certificate";
+    } catch (const std::exception& x) {
+      ended = x.what();
+    }
+  });
+  WizardTesting::set_tick(w, 10ms);
   std::vector<int> positions;
   bool cancel_disabled = false;
   bool worker_running_before = false;
   when_shown<QDialog>([&](QDialog* d) {
     click(control<QPushButton>(d, "btnNext"));
     click(control<QPushButton>(d, "btnNext"));
-    click(control<QPushButton>(d, "btnGenerate"));
     auto* bar = control<QProgressBar>(d, "pbGenerate");
     // Progress arrives through the form's event loop while the key is being generated.
-    for (int i = 0; i < 200 && positions.size() < 3; ++i) {
-      QTest::qWait(50);
-      if (positions.empty() || positions.back() != bar->value()) positions.push_back(bar->value());
-    }
+    QObject::connect(bar, &QProgressBar::valueChanged, [&](int v) { positions.push_back(v); });
+    click(control<QPushButton>(d, "btnGenerate"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return positions.size() >= 3; }, 60000));
     cancel_disabled = !control<QPushButton>(d, "btnCancel")->isEnabled() && bar->isVisible();
-    worker_running_before = w.worker_running();
+    worker_running_before = WizardTesting::worker_running(w);
     d->close();
   });
   ui_->certificate_wizard(w);
@@ -538,8 +545,11 @@ TEST_F(QtDialogs, ClosingTheWizardDuringGenerationStopsTheWorkerAndStoresNothing
   EXPECT_TRUE(cancel_disabled);
   ASSERT_GE(positions.size(), 3u);
   EXPECT_EQ(positions[1], positions[0] + 5);
+  EXPECT_EQ(positions[2], positions[1] + 5);
   EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
-  EXPECT_FALSE(w.worker_running()) << "the worker thread must be joined when the form closes";
+  EXPECT_FALSE(WizardTesting::worker_running(w))
+      << "the worker thread must be joined when the form closes";
+  EXPECT_EQ(ended, "Key generation cancelled");
   EXPECT_EQ(w.cert_commonName(), "");
   EXPECT_TRUE(open_store(dir_.path() + "/MY")->certificates().empty());
 }

@@ -167,19 +167,6 @@ std::size_t count(const std::string& haystack, const std::string& needle) {
   return n;
 }
 
-bool on_path(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::string p = path ? path : "";
-  std::size_t start = 0;
-  while (start <= p.size()) {
-    std::size_t end = p.find(':', start);
-    if (end == std::string::npos) end = p.size();
-    if (access((p.substr(start, end - start) + "/" + program).c_str(), X_OK) == 0) return true;
-    start = end + 1;
-  }
-  return false;
-}
-
 void no_display() {
   unsetenv("DISPLAY");
   unsetenv("WAYLAND_DISPLAY");
@@ -187,7 +174,7 @@ void no_display() {
 }
 
 TEST(QtDisplay, ABrokenDisplayFallsBackAndSaysWhyOnce) {
-  qt_test::TempFolder dir;
+  test::TempDir dir;
   qt_test::private_environment(dir.path());
   no_display();
   setenv("DISPLAY", ":4093", 1);  // no server answers there
@@ -232,7 +219,7 @@ TEST(QtDisplay, ABrokenDisplayFallsBackAndSaysWhyOnce) {
 }
 
 TEST(QtDisplay, EveryFormIsPicturedAtItsLayoutSize) {
-  qt_test::TempFolder dir;
+  test::TempDir dir;
   qt_test::private_environment(dir.path());
   Outcome r = run({TESSAREL_RENDER_FORMS_PATH, dir.path() + "/shots"}, dir.path() + "/err");
   ASSERT_EQ(r.exit_code, 0) << r.err;
@@ -332,8 +319,9 @@ class Xvfb {
 // worker threads, and leaves with a dialog still open. A dialog that never opens shows as
 // a child killed at the time limit.
 TEST(QtDisplay, DialogsOpenOnARealXServerInAPrivateApplicationFromAnyThread) {
-  if (!on_path("Xvfb") || !on_path("xauth")) GTEST_SKIP() << "Xvfb or xauth is not installed";
-  qt_test::TempFolder dir;
+  if (!test::have_program("Xvfb") || !test::have_program("xauth"))
+    GTEST_SKIP() << "Xvfb or xauth is not installed";
+  test::TempDir dir;
   qt_test::private_environment(dir.path());
   Xvfb x(dir.path());
   ASSERT_FALSE(x.display().empty()) << "Xvfb did not start";
@@ -367,9 +355,10 @@ std::string x_windows(const std::string& dir) {
 // With a display at hand, auto opens a window; TESSAREL_UI=terminal asks on the terminal
 // and TESSAREL_UI=none asks nothing, and neither opens a window.
 TEST(QtDisplay, TheUiVariableOverridesTheDesktopWhenADisplayIsThere) {
-  if (!on_path("Xvfb") || !on_path("xauth") || !on_path("xwininfo"))
+  if (!test::have_program("Xvfb") || !test::have_program("xauth") ||
+      !test::have_program("xwininfo"))
     GTEST_SKIP() << "Xvfb, xauth or xwininfo is not installed";
-  qt_test::TempFolder dir;
+  test::TempDir dir;
   qt_test::private_environment(dir.path());
   Xvfb x(dir.path());
   ASSERT_FALSE(x.display().empty()) << "Xvfb did not start";

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <regex>
 
-#include "../../archive/pdf/pdf_fixtures.h"
+#include "pdf_fixtures.h"
 #include "platform/crypto/pkcs12.h"
 #include "softhsm.h"
 #include "test_support.h"

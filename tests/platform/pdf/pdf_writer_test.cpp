@@ -8,7 +8,7 @@
 #include <map>
 #include <regex>
 
-#include "../../archive/pdf/pdf_fixtures.h"
+#include "pdf_fixtures.h"
 #include "platform/pdf/pdf_document.h"
 #include "platform/pdf/pdf_text.h"
 #include "platform/pdf/pdf_update.h"
