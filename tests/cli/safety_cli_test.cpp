@@ -11,7 +11,7 @@
 #include <functional>
 #include <map>
 
-#include "../archive/pdf/pdf_fixtures.h"
+#include "pdf_fixtures.h"
 #include "test_support.h"
 
 namespace tessarel {
