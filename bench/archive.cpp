@@ -28,8 +28,10 @@ namespace {
 std::pair<double, double> cpu() {
   rusage u{};
   getrusage(RUSAGE_SELF, &u);
-  return {u.ru_utime.tv_sec + u.ru_utime.tv_usec / 1e6,
-          u.ru_stime.tv_sec + u.ru_stime.tv_usec / 1e6};
+  auto seconds = [](const timeval& t) {
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+  };
+  return {seconds(u.ru_utime), seconds(u.ru_stime)};
 }
 }  // namespace
 

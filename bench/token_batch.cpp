@@ -103,7 +103,8 @@ int main(int argc, char** argv) {
   CK_SESSION_HANDLE session;
   must(fn->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session) == CKR_OK,
        "C_OpenSession failed");
-  CK_RV login = fn->C_Login(session, CKU_USER, (CK_UTF8CHAR*)"1234", 4);
+  CK_RV login =
+      fn->C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>("1234")), 4);
   must(login == CKR_OK || login == CKR_USER_ALREADY_LOGGED_IN, "C_Login failed");
   auto keys = tessarel::p11::find_objects(fn, session,
                                           {tessarel::p11::attr_ulong(CKA_CLASS, CKO_PRIVATE_KEY)});

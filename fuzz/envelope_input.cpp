@@ -15,14 +15,16 @@ namespace {
 
 using tessarel::Bytes;
 
-// The plain decoder: drop white space and padding, then six bits per character.
+// The plain decoder: drop a leading byte-order mark, white space and padding, then six
+// bits per character.
 bool reference_decode(const std::uint8_t* p, std::size_t n, Bytes& out) {
   static const std::string alphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::uint32_t acc = 0;
   int bits = 0;
   bool pad = false;
-  for (std::size_t i = 0; i < n; ++i) {
+  std::size_t first = n >= 3 && std::memcmp(p, "\xEF\xBB\xBF", 3) == 0 ? 3 : 0;
+  for (std::size_t i = first; i < n; ++i) {
     char c = static_cast<char>(p[i]);
     if (std::strchr(" \t\r\n\f\v", c) && c) continue;
     if (c == '=') {

@@ -105,10 +105,11 @@ class TESSAREL_API Certificate {
 
   bool operator==(const Certificate& other) const;
 
-  struct Impl;
-  const Impl& impl() const { return *impl_; }
-
  private:
+  // The parsed form is the library's own business; its crypto layer reaches it through
+  // CertificateAccess.
+  friend struct CertificateAccess;
+  struct Impl;
   explicit Certificate(std::shared_ptr<const Impl> impl);
   std::shared_ptr<const Impl> impl_;
 };

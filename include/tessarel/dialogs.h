@@ -34,11 +34,14 @@ class TESSAREL_API TPasswordRequestForm {
   std::string edtPassword;
 
   void btnOkClick() { modal_result_ = ModalResult::Ok; }
-  void btnCancelClick() { modal_result_ = ModalResult::Cancel; }
+  // Cancel wipes the password: a cancelled form hands none over.
+  void btnCancelClick();
   // A character typed in the password field: Enter (13) acts as a click on Ok.
   void edtPasswordKeyPress(char key);
   // Escape is not a cancel key on this form: it does nothing.
   void escape() {}
+  // The window's close box: like Cancel.
+  void close_box() { btnCancelClick(); }
   // The form cannot be resized.
   static bool FormCanResize() { return false; }
 
@@ -63,6 +66,8 @@ class TESSAREL_API TSignFileOverriteDlg {
 
   void select(int index);
   void OKBtnClick() { modal_result_ = ModalResult::Ok; }
+  // The form has no cancel button: Escape does nothing.
+  void escape() {}
   // The window's close box also ends the dialog; the selection still counts.
   void close_box() { modal_result_ = ModalResult::Cancel; }
   ModalResult modal_result() const { return modal_result_; }
@@ -92,6 +97,8 @@ class TESSAREL_API TSignCancRegDlg {
   void CancelBtnClick() { modal_result_ = ModalResult::Cancel; }
   // Escape is the cancel key of this form.
   void escape() { modal_result_ = ModalResult::Cancel; }
+  // The window's close box: like Cancel.
+  void close_box() { modal_result_ = ModalResult::Cancel; }
   ModalResult modal_result() const { return modal_result_; }
 
  private:

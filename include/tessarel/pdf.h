@@ -22,6 +22,11 @@ struct PdfSignOptions {
   bool invisible = false;  // no visible appearance
   bool pades = false;      // PAdES baseline B-B (ETSI.CAdES.detached) instead of adbe.pkcs7
   bool progress = false;   // progress texts through the installed Ui while hashing
+  // How messages name the input (empty: its path), for an input that is a temporary copy.
+  std::string input_name;
+  // Files the caller read for this signing (the PKCS#12 file, a password file): the output
+  // is never written over any of them.
+  std::vector<GuardedInput> inputs;
 };
 
 struct PdfSignResult {
@@ -33,10 +38,11 @@ struct PdfSignResult {
 
 // Signs a PDF document into output (empty: the input itself is replaced, only once signing
 // succeeded). The input is never edited in place: a copy made beside the output is signed and
-// then renamed over it. Throws tessarel::Exception with a clear message (encrypted or damaged
-// document, wrong PFX password, certificate without key, output not writable, output naming
-// the input); the input and an existing output are unchanged then, and no temporary file is
-// left.
+// then renamed over it (a symbolic link output is followed, a device or FIFO written into).
+// Throws tessarel::Exception with a clear message (encrypted or damaged document, wrong PFX
+// password, certificate without key, output not writable, output naming the input, one of
+// options.inputs or a file of the store); the input and an existing output are unchanged
+// then, and no temporary file is left.
 TESSAREL_API PdfSignResult SignPdf(const std::string& input, const std::string& output,
                                    const PdfSignOptions& options);
 

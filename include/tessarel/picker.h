@@ -24,7 +24,6 @@ namespace tessarel {
 class TESSAREL_API TfrmSelWinCert {
  public:
   static constexpr const char* kCaption = "Seleziona certificato";
-  static constexpr const char* kLabel1 = "Certificati installati in Tessarel (MY Storage)";
   static constexpr const char* kLbPrivateKey = "Ha chiave privata: ";
   static constexpr const char* kLbUsage = "Utilizzo del certificato: ";
   static constexpr const char* kRemoveItem = "Rimuovi Certificato";
@@ -56,8 +55,11 @@ class TESSAREL_API TfrmSelWinCert {
   bool showCA = false;
 
   void FormShow();
-  const std::vector<Row>& rows() const { return rows_; }
-  int selected_row() const { return selected_; }
+  // The caption above the list: which store the certificates come from (the personal
+  // store's folder, or the token a pkcs11: store names).
+  std::string Label1() const;
+  const std::vector<Row>& rows() const;
+  int selected_row() const;
 
   // Selection changed: row index, or -1 for none.
   void lvCerificatesChange(int row);
@@ -68,29 +70,22 @@ class TESSAREL_API TfrmSelWinCert {
   void btnCancelClick();
   // The window's close box: like Cancel.
   void close_box();
+  // Neither button is the default or the cancel button: Enter and Escape close nothing.
+  void escape() {}
 
-  ModalResult modal_result() const { return modal_result_; }
+  ModalResult modal_result() const;
   // The certificate of the selected row, if any.
-  const std::optional<Certificate>& FCertificate() const { return certificate_; }
+  const std::optional<Certificate>& FCertificate() const;
   // The info panel's two values.
-  const std::string& dlbPrivateKey() const { return dlb_private_key_; }
-  const std::string& dlbUsage() const { return dlb_usage_; }
+  const std::string& dlbPrivateKey() const;
+  const std::string& dlbUsage() const;
 
   // Text of the key-usage bits that are set, as the info panel shows it.
   static std::string UsageText(const Certificate& cert);
 
  private:
-  void UpdateCertificates();
-  void UpdateCertInfo();
-  void FormCloseQuery();
-
-  std::shared_ptr<CertStore> WinCertStorage;
-  std::vector<Row> rows_;
-  int selected_ = -1;
-  std::optional<Certificate> certificate_;
-  std::string dlb_private_key_ = "None";
-  std::string dlb_usage_ = "None";
-  ModalResult modal_result_ = ModalResult::None;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace tessarel

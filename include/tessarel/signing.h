@@ -88,7 +88,9 @@ struct VerifyOptions {
   // attached one, checked to hold the same bytes as the innermost content.
   std::string content_file;
   // Without a content file, a detached envelope's data is looked for beside it: its name
-  // without the last extension (x.pdf for x.pdf.p7s).
+  // without the last extension (x.pdf for x.pdf.p7s), and for a detached envelope inside
+  // attached ones, without one .p7m or .p7s per layer around it too (x.pdf for
+  // x.pdf.p7s.p7m).
   bool content_beside = false;
   TrustOptions trust;
 };

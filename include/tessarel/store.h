@@ -64,6 +64,9 @@ class TESSAREL_API CertStore {
   // another; the library reads the store again when it differs from what it saw. The
   // default, empty, means "unknown": the cached view is then kept.
   virtual std::string change_stamp();
+  // The files the store keeps its entries in (none for a token): nothing may be written
+  // over them but the store itself.
+  virtual std::vector<std::string> files();
 };
 
 // Default location of the personal store ($TESSAREL_STORE, else the XDG data folder).
@@ -81,6 +84,19 @@ TESSAREL_API std::shared_ptr<CertStore> personal_store();
 // raises tessarel::Exception and leaves the store unchanged. Returns the certificate.
 TESSAREL_API Certificate import_pkcs12(CertStore& store, const Bytes& pfx,
                                        const std::string& password);
+
+// Writes the certificate with its private key as PKCS#12 protected by password into output.
+// A new file is made readable by its owner only; an existing regular file is replaced whole
+// with its mode and owner kept, a symbolic link is followed, a device or FIFO written into.
+// Refused with EFCreateError, before anything is written, when output is one of the
+// store's own files or one of inputs (a password file, say).
+TESSAREL_API void export_pkcs12_file(CertStore& store, const Certificate& cert,
+                                     const std::string& password, const std::string& output,
+                                     const std::vector<GuardedInput>& inputs = {});
+// The same into an open descriptor (standard output), which stays open.
+TESSAREL_API void export_pkcs12_fd(CertStore& store, const Certificate& cert,
+                                   const std::string& password, int fd,
+                                   const std::vector<GuardedInput>& inputs = {});
 
 // Where the PIN of a PKCS#11 token comes from when the library has to log in: the token's
 // label in, the PIN out (nullopt: the user declined). Without a provider (or after

@@ -43,6 +43,14 @@ TESSAREL_API void wipe(Bytes& secret) noexcept;
 // 0.0 means "no date given".
 using DateTime = double;
 
+// A file that an operation reads: its output must never be written over it (same file by
+// device and inode, whatever names or links lead there). what names it in the refusal,
+// as "the password file".
+struct GuardedInput {
+  std::string path;
+  std::string what;
+};
+
 }  // namespace tessarel
 
 #endif

@@ -11,7 +11,9 @@
 #ifndef TESSAREL_WIZARD_H
 #define TESSAREL_WIZARD_H
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -68,6 +70,26 @@ class TESSAREL_API TfrmGenerateCert {
   // Upper bounds of the subject fields (X.520 / PKCS#9), in characters.
   static constexpr std::size_t kMaxCommonName = 64, kMaxLocality = 128, kMaxState = 128,
                                kMaxOrganization = 64, kMaxEmail = 255;
+
+  // The subject page's fields, top to bottom. A required field is marked with an asterisk
+  // and checked by Next; the country is chosen from cbCountryItems (it has no text member
+  // and no length bound).
+  struct SubjectField {
+    const char* control;  // the control's name
+    const char* label;
+    bool required;
+    std::string TfrmGenerateCert::*text;  // null for the country
+    std::size_t max_length;
+  };
+  static const std::array<SubjectField, 6> kSubjectFields;
+
+  // A date as the pickers show it, for toolkits whose date widgets count in calendar days.
+  struct Day {
+    int year, month, day;
+  };
+  static Day ToDay(DateTime d);
+  // Throws EConvertError for an impossible date.
+  static DateTime FromDay(const Day& d);
   // The wizard's fixed key settings.
   static constexpr int kKeyBits = 1024;
 
@@ -97,22 +119,24 @@ class TESSAREL_API TfrmGenerateCert {
   // Validity period (dates; the time part is ignored). Clamped to the pickers' range.
   void set_dtpFrom(DateTime d);
   void set_dtpTo(DateTime d);
-  DateTime dtpFrom() const { return dtp_from_; }
-  DateTime dtpTo() const { return dtp_to_; }
+  DateTime dtpFrom() const;
+  DateTime dtpTo() const;
 
-  Page page() const { return page_; }
-  const std::string& lblInfo() const { return lbl_info_; }
-  const std::string& lbGenerate() const { return lb_generate_; }
-  bool BackEnabled() const { return back_enabled_; }
-  bool NextEnabled() const { return next_enabled_; }
-  bool CancelEnabled() const { return cancel_enabled_; }
-  bool GenerateEnabled() const { return generate_enabled_; }
+  Page page() const;
+  const std::string& lblInfo() const;
+  const std::string& lbGenerate() const;
+  bool BackEnabled() const;
+  bool NextEnabled() const;
+  bool CancelEnabled() const;
+  bool GenerateEnabled() const;
   bool Generating() const;
-  bool ProgressVisible() const { return progress_visible_; }
-  int ProgressPosition() const { return progress_position_; }
-  bool Busy() const { return busy_; }
+  bool ProgressVisible() const;
+  int ProgressPosition() const;
+  bool Busy() const;
 
   void btnBackClick() {}  // Back stays disabled on every page
+  // Only Annulla or the close box end the wizard: Escape does nothing.
+  void escape() {}
   void btnNextClick();
   void btnCancelClick();
   void btnGenerateClick();
@@ -126,46 +150,19 @@ class TESSAREL_API TfrmGenerateCert {
   // generation's completion. Waits at most max_wait for something to happen.
   void ProcessMessages(std::chrono::milliseconds max_wait = std::chrono::milliseconds(0));
 
-  ModalResult modal_result() const { return modal_result_; }
+  ModalResult modal_result() const;
   // Display name of the stored certificate: common names joined by " / ", else the
   // organizations, else the e-mail addresses. Empty unless a certificate was stored.
-  const std::string& cert_commonName() const { return cert_common_name_; }
+  const std::string& cert_commonName() const;
   // The certificate stored by the wizard, when one was.
-  const Bytes& generated_certificate() const { return generated_der_; }
+  const Bytes& generated_certificate() const;
 
   // Called on the dialog's thread at every progress tick, with the new position.
   std::function<void(int)> OnProgress;
-  // Test hook: called on the worker thread before the key is generated (for example to
-  // slow a generation down so that progress and cancellation can be observed).
-  void set_before_generation(std::function<void()> hook);
-  // The generation's worker thread is running.
-  bool worker_running() const;
-  // The key length used by Genera (the wizard's is 1024; tests may raise it).
-  void set_key_bits(int bits) { key_bits_ = bits; }
-
-  struct Impl;
 
  private:
-  bool SubjectValid();
-  void StartGeneration();
-  void StopProgress();
-  void OnGenerationDone();
-  void FinishClosed(ModalResult r);
-
-  std::shared_ptr<CertStore> store_;
-  Page page_ = Page::tsEnterFields;
-  std::string lbl_info_;
-  std::string lb_generate_;
-  DateTime dtp_from_ = 0, dtp_to_ = 0;
-  bool back_enabled_ = false, next_enabled_ = true, cancel_enabled_ = true,
-       generate_enabled_ = true;
-  bool progress_visible_ = false;
-  int progress_position_ = 0;
-  bool busy_ = false;
-  int key_bits_ = kKeyBits;
-  ModalResult modal_result_ = ModalResult::None;
-  std::string cert_common_name_;
-  Bytes generated_der_;
+  friend struct WizardTesting;
+  struct Impl;
   std::unique_ptr<Impl> impl_;
 };
 

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "archive/archive_paths.h"
+#include "archive/envelope_layers.h"
 #include "boundary/file_digest.h"
 #include "cms/cms_verify.h"
 #include "platform/runtime/files.h"
@@ -99,6 +100,40 @@ std::string check_file(const std::string& archive, const ArchiveFileEntry& f, co
   return path;
 }
 
+// Every layer of the envelope must verify, and the data file must be the content of one
+// of them: the innermost for a document signed once or signed again (a.pdf in
+// a.pdf.p7m.p7m), an outer one when the archived file was itself an envelope that was
+// signed again. A detached layer is checked against the data file. Content that only looks
+// like an envelope is no problem: it may well be the archived file.
+void check_envelope(const std::string& envelope_path, const std::string& data_path,
+                    const std::string& label, std::vector<ArchiveProblem>& problems) {
+  ExternalContent data(data_path);
+  std::unique_ptr<ExternalContent> none;
+  std::vector<EnvelopeLayer> layers = OpenEnvelopeLayers(envelope_path, &data, false, none);
+  bool is_content = false;
+  Bytes data_digest;
+  for (std::size_t i = 0; i < layers.size(); ++i) {
+    TElSignedCMSMessage& m = *layers[i].message;
+    std::string who =
+        layers.size() == 1 ? "envelope: " : "envelope layer " + std::to_string(i + 1) + ": ";
+    // An attached layer's content is compared below, by digest.
+    CmsVerification v = VerifySignedMessage(m, m.FEContentPresent ? nullptr : layers[i].given);
+    for (const auto& p : v.problems)
+      problems.push_back({label, who + p});
+    for (const auto& s : v.signers)
+      for (const auto& p : s.problems)
+        problems.push_back({label, who + p});
+    if (!m.FEContentPresent) {
+      if (layers[i].given == &data.content) is_content = true;
+    } else if (!is_content && m.FContent->Size() == data.content.Size()) {
+      if (data_digest.empty()) data_digest = DigestContent(&data.content, DigestAlgorithm::SHA256);
+      is_content = DigestContent(m.FContent.get(), DigestAlgorithm::SHA256) == data_digest;
+    }
+  }
+  if (!is_content)
+    problems.push_back({label, "the envelope's content is not the archived data file"});
+}
+
 }  // namespace
 
 std::vector<ArchiveRecord> ListArchive(const std::string& folder) {
@@ -180,24 +215,7 @@ ArchiveCheckReport VerifyArchive(const std::string& folder, const std::string& e
     // The envelope must verify against the data file it was archived with.
     if (!envelope_path.empty() && !data_path.empty()) {
       try {
-        TElSignedCMSMessage message;
-        message.Open(std::make_shared<asn1::FileSource>(envelope_path));
-        auto data_source = std::make_shared<asn1::FileSource>(data_path);
-        TElCMSContent data;
-        data.Init(data_source, 0, data_source->size());
-        // An attached envelope is compared with the data file below, by digest.
-        CmsVerification v =
-            VerifySignedMessage(message, message.FEContentPresent ? nullptr : &data);
-        if (message.FEContentPresent &&
-            DigestContent(message.FContent.get(), DigestAlgorithm::SHA256) !=
-                DigestContent(&data, DigestAlgorithm::SHA256))
-          report.problems.push_back(
-              {label, "the envelope's content is not the archived data file"});
-        for (const auto& p : v.problems)
-          report.problems.push_back({label, "envelope: " + p});
-        for (const auto& s : v.signers)
-          for (const auto& p : s.problems)
-            report.problems.push_back({label, "envelope: " + p});
+        check_envelope(envelope_path, data_path, label, report.problems);
       } catch (const Exception& e) {
         // One line per problem: what the file is, then the reader's detail in brackets.
         std::string what = e.what();

@@ -69,6 +69,16 @@ void remove_stale_temporaries(const std::string& index_path) {
   }
 }
 
+// The certificate that signs the index, with a usable key; raises the messages of opening.
+Certificate require_signing_certificate(const std::string& idCert) {
+  const Certificate* found = TrovaCertificato(idCert);
+  if (!found) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
+  Certificate cert = *found;
+  if (!ChiaveValida(idCert))
+    throw Exception("Chiave non trovata. Impossibile applicare la Firma Digitale.");
+  return cert;
+}
+
 }  // namespace
 
 void set_archive_lock_timeout(std::chrono::milliseconds timeout) {
@@ -83,10 +93,19 @@ void TSignEArchivia::LockArchive() {
   archive_lock_.reset();
   std::string folder = archive_folder();
   std::chrono::milliseconds timeout = archive_lock_timeout();
-  archive_lock_ = FileLock::Acquire(Fpatharchivia + ".lock", timeout, [&] {
-    warn("the archive " + folder + " is in use by another program; waiting up to " +
-         seconds_text(timeout));
-  });
+  while (true) {
+    try {
+      archive_lock_ = FileLock::Acquire(Fpatharchivia + ".lock", timeout, [&] {
+        warn("the archive " + folder + " is in use by another program; waiting up to " +
+             seconds_text(timeout));
+      });
+      break;
+    } catch (const EFCreateError&) {
+      // The engine that held a new archive gave it up and took its folder away: the archive
+      // is made again here.
+      if (DirectoryExists(folder) || !CreateArchiveFolders(folder)) throw;
+    }
+  }
   if (!archive_lock_)
     throw Exception("L'archivio " + folder + " è in uso da un altro programma (atteso " +
                     seconds_text(timeout) + "): riprovare più tardi");
@@ -101,6 +120,27 @@ void TSignEArchivia::RelockArchive() {
                     " è stato cambiato da un altro programma dopo la chiusura: riaprirlo con "
                     "ApriIndice");
   }
+}
+
+void TSignEArchivia::ReleaseArchive() noexcept {
+  bool indexed = !Fpatharchivia.empty() && FileExists(Fpatharchivia);
+  // Removed while still held, so nobody can take it in between and be left without it.
+  if (archive_lock_ && !indexed) archive_lock_->remove_file();
+  archive_lock_.reset();
+  if (!indexed)
+    for (const auto& f : created_folders_)
+      ::rmdir(f.c_str());  // only when empty: files archived meanwhile stay where they are
+  created_folders_.clear();
+}
+
+bool TSignEArchivia::CreateArchiveFolders(const std::string& folder) {
+  std::vector<std::string> missing;
+  for (std::string f = folder; !f.empty() && f != "/" && !DirectoryExists(f); f = ExtractFileDir(f))
+    missing.push_back(f);
+  bool ok = ForceDirectories(folder);
+  for (const auto& f : missing)
+    if (DirectoryExists(f)) created_folders_.push_back(f);
+  return ok;
 }
 
 std::string TSignEArchivia::archive_folder() const {
@@ -177,6 +217,8 @@ void TSignEArchivia::SignerFormatElement(void*, xml::Node element, int level, co
 
 void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::string& idCert,
                                 bool detached) {
+  // The archive held until now is given back first.
+  ReleaseArchive();
   isModified = false;
   Fpatharchivia = index_location(patharchivia);
   FidCert = idCert;
@@ -185,23 +227,31 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
   // Until this completes no index is open: a failure leaves the engine closed.
   FXMLDocument.reset();
   Cert.reset();
-  archive_lock_.reset();
+  std::optional<Certificate> signer;
   if (!FileExists(Fpatharchivia)) {
+    // A new archive is only made for a certificate that can sign its index: a refusal
+    // leaves no folder behind.
+    signer = require_signing_certificate(idCert);
     std::string folder = ExtractFileDir(Fpatharchivia);
-    if (!ForceDirectories(folder)) throw Exception("Impossibile accedere alla cartella: " + folder);
-    if (DirectoryExists(Fpatharchivia))
+    if (!CreateArchiveFolders(folder)) {
+      ReleaseArchive();
+      throw Exception("Impossibile accedere alla cartella: " + folder);
+    }
+    if (DirectoryExists(Fpatharchivia)) {
+      ReleaseArchive();
       throw EFOpenError("Cannot open file \"" + Fpatharchivia + "\". Is a directory");
+    }
   }
-  LockArchive();
   std::unique_ptr<xml::Document> doc;
   try {
+    LockArchive();
     remove_stale_temporaries(Fpatharchivia);
     // Read only now: another writer may have created or changed the index while this one
     // waited for the archive.
     index_stamp_ = StampOf(Fpatharchivia);
     doc = index_stamp_.exists ? read_index(Fpatharchivia) : std::make_unique<xml::Document>();
   } catch (...) {
-    archive_lock_.reset();
+    ReleaseArchive();
     throw;
   }
   FXMLDocument = std::move(doc);
@@ -218,17 +268,12 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
     if (FXMLDocument->root().name() != kRootName)
       throw Exception(
           "File indice (index.xml) ha un elemento root con nome diverso da \"IndiceFile\"");
-    const Certificate* found = TrovaCertificato(idCert);
-    if (!found)
-      throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
-    Cert = *found;
-    if (!ChiaveValida(idCert))
-      throw Exception("Chiave non trovata. Impossibile applicare la Firma Digitale.");
+    Cert = signer ? *signer : require_signing_certificate(idCert);
     RimuoviFirmaXml(FXMLDocument->root());
   } catch (...) {
     FXMLDocument.reset();
     Cert.reset();
-    archive_lock_.reset();
+    ReleaseArchive();
     throw;
   }
 }
@@ -236,7 +281,7 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
 void TSignEArchivia::ChiudiIndice() {
   if (!isModified || !FXMLDocument) {
     // Nothing to write: the archive is free for others again.
-    archive_lock_.reset();
+    ReleaseArchive();
     return;
   }
   RelockArchive();
@@ -255,7 +300,32 @@ void TSignEArchivia::ChiudiIndice() {
     root = FXMLDocument->root();
   }
 
+  try {
+    SignIndex();
+  } catch (...) {
+    // The documents are in the archive already: the index that lists them is written all
+    // the same, without a signature (as it stands before signing), so that nothing is lost
+    // and the next close signs it. What failed is raised as it is.
+    RimuoviFirmaXml(FXMLDocument->root());
+    try {
+      WriteIndex();
+    } catch (const std::exception& e) {
+      warn("the index " + Fpatharchivia + " could not be written: " + e.what());
+    }
+    throw;
+  }
+  try {
+    WriteIndex();
+  } catch (const std::exception& e) {
+    // The archive stays held: the same engine can retry the close once the cause is gone.
+    currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
+                            std::string("Error: ") + e.what());
+  }
+}
+
+void TSignEArchivia::SignIndex() {
   if (!Cert) throw Exception("Certificato non trovato. Impossibile applicare la Firma Digitale.");
+  xml::Node root = FXMLDocument->root();
   std::shared_ptr<SigningKey> key = ChiaveDiFirma(*Cert);
   TElXMLReferenceList references;
   auto reference = std::make_unique<TElXMLReference>();
@@ -275,7 +345,9 @@ void TSignEArchivia::ChiudiIndice() {
   signer.FSignatureType = TElXMLSignatureType::xstEnveloped;
   signer.SetCanonicalizationMethod(1);
   signer.FSignatureMethodType = TElXMLSigMethodType::xmtSig;
-  signer.FSignatureMethod = TElXMLSignatureMethod::xsmRSA_SHA1;
+  // RSA keys sign with RSA-SHA1; an EC key (a smart card's P-256, say) has only ECDSA.
+  signer.FSignatureMethod = Cert->key_kind() == KeyKind::Ec ? TElXMLSignatureMethod::xsmECDSA
+                                                            : TElXMLSignatureMethod::xsmRSA_SHA1;
   signer.FMACMethod = TElXMLMACMethod::xmmHMAC_SHA1;
   signer.SetReferences(&references);
   signer.FKeyName = "";
@@ -290,31 +362,27 @@ void TSignEArchivia::ChiudiIndice() {
     throw EElXMLSecurityError(std::string("Errore durante la firma o Comando Annullato. (") +
                               e.what() + ")");
   }
+}
 
-  // Replaced whole: a crash leaves the previous signed index or this one. The archived
-  // copies it lists are flushed first.
+void TSignEArchivia::WriteIndex() {
+  // Replaced whole: a crash leaves the previous index or this one. The archived copies it
+  // lists are flushed first.
   FlushArchived();
-  try {
-    AtomicFileWriter out(Fpatharchivia);
-    // The serializer hands over a few kilobytes at a time: gathered into large writes.
-    std::string pending;
-    pending.reserve(1 << 20);
-    FXMLDocument->Serialize([&](const char* p, std::size_t n) {
-      if (pending.size() + n > pending.capacity()) {
-        out.write(pending);
-        pending.clear();
-      }
-      pending.append(p, n);
-    });
-    out.write(pending);
-    out.commit();
-    index_stamp_ = StampOf(Fpatharchivia);
-    archive_lock_.reset();
-  } catch (const std::exception& e) {
-    // The archive stays held: the same engine can retry the close once the cause is gone.
-    currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
-                            std::string("Error: ") + e.what());
-  }
+  AtomicFileWriter out(Fpatharchivia);
+  // The serializer hands over a few kilobytes at a time: gathered into large writes.
+  std::string pending;
+  pending.reserve(1 << 20);
+  FXMLDocument->Serialize([&](const char* p, std::size_t n) {
+    if (pending.size() + n > pending.capacity()) {
+      out.write(pending);
+      pending.clear();
+    }
+    pending.append(p, n);
+  });
+  out.write(pending);
+  out.commit();
+  index_stamp_ = StampOf(Fpatharchivia);
+  ReleaseArchive();
 }
 
 }  // namespace tessarel

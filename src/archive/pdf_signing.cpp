@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <iterator>
 #include <optional>
 
 #include "archive/sign_e_archivia.h"
@@ -78,21 +77,15 @@ void configure(TElCMSSignature* s, DateTime signing_time, bool pades) {
   s->FContentType.clear();
 }
 
-// Copies the signed temporary file onto the destination. The destination is replaced
+// Copies the signed temporary file onto the destination. A regular destination is replaced
 // atomically, so a failed copy leaves it as it was; data that existed is forced to disk
-// before it is replaced.
+// before it is replaced. A link, a device or a hard-linked file keeps what it is.
 void deliver(const std::string& temp, const std::string& dest) {
-  struct stat st {};
-  bool existed = ::stat(dest.c_str(), &st) == 0;
-  AtomicFileWriter writer(dest);
-  if (existed && S_ISREG(st.st_mode)) ::fchmod(writer.fd(), st.st_mode & 07777);
+  bool existed = FileExists(dest);
+  OutputReplacement writer(dest);
   InputFile in(temp);
   CopyAll(in, writer.fd(), dest);
   writer.commit(existed);
-}
-
-Bytes read_all(std::istream& in) {
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 std::string compose_reason(const std::string& reason, const std::string& name) {
@@ -193,7 +186,7 @@ bool TSignEArchivia::FirmaPdf(const std::string& fname, const std::string& fname
   Bytes pfx;
   ScopeExit wipe_pfx([&] { wipe(pfx); });
   if (certCA.empty()) {
-    if (stream) pfx = read_all(*stream);
+    if (stream) pfx = ReadStream(*stream);
     if (pfx.empty()) return false;
   }
 
@@ -260,17 +253,25 @@ bool TSignEArchivia::FirmaPdf(const std::string& fname, const std::string& fname
 PdfSignResult SignPdf(const std::string& input, const std::string& output,
                       const PdfSignOptions& options) {
   std::string dest = output.empty() ? input : output;
-  std::error_code ec;
-  if (!output.empty() && std::filesystem::equivalent(input, output, ec))
-    throw Exception("the output " + output +
-                    " is the document being signed; leave the output out to sign it in place");
+  // What the output may not be written over: the files this signing reads, the document
+  // itself (unless it is signed in place) and, when the key comes from it, the store.
+  std::vector<GuardedInput> guarded = options.inputs;
+  if (!output.empty())
+    guarded.push_back(
+        {input, "the document being signed; leave the output out to sign it in place"});
+  std::shared_ptr<CertStore> store;
+  if (options.pfx.empty()) {
+    store = personal_store();
+    for (auto& f : store->files())
+      guarded.push_back({f, "a file of the certificate store " + store->location()});
+  }
+  RefuseOutputOntoInputs(dest, guarded);
 
   // The certificate first: a wrong password or identifier costs no copy of the document.
   std::optional<PdfSigner> signer;
   if (!options.pfx.empty()) {
     signer = from_pfx(options.pfx, options.pfx_password);
   } else {
-    auto store = personal_store();
     std::vector<Certificate> all = store->certificates();
     auto it = all.begin();
     if (!options.cert_id.empty())
@@ -280,19 +281,36 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
       throw Exception(options.cert_id.empty()
                           ? "the personal store " + store->location() + " holds no certificate"
                           : "certificate " + options.cert_id + " is not in the personal store");
-    signer = PdfSigner{*it, store->signing_key(*it), {}};
+    std::unique_ptr<SigningKey> key = store->signing_key(*it);
+    // Said before any copy is made, and as plainly as when files are signed (a token whose
+    // PIN was not given has said so already).
+    if (!key)
+      throw Exception("Certificate " + it->id() + " not found, or its private key is not usable");
+    signer = PdfSigner{*it, std::move(key), {}};
   }
-  // The copy that gets signed is made beside the output and renamed over it at the end: one
+  // A regular output is signed as a copy made beside it and renamed over it at the end: one
   // copy of the document instead of two, and readers of the output see the old file or the
-  // signed one, never a part. Replacing data that existed is forced to disk first.
-  struct stat st {};
-  bool existed = ::stat(dest.c_str(), &st) == 0;
+  // signed one, never a part. Any other output (a device, a FIFO, a hard-linked file) gets
+  // the signed document from a private temporary copy once it is complete. Replacing data
+  // that existed is forced to disk first.
+  bool existed = FileExists(dest);
   InputFile in(input);
-  AtomicFileWriter writer(dest);
-  if (existed && S_ISREG(st.st_mode)) ::fchmod(writer.fd(), st.st_mode & 07777);
-  CopyAll(in, writer.fd(), writer.temp_path());
-  const std::string& temp = writer.temp_path();
-  auto doc = pdf::Document::open(temp, {}, input);
+  OutputReplacement writer(dest, guarded);
+  std::string temp = writer.temp_path();
+  std::string private_temp;
+  ScopeExit remove_private([&] {
+    if (!private_temp.empty()) ::unlink(private_temp.c_str());
+  });
+  if (writer.replaces()) {
+    CopyAll(in, writer.fd(), temp);
+  } else {
+    private_temp = MakeTempFile("tessarel-pdf");
+    temp = private_temp;
+    OutputFile copy(temp, 0600);
+    CopyAll(in, copy.fd(), temp);
+    copy.close();
+  }
+  auto doc = pdf::Document::open(temp, {}, options.input_name.empty() ? input : options.input_name);
 
   PdfSignatureSettings settings =
       settings_for(options.reason, options.name, options.invisible, signer->cert);
@@ -311,7 +329,12 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
   result.signer = signer->cert.subject_text();
   result.output = dest;
   doc.reset();
+  if (!writer.replaces()) {
+    InputFile signed_copy(temp);
+    CopyAll(signed_copy, writer.fd(), dest);
+  }
   writer.commit(existed);
+  struct stat st {};
   if (::stat(dest.c_str(), &st) == 0) result.size = static_cast<std::uint64_t>(st.st_size);
   return result;
 }

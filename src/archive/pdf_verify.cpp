@@ -202,7 +202,13 @@ CmsVerification VerifyPdfSignatureCms(const Bytes& cms,
 PdfReport VerifyPdf(const std::string& path, const TrustOptions& trust_options) {
   std::unique_ptr<crypto::TrustStore> trust;
   if (trust_options.enabled()) trust = std::make_unique<crypto::TrustStore>(trust_options);
-  auto doc = pdf::Document::open(path);
+  std::unique_ptr<pdf::Document> doc;
+  try {
+    doc = pdf::Document::open(path);
+  } catch (const pdf::PdfEncryptedError&) {
+    throw pdf::PdfError("the PDF document " + path +
+                        " is encrypted: its signatures cannot be checked");
+  }
   auto file = std::make_shared<asn1::FileSource>(path);
   PdfReport report;
   report.size = file->size();

@@ -11,7 +11,9 @@ namespace tessarel {
 ISignEArchivia::~ISignEArchivia() = default;
 
 TSignEArchivia::TSignEArchivia() = default;
-TSignEArchivia::~TSignEArchivia() = default;
+TSignEArchivia::~TSignEArchivia() {
+  ReleaseArchive();
+}
 
 bool TSignEArchivia::IsKeyPresent(const std::string& idCert) {
   FidCert = idCert;
@@ -24,10 +26,6 @@ std::string TSignEArchivia::GenerateTempFilename() {
 
 void TSignEArchivia::RequireOpenIndex() const {
   if (!FXMLDocument) throw Exception("File indice non aperto");
-}
-
-void NotAvailableYet(const char* operation) {
-  throw Exception(std::string(operation) + " is not available yet in this build of Tessarel");
 }
 
 }  // namespace tessarel

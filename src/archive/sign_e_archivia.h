@@ -20,9 +20,6 @@ namespace tessarel {
 struct SignedFile;
 class WrittenFiles;
 
-// Raises tessarel::Exception saying that the operation is not part of this build yet.
-[[noreturn]] void NotAvailableYet(const char* operation);
-
 class TSignEArchivia : public ISignEArchivia {
  public:
   TSignEArchivia();
@@ -100,6 +97,15 @@ class TSignEArchivia : public ISignEArchivia {
   // Before a change after ChiudiIndice released the archive: takes it again and makes sure
   // nobody changed the index meanwhile, since this engine would overwrite that change.
   void RelockArchive();
+  // Gives the archive back. An archive that never got an index loses its lock file and the
+  // folders this engine made for it, so a refused or abandoned attempt leaves nothing.
+  void ReleaseArchive() noexcept;
+  // Creates the folder and its missing parents, remembering which ones were made here.
+  bool CreateArchiveFolders(const std::string& folder);
+  // The signing steps of ChiudiIndice: the index in memory gets its signature.
+  void SignIndex();
+  // Writes the index in memory over index.xml (atomically) and releases the archive.
+  void WriteIndex();
 
   // The index held in memory; absent until ApriIndice. Its presence is what "open" means.
   std::unique_ptr<xml::Document> FXMLDocument;
@@ -126,6 +132,8 @@ class TSignEArchivia : public ISignEArchivia {
   std::unique_ptr<FileLock> archive_lock_;
   // index.xml as this engine last read or wrote it.
   FileStamp index_stamp_;
+  // Folders this engine created for an archive that has no index yet, deepest first.
+  std::vector<std::string> created_folders_;
 };
 
 }  // namespace tessarel

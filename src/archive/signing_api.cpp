@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "archive/envelope_layers.h"
 #include "archive/envelope_report.h"
 #include "boundary/batch_signer.h"
 #include "cms/cms_verify.h"
@@ -48,86 +49,6 @@ std::vector<std::string> SignFiles(const std::vector<std::string>& files, const 
   return StringList(*result).items();
 }
 
-namespace {
-
-// How many envelopes inside envelopes are opened at most.
-constexpr int kMaxLayers = 8;
-
-// One envelope of a nest, with the content given from outside for it (the data of a
-// detached layer, or the bytes the innermost content must equal).
-struct Layer {
-  std::unique_ptr<TElSignedCMSMessage> message;
-  const TElCMSContent* given = nullptr;
-  bool content_is_envelope = false;
-  std::vector<std::string> notes;
-};
-
-// Content given from outside: a file opened once, read as a source and as content.
-struct ExternalContent {
-  std::shared_ptr<asn1::FileSource> source;
-  TElCMSContent content;
-  explicit ExternalContent(const std::string& path)
-      : source(std::make_shared<asn1::FileSource>(path)) {
-    content.Init(source, 0, source->size());
-  }
-};
-
-// Opens the envelope and every envelope nested in its content, outermost first. The data
-// of a detached layer is the given content, else the file beside (opened only then); a
-// given content that no detached layer took belongs to the innermost layer, whose content
-// it must equal.
-std::vector<Layer> open_layers(const std::string& path, ExternalContent* given,
-                               const std::string& beside,
-                               std::unique_ptr<ExternalContent>& beside_content) {
-  std::vector<Layer> out;
-  Layer first;
-  first.message = std::make_unique<TElSignedCMSMessage>();
-  first.message->Open(std::make_shared<asn1::FileSource>(path));
-  out.push_back(std::move(first));
-  bool external_used = false;
-  while (true) {
-    Layer& l = out.back();
-    std::shared_ptr<const asn1::ByteSource> next;
-    if (l.message->FEContentPresent) {
-      next = l.message->ContentSource();
-    } else if (!external_used) {
-      ExternalContent* external = given;
-      if (!external && !beside.empty() && FileExists(beside)) {
-        beside_content = std::make_unique<ExternalContent>(beside);
-        external = beside_content.get();
-      }
-      if (external) {
-        l.given = &external->content;
-        external_used = true;
-        next = external->source;
-      }
-    }
-    if (!next || next->size() == 0 || !LooksLikeEnvelope(*next)) break;
-    if (static_cast<int>(out.size()) >= kMaxLayers) {
-      l.notes.push_back("more envelopes are nested in the content; only " +
-                        std::to_string(kMaxLayers) + " layers are read");
-      break;
-    }
-    auto inner = std::make_unique<TElSignedCMSMessage>();
-    try {
-      inner->Open(next);
-    } catch (const EElCMSError& e) {
-      std::string why = e.what();
-      l.notes.push_back("the content looks like an envelope but cannot be read as one: " +
-                        why.substr(0, why.find('\n')));
-      break;
-    }
-    l.content_is_envelope = true;
-    Layer nested;
-    nested.message = std::move(inner);
-    out.push_back(std::move(nested));
-  }
-  if (given && !external_used) out.back().given = &given->content;
-  return out;
-}
-
-}  // namespace
-
 EnvelopeReport VerifyEnvelope(const std::string& envelope, const std::string& content_file) {
   VerifyOptions options;
   options.content_file = content_file;
@@ -141,10 +62,8 @@ EnvelopeReport VerifyEnvelopeWithOptions(const std::string& envelope,
   std::unique_ptr<ExternalContent> given, beside;
   if (!options.content_file.empty())
     given = std::make_unique<ExternalContent>(options.content_file);
-  std::string beside_path;
-  if (options.content_beside && RemoveLastExt(envelope) != envelope)
-    beside_path = RemoveLastExt(envelope);
-  std::vector<Layer> layers = open_layers(envelope, given.get(), beside_path, beside);
+  std::vector<EnvelopeLayer> layers =
+      OpenEnvelopeLayers(envelope, given.get(), options.content_beside, beside);
   EnvelopeReport r;
   r.trust_checked = trust != nullptr;
   r.valid = true;
@@ -254,19 +173,18 @@ void write_fd(int fd, const std::uint8_t* p, std::size_t k) {
   }
 }
 
-void refuse_fd_onto_envelope(const std::string& envelope, int fd) {
-  struct stat out {
-  }, in{};
-  if (::fstat(fd, &out) == 0 && ::stat(envelope.c_str(), &in) == 0 && S_ISREG(out.st_mode) &&
-      out.st_dev == in.st_dev && out.st_ino == in.st_ino)
-    throw Exception("The output is the envelope " + envelope + " itself; choose another file");
+// What extraction reads: writing the content over its own envelope would destroy the
+// signature.
+std::vector<GuardedInput> extraction_inputs(const std::string& envelope) {
+  return {{envelope, "the envelope itself"}};
 }
 
 // The layer to extract (0: the innermost) among the envelope's layers.
-std::vector<Layer> layers_for_extraction(const std::string& envelope, int layer, int& chosen) {
+std::vector<EnvelopeLayer> layers_for_extraction(const std::string& envelope, int layer,
+                                                 int& chosen) {
   if (layer < 0) throw Exception("Layers are counted from 1 (the outermost); 0 is the innermost");
   std::unique_ptr<ExternalContent> none;
-  std::vector<Layer> layers = open_layers(envelope, nullptr, "", none);
+  std::vector<EnvelopeLayer> layers = OpenEnvelopeLayers(envelope, nullptr, false, none);
   int count = static_cast<int>(layers.size());
   if (layer > count)
     throw Exception("The envelope " + envelope + " has " + std::to_string(count) +
@@ -304,11 +222,8 @@ std::string EnvelopeContentName(const std::string& envelope, int layers) {
 }
 
 std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::string& output) {
-  // Writing the content over its own envelope would destroy the signature.
-  if (SameFile(envelope, output))
-    throw Exception("The output " + output + " is the envelope itself; choose another file");
   auto message = open_attached(envelope);
-  OutputReplacement writer(output);
+  OutputReplacement writer(output, extraction_inputs(envelope));
   std::uint64_t n = copy_content(*message->FContent,
                                  [&](const std::uint8_t* p, std::size_t k) { writer.write(p, k); });
   writer.commit();
@@ -316,7 +231,7 @@ std::uint64_t ExtractEnvelopeContent(const std::string& envelope, const std::str
 }
 
 std::uint64_t ExtractEnvelopeContentToFd(const std::string& envelope, int fd) {
-  refuse_fd_onto_envelope(envelope, fd);
+  RefuseOutputOntoInputs(fd, "the output", extraction_inputs(envelope));
   auto message = open_attached(envelope);
   return copy_content(*message->FContent,
                       [&](const std::uint8_t* p, std::size_t k) { write_fd(fd, p, k); });
@@ -325,12 +240,10 @@ std::uint64_t ExtractEnvelopeContentToFd(const std::string& envelope, int fd) {
 ExtractedContent ExtractEnvelopeLayer(const std::string& envelope, const std::string& output,
                                       int layer) {
   ExtractedContent r;
-  std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
+  std::vector<EnvelopeLayer> layers = layers_for_extraction(envelope, layer, r.layer);
   r.layers = static_cast<int>(layers.size());
   r.output = output.empty() ? EnvelopeContentName(envelope, r.layer) : output;
-  if (SameFile(envelope, r.output))
-    throw Exception("The output " + r.output + " is the envelope itself; choose another file");
-  OutputReplacement writer(r.output);
+  OutputReplacement writer(r.output, extraction_inputs(envelope));
   r.size = copy_content_to_fd(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent,
                               writer.fd(), r.output);
   writer.commit();
@@ -338,9 +251,9 @@ ExtractedContent ExtractEnvelopeLayer(const std::string& envelope, const std::st
 }
 
 ExtractedContent ExtractEnvelopeLayerToFd(const std::string& envelope, int fd, int layer) {
-  refuse_fd_onto_envelope(envelope, fd);
+  RefuseOutputOntoInputs(fd, "the output", extraction_inputs(envelope));
   ExtractedContent r;
-  std::vector<Layer> layers = layers_for_extraction(envelope, layer, r.layer);
+  std::vector<EnvelopeLayer> layers = layers_for_extraction(envelope, layer, r.layer);
   r.layers = static_cast<int>(layers.size());
   r.size = copy_content_to_fd(*layers[static_cast<std::size_t>(r.layer - 1)].message->FContent, fd,
                               "standard output");

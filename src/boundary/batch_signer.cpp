@@ -65,21 +65,15 @@ bool sign_message(TElSignedCMSMessage& message, Bytes& content, const std::strin
 
 void write_message(TElSignedCMSMessage& message, const std::string& input, const std::string& out,
                    WrittenFiles* written) {
-  // An envelope name that leads back to the file (a link) would truncate what is signed.
-  if (SameFile(input, out))
-    throw EFCreateError("Cannot create file \"" + out + "\". It is the file being signed");
-  // Created or truncated in place; if writing fails, the partial envelope is removed so
-  // that no half envelope is left behind (the signed file itself is never touched).
+  // A new or lone envelope file is written under a temporary name and renamed into place,
+  // so a failure leaves no half envelope and an older envelope as it was; an envelope name
+  // that leads back to the file being signed (a link) is refused, since writing would
+  // destroy what is signed. Links, devices and hard-linked files keep what they are.
   {
-    OutputFile writer(out);
-    try {
-      message.SaveToFile(writer.fd(), out);
-      if (written) written->add(writer.fd());
-      writer.close();
-    } catch (...) {
-      ::unlink(out.c_str());
-      throw;
-    }
+    OutputReplacement writer(out, {{input, "the file being signed"}});
+    message.SaveToFile(writer.fd(), out);
+    if (written) written->add(writer.fd());
+    writer.commit();
   }
   message.Clear();
 }
@@ -132,17 +126,10 @@ bool WrittenFiles::stale(const std::string& path, const FileStamp& read) const {
 
 void WriteEnvelope(const std::string& input, const std::string& out, const Bytes& envelope,
                    WrittenFiles& written) {
-  if (SameFile(input, out))
-    throw EFCreateError("Cannot create file \"" + out + "\". It is the file being signed");
-  OutputFile writer(out);
-  try {
-    writer.write(envelope);
-    written.add(writer.fd());
-    writer.close();
-  } catch (...) {
-    ::unlink(out.c_str());
-    throw;
-  }
+  OutputReplacement writer(out, {{input, "the file being signed"}});
+  writer.write(envelope.data(), envelope.size());
+  written.add(writer.fd());
+  writer.commit();
 }
 
 // ---- SigningPipeline ----

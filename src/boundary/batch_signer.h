@@ -132,8 +132,8 @@ class WrittenFiles {
   std::set<std::pair<std::uint64_t, std::uint64_t>> written_;
 };
 
-// Writes an envelope made in memory to out (created or truncated), as the batch signer
-// does: never onto the file it signs, and removed again when it cannot be written whole.
+// Writes an envelope made in memory to out as the batch signer does: never onto the file it
+// signs, and a new or lone file replaced whole or not at all.
 void WriteEnvelope(const std::string& input, const std::string& out, const Bytes& envelope,
                    WrittenFiles& written);
 

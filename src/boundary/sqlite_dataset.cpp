@@ -1,11 +1,11 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <vector>
 
+#include "platform/runtime/files.h"
 #include "platform/runtime/strings.h"
 #include "tessarel/dataset.h"
 #include "tessarel/errors.h"
@@ -30,7 +30,9 @@ class SqliteField : public TBlobField {
   void LoadFromStream(std::istream& stream) override {
     if (!*editing_) throw EDatabaseError("Dataset not in edit or insert mode");
     if (!blob_) throw EDatabaseError("Field '" + name_ + "' is not a blob field");
-    pending_.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+    Bytes bytes = ReadStream(stream);
+    pending_.assign(bytes.begin(), bytes.end());
+    std::fill(bytes.begin(), bytes.end(), 0);
     modified_ = true;
   }
   bool modified() const { return modified_; }

@@ -1,9 +1,15 @@
-// Selection of the personal store for the process.
+// Selection of the personal store for the process; import and export of PKCS#12 files.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 #include "boundary/cert_lookup.h"
 #include "platform/crypto/pkcs12.h"
+#include "platform/runtime/files.h"
+#include "platform/runtime/scope.h"
 #include "platform/store/file_store.h"
 #include "platform/store/token_store.h"
 #include "tessarel/errors.h"
@@ -62,6 +68,45 @@ Certificate import_pkcs12(CertStore& store, const Bytes& pfx, const std::string&
   }
   wipe(key);
   return contents.certificate;
+}
+
+namespace {
+// What an export may not be written over: the store's own files (the certificate's own
+// entry among them) and whatever the caller reads.
+std::vector<GuardedInput> export_inputs(CertStore& store, const std::vector<GuardedInput>& inputs) {
+  std::vector<GuardedInput> out = inputs;
+  for (auto& f : store.files())
+    out.push_back({f, "a file of the certificate store " + store.location()});
+  return out;
+}
+}  // namespace
+
+void export_pkcs12_file(CertStore& store, const Certificate& cert, const std::string& password,
+                        const std::string& output, const std::vector<GuardedInput>& inputs) {
+  // Refused before the key is read, so a refusal costs no PIN and touches nothing.
+  std::vector<GuardedInput> guarded = export_inputs(store, inputs);
+  RefuseOutputOntoInputs(output, guarded);
+  Bytes pfx = store.export_pkcs12(cert, password);
+  ScopeExit wipe_pfx([&] { wipe(pfx); });
+  OutputReplacement writer(output, guarded, 0600);
+  writer.write(pfx.data(), pfx.size());
+  writer.commit(true);
+}
+
+void export_pkcs12_fd(CertStore& store, const Certificate& cert, const std::string& password,
+                      int fd, const std::vector<GuardedInput>& inputs) {
+  RefuseOutputOntoInputs(fd, "the output", export_inputs(store, inputs));
+  Bytes pfx = store.export_pkcs12(cert, password);
+  ScopeExit wipe_pfx([&] { wipe(pfx); });
+  const std::uint8_t* p = pfx.data();
+  for (std::size_t left = pfx.size(); left;) {
+    ssize_t w = ::write(fd, p, left);
+    if (w < 0 && errno == EINTR) continue;
+    if (w < 0)
+      throw EInOutError(std::string("I/O error writing the output: ") + std::strerror(errno));
+    p += w;
+    left -= static_cast<std::size_t>(w);
+  }
 }
 
 }  // namespace tessarel

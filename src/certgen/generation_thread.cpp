@@ -3,7 +3,7 @@
 namespace tessarel {
 
 TCertificateGenerationThread::~TCertificateGenerationThread() {
-  cancel_ = true;
+  Terminate();
   WaitFor();
 }
 
@@ -18,7 +18,7 @@ void TCertificateGenerationThread::WaitFor() {
 
 void TCertificateGenerationThread::Execute() {
   try {
-    if (BeforeGeneration) BeforeGeneration();
+    if (BeforeGeneration) BeforeGeneration(stop_.get_token());
     if (FCACert)
       FCert->Generate(*FCACert, FKeyAlgorithm, FSignatureAlgorithm, FBits, &cancel_);
     else
@@ -26,6 +26,7 @@ void TCertificateGenerationThread::Execute() {
   } catch (...) {
     error_ = std::current_exception();
   }
+  if (AfterGeneration) AfterGeneration(error_);
   running_ = false;
   if (OnTerminate) OnTerminate();
 }

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <exception>
 #include <functional>
+#include <stop_token>
 #include <thread>
 
 #include "certgen/x509_certificate_ex.h"
@@ -30,12 +31,18 @@ class TCertificateGenerationThread {
   // Called on the worker thread once the work has ended, whatever its outcome; the owner
   // hands it over to its own thread.
   std::function<void()> OnTerminate;
-  // Runs on the worker before the key generation (tests slow it down with it).
-  std::function<void()> BeforeGeneration;
+  // Run on the worker before the key generation and after the work, with its failure (null
+  // when it succeeded). The token is stopped by Terminate(), so that a hook that waits can
+  // also see the generation being stopped. Tests hold the worker and watch its end with them.
+  std::function<void(std::stop_token)> BeforeGeneration;
+  std::function<void(std::exception_ptr)> AfterGeneration;
 
   void Resume();
   // Asks the generation to stop; it ends with a GenerationCancelled error.
-  void Terminate() { cancel_ = true; }
+  void Terminate() {
+    cancel_ = true;
+    stop_.request_stop();
+  }
   void WaitFor();
   bool Running() const { return running_; }
   // The failure of the generation, if it failed.
@@ -47,6 +54,7 @@ class TCertificateGenerationThread {
   std::thread thread_;
   std::atomic<bool> cancel_{false};
   std::atomic<bool> running_{false};
+  std::stop_source stop_;
   std::exception_ptr error_;
 };
 

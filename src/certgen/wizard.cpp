@@ -8,6 +8,7 @@
 #include "certgen/countries.h"
 #include "certgen/generation_thread.h"
 #include "certgen/wizard_internal.h"
+#include "certgen/wizard_testing.h"
 #include "platform/asn1/der.h"
 #include "platform/runtime/datetime.h"
 #include "platform/runtime/scope.h"
@@ -19,6 +20,25 @@ namespace tessarel {
 
 const DateTime TfrmGenerateCert::kMinDate = EncodeDateTime({1999, 12, 31});
 const DateTime TfrmGenerateCert::kMaxDate = EncodeDateTime({2100, 12, 31});
+
+const std::array<TfrmGenerateCert::SubjectField, 6> TfrmGenerateCert::kSubjectFields = {{
+    {"edtCommonName", kLabelCommonName, true, &TfrmGenerateCert::edtCommonName, kMaxCommonName},
+    {"edtLocality", kLabelLocality, true, &TfrmGenerateCert::edtLocality, kMaxLocality},
+    {"edtState", kLabelState, false, &TfrmGenerateCert::edtState, kMaxState},
+    {"cbCountry", kLabelCountry, true, nullptr, 0},
+    {"edtOrganization", kLabelOrganization, true, &TfrmGenerateCert::edtOrganization,
+     kMaxOrganization},
+    {"EdtEmail", kLabelEmail, true, &TfrmGenerateCert::EdtEmail, kMaxEmail},
+}};
+
+TfrmGenerateCert::Day TfrmGenerateCert::ToDay(DateTime d) {
+  CivilTime c = DecodeDateTime(d);
+  return {c.year, c.month, c.day};
+}
+
+DateTime TfrmGenerateCert::FromDay(const Day& d) {
+  return EncodeDateTime({d.year, d.month, d.day});
+}
 
 namespace {
 
@@ -56,7 +76,32 @@ std::string CertificateDisplayName(const Certificate& c) {
   return name;
 }
 
-struct TfrmGenerateCert::Impl {
+// Hidden: only the class's interface is exported.
+struct __attribute__((visibility("hidden"))) TfrmGenerateCert::Impl {
+  Impl(TfrmGenerateCert& owner, std::shared_ptr<CertStore> s) : self(owner), store(std::move(s)) {}
+
+  bool SubjectValid();
+  void StartGeneration();
+  void StopWorker();
+  void StopProgress();
+  void OnGenerationDone();
+  void FinishClosed(ModalResult r);
+
+  TfrmGenerateCert& self;
+  std::shared_ptr<CertStore> store;
+  Page page = Page::tsEnterFields;
+  std::string lbl_info;
+  std::string lb_generate;
+  DateTime dtp_from = 0, dtp_to = 0;
+  bool back_enabled = false, next_enabled = true, cancel_enabled = true, generate_enabled = true;
+  bool progress_visible = false;
+  int progress_position = 0;
+  bool busy = false;
+  ModalResult modal_result = ModalResult::None;
+  std::string cert_common_name;
+  Bytes generated_der;
+
+  // What the worker shares with the dialog's thread.
   std::mutex m;
   std::condition_variable cv;
   bool completion_posted = false;
@@ -64,18 +109,22 @@ struct TfrmGenerateCert::Impl {
   std::chrono::steady_clock::time_point next_tick;
   std::unique_ptr<TElX509CertificateEx> cert;
   std::unique_ptr<TCertificateGenerationThread> worker;
-  std::function<void()> before_generation;
   bool generating = false;
+
+  // Changed only by tests (WizardTesting).
+  std::chrono::milliseconds tick = kTick;
+  std::function<void(std::stop_token)> before_generation;
+  std::function<void(std::exception_ptr)> after_generation;
 };
 
 TfrmGenerateCert::TfrmGenerateCert() : TfrmGenerateCert(personal_store()) {}
 
 TfrmGenerateCert::TfrmGenerateCert(std::shared_ptr<CertStore> store)
-    : store_(std::move(store)), impl_(std::make_unique<Impl>()) {
+    : impl_(std::make_unique<Impl>(*this, std::move(store))) {
   cbCountryIndex = FillCountryList(cbCountryItems);
-  dtp_from_ = Date();
-  dtp_to_ = IncMonth(dtp_from_, 48);
-  lbl_info_ = kHintEnterFields;
+  impl_->dtp_from = Date();
+  impl_->dtp_to = IncMonth(impl_->dtp_from, 48);
+  impl_->lbl_info = kHintEnterFields;
 }
 
 TfrmGenerateCert::~TfrmGenerateCert() {
@@ -86,16 +135,53 @@ TfrmGenerateCert::~TfrmGenerateCert() {
   }
 }
 
+DateTime TfrmGenerateCert::dtpFrom() const {
+  return impl_->dtp_from;
+}
+DateTime TfrmGenerateCert::dtpTo() const {
+  return impl_->dtp_to;
+}
+TfrmGenerateCert::Page TfrmGenerateCert::page() const {
+  return impl_->page;
+}
+const std::string& TfrmGenerateCert::lblInfo() const {
+  return impl_->lbl_info;
+}
+const std::string& TfrmGenerateCert::lbGenerate() const {
+  return impl_->lb_generate;
+}
+bool TfrmGenerateCert::BackEnabled() const {
+  return impl_->back_enabled;
+}
+bool TfrmGenerateCert::NextEnabled() const {
+  return impl_->next_enabled;
+}
+bool TfrmGenerateCert::CancelEnabled() const {
+  return impl_->cancel_enabled;
+}
+bool TfrmGenerateCert::GenerateEnabled() const {
+  return impl_->generate_enabled;
+}
 bool TfrmGenerateCert::Generating() const {
   return impl_->generating;
 }
-
-bool TfrmGenerateCert::worker_running() const {
-  return impl_->worker && impl_->worker->Running();
+bool TfrmGenerateCert::ProgressVisible() const {
+  return impl_->progress_visible;
 }
-
-void TfrmGenerateCert::set_before_generation(std::function<void()> hook) {
-  impl_->before_generation = std::move(hook);
+int TfrmGenerateCert::ProgressPosition() const {
+  return impl_->progress_position;
+}
+bool TfrmGenerateCert::Busy() const {
+  return impl_->busy;
+}
+ModalResult TfrmGenerateCert::modal_result() const {
+  return impl_->modal_result;
+}
+const std::string& TfrmGenerateCert::cert_commonName() const {
+  return impl_->cert_common_name;
+}
+const Bytes& TfrmGenerateCert::generated_certificate() const {
+  return impl_->generated_der;
 }
 
 bool TfrmGenerateCert::select_country(const std::string& name) {
@@ -123,46 +209,39 @@ std::string TfrmGenerateCert::country_text() const {
 }
 
 void TfrmGenerateCert::set_dtpFrom(DateTime d) {
-  dtp_from_ = std::clamp(std::trunc(d), kMinDate, kMaxDate);
+  impl_->dtp_from = std::clamp(std::trunc(d), kMinDate, kMaxDate);
 }
 void TfrmGenerateCert::set_dtpTo(DateTime d) {
-  dtp_to_ = std::clamp(std::trunc(d), kMinDate, kMaxDate);
+  impl_->dtp_to = std::clamp(std::trunc(d), kMinDate, kMaxDate);
 }
 
 void TfrmGenerateCert::pcMainChange() {
-  switch (page_) {
+  switch (impl_->page) {
     case Page::tsEnterFields:
-      lbl_info_ = kHintEnterFields;
+      impl_->lbl_info = kHintEnterFields;
       break;
     case Page::tsSpecifyPeriod:
-      lbl_info_ = kHintSpecifyPeriod;
+      impl_->lbl_info = kHintSpecifyPeriod;
       break;
     case Page::tsGenerate:
-      lbl_info_ = kHintGenerate;
+      impl_->lbl_info = kHintGenerate;
       break;
   }
 }
 
-bool TfrmGenerateCert::SubjectValid() {
-  if (cbCountryIndex < 0 || edtLocality.empty() || edtOrganization.empty() ||
-      edtCommonName.empty() || EdtEmail.empty()) {
-    currentUi().message_box(MessageKind::Plain, MessageButtons::Ok, kMissingFields);
-    return false;
+bool TfrmGenerateCert::Impl::SubjectValid() {
+  for (const SubjectField& f : kSubjectFields) {
+    const bool filled = f.text ? !(self.*f.text).empty() : self.cbCountryIndex >= 0;
+    if (f.required && !filled) {
+      currentUi().message_box(MessageKind::Plain, MessageButtons::Ok, kMissingFields);
+      return false;
+    }
   }
-  struct Limit {
-    const std::string& value;
-    std::size_t max;
-    const char* label;
-  };
-  for (const Limit& l :
-       {Limit{edtCommonName, kMaxCommonName, kLabelCommonName},
-        Limit{edtLocality, kMaxLocality, kLabelLocality}, Limit{edtState, kMaxState, kLabelState},
-        Limit{edtOrganization, kMaxOrganization, kLabelOrganization},
-        Limit{EdtEmail, kMaxEmail, kLabelEmail}}) {
-    if (utf8_length(l.value) > l.max) {
+  for (const SubjectField& f : kSubjectFields) {
+    if (f.text && utf8_length(self.*f.text) > f.max_length) {
       currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
-                              "Campo troppo lungo: " + trim(l.label) + " (al massimo " +
-                                  std::to_string(l.max) + " caratteri).");
+                              "Campo troppo lungo: " + trim(f.label) + " (al massimo " +
+                                  std::to_string(f.max_length) + " caratteri).");
       return false;
     }
   }
@@ -170,149 +249,156 @@ bool TfrmGenerateCert::SubjectValid() {
 }
 
 void TfrmGenerateCert::btnNextClick() {
-  if (!next_enabled_ || modal_result_ != ModalResult::None) return;
-  if (page_ == Page::tsEnterFields) {
-    if (SubjectValid()) page_ = Page::tsSpecifyPeriod;
-  } else if (page_ == Page::tsSpecifyPeriod) {
-    if (dtp_to_ < dtp_from_) {
+  Impl& d = *impl_;
+  if (!d.next_enabled || d.modal_result != ModalResult::None) return;
+  if (d.page == Page::tsEnterFields) {
+    if (d.SubjectValid()) d.page = Page::tsSpecifyPeriod;
+  } else if (d.page == Page::tsSpecifyPeriod) {
+    if (d.dtp_to < d.dtp_from) {
       currentUi().message_box(MessageKind::Error, MessageButtons::Ok, kPeriodReversed);
       return;
     }
-    lb_generate_ = kGenerateText;
-    page_ = Page::tsGenerate;
-    next_enabled_ = false;
+    d.lb_generate = kGenerateText;
+    d.page = Page::tsGenerate;
+    d.next_enabled = false;
   }
 }
 
 void TfrmGenerateCert::btnCancelClick() {
-  if (!cancel_enabled_ || modal_result_ != ModalResult::None) return;
+  if (!impl_->cancel_enabled || impl_->modal_result != ModalResult::None) return;
   if (currentUi().message_box(MessageKind::Confirmation, MessageButtons::YesNo, kConfirmCancel) ==
       ModalResult::Yes)
-    FinishClosed(ModalResult::Cancel);
+    impl_->FinishClosed(ModalResult::Cancel);
 }
 
 void TfrmGenerateCert::close_box() {
-  if (modal_result_ != ModalResult::None) return;
-  if (impl_->worker) {
-    impl_->worker->Terminate();
-    impl_->worker->WaitFor();
-    impl_->worker.reset();
-    impl_->generating = false;
-    StopProgress();
-  }
-  FinishClosed(ModalResult::Cancel);
+  if (impl_->modal_result != ModalResult::None) return;
+  impl_->StopWorker();
+  impl_->FinishClosed(ModalResult::Cancel);
 }
 
-void TfrmGenerateCert::FinishClosed(ModalResult r) {
-  modal_result_ = r;
-  if (busy_) {
-    busy_ = false;
+void TfrmGenerateCert::Impl::StopWorker() {
+  if (!worker) return;
+  worker->Terminate();
+  worker->WaitFor();
+  worker.reset();
+  generating = false;
+  StopProgress();
+}
+
+void TfrmGenerateCert::Impl::FinishClosed(ModalResult r) {
+  modal_result = r;
+  if (busy) {
+    busy = false;
     currentUi().busy_cursor(false);
   }
 }
 
 void TfrmGenerateCert::btnGenerateClick() {
-  if (!generate_enabled_ || page_ != Page::tsGenerate || modal_result_ != ModalResult::None) return;
-  StartGeneration();
+  if (!impl_->generate_enabled || impl_->page != Page::tsGenerate ||
+      impl_->modal_result != ModalResult::None)
+    return;
+  impl_->StartGeneration();
 }
 
-void TfrmGenerateCert::StartGeneration() {
+void TfrmGenerateCert::Impl::StartGeneration() {
   auto signature = TElAlgorithmIdentifier::CreateByAlgorithm(CertAlgorithm::Sha512WithRsa);
   auto key = TElAlgorithmIdentifier::CreateByAlgorithm(
       GetKeyAlgorithmBySigAlgorithm(signature.algorithm()));
 
-  impl_->cert = std::make_unique<TElX509CertificateEx>();
-  TElX509CertificateEx& cert = *impl_->cert;
-  const std::string country = CountryCode(country_text());
+  cert = std::make_unique<TElX509CertificateEx>();
+  const std::string country = CountryCode(self.country_text());
   const std::pair<const char*, std::string> attributes[] = {
-      {oid::kCountryName, country},      {oid::kStateOrProvinceName, edtState},
-      {oid::kLocalityName, edtLocality}, {oid::kOrganizationName, edtOrganization},
-      {oid::kCommonName, edtCommonName}, {oid::kEmailAddress, EdtEmail},
+      {oid::kCountryName, country},           {oid::kStateOrProvinceName, self.edtState},
+      {oid::kLocalityName, self.edtLocality}, {oid::kOrganizationName, self.edtOrganization},
+      {oid::kCommonName, self.edtCommonName}, {oid::kEmailAddress, self.EdtEmail},
   };
   // Each value in a string type that can hold it, so that every X.509 reader parses the
   // name; issuer and subject are the same name.
   for (const auto& [oid, value] : attributes) {
-    cert.SubjectRDN.AddText(oid, value);
-    cert.IssuerRDN.AddText(oid, value);
+    cert->SubjectRDN.AddText(oid, value);
+    cert->IssuerRDN.AddText(oid, value);
   }
-  cert.ValidFrom = SysFromDateTime(std::trunc(dtp_from_));
-  cert.ValidTo = SysFromDateTime(std::trunc(dtp_to_));
+  cert->ValidFrom = SysFromDateTime(std::trunc(dtp_from));
+  cert->ValidTo = SysFromDateTime(std::trunc(dtp_to));
   try {
-    cert.SerialNumber = NewSerialNumber(*store_);
+    cert->SerialNumber = NewSerialNumber(*store);
   } catch (const std::exception& e) {
     currentUi().message_box(MessageKind::Error, MessageButtons::Ok,
                             std::string("Error: ") + e.what());
     return;
   }
 
-  impl_->worker = std::make_unique<TCertificateGenerationThread>(nullptr, impl_->cert.get());
-  busy_ = true;
+  worker = std::make_unique<TCertificateGenerationThread>(nullptr, cert.get());
+  busy = true;
   currentUi().busy_cursor(true);
-  impl_->generating = true;
-  back_enabled_ = next_enabled_ = cancel_enabled_ = generate_enabled_ = false;
-  impl_->worker->FKeyAlgorithm = key;
-  impl_->worker->FSignatureAlgorithm = signature;
-  impl_->worker->FBits = key_bits_;
-  impl_->worker->BeforeGeneration = impl_->before_generation;
-  impl_->worker->OnTerminate = [impl = impl_.get()] {
-    std::lock_guard lock(impl->m);
-    impl->completion_posted = true;
-    impl->cv.notify_all();
+  generating = true;
+  back_enabled = next_enabled = cancel_enabled = generate_enabled = false;
+  worker->FKeyAlgorithm = key;
+  worker->FSignatureAlgorithm = signature;
+  worker->FBits = kKeyBits;
+  worker->BeforeGeneration = before_generation;
+  worker->AfterGeneration = after_generation;
+  worker->OnTerminate = [this] {
+    std::lock_guard lock(m);
+    completion_posted = true;
+    cv.notify_all();
   };
   {
-    std::lock_guard lock(impl_->m);
-    impl_->completion_posted = false;
-    impl_->timer_enabled = true;
-    impl_->next_tick = std::chrono::steady_clock::now() + kTick;
+    std::lock_guard lock(m);
+    completion_posted = false;
+    timer_enabled = true;
+    next_tick = std::chrono::steady_clock::now() + tick;
   }
-  progress_position_ = 0;
-  progress_visible_ = true;
-  impl_->worker->Resume();
+  progress_position = 0;
+  progress_visible = true;
+  worker->Resume();
 }
 
-void TfrmGenerateCert::StopProgress() {
-  std::lock_guard lock(impl_->m);
-  impl_->timer_enabled = false;
-  progress_visible_ = false;
+void TfrmGenerateCert::Impl::StopProgress() {
+  std::lock_guard lock(m);
+  timer_enabled = false;
+  progress_visible = false;
 }
 
 void TfrmGenerateCert::ProcessMessages(std::chrono::milliseconds max_wait) {
+  Impl& d = *impl_;
   auto deadline = std::chrono::steady_clock::now() + max_wait;
   bool tick = false, done = false;
   {
-    std::unique_lock lock(impl_->m);
-    auto wake = impl_->timer_enabled ? std::min(deadline, impl_->next_tick) : deadline;
-    impl_->cv.wait_until(lock, wake, [&] { return impl_->completion_posted; });
+    std::unique_lock lock(d.m);
+    auto wake = d.timer_enabled ? std::min(deadline, d.next_tick) : deadline;
+    d.cv.wait_until(lock, wake, [&] { return d.completion_posted; });
     auto now = std::chrono::steady_clock::now();
-    if (impl_->timer_enabled && now >= impl_->next_tick) {
+    if (d.timer_enabled && now >= d.next_tick) {
       tick = true;
-      impl_->next_tick = now + kTick;
+      d.next_tick = now + d.tick;
     }
-    done = impl_->completion_posted;
-    impl_->completion_posted = false;
+    done = d.completion_posted;
+    d.completion_posted = false;
   }
   if (tick) {
-    progress_position_ += 5;
-    if (progress_position_ >= 100) progress_position_ = 0;
-    if (OnProgress) OnProgress(progress_position_);
+    d.progress_position += 5;
+    if (d.progress_position >= 100) d.progress_position = 0;
+    if (OnProgress) OnProgress(d.progress_position);
   }
-  if (done) OnGenerationDone();
+  if (done) d.OnGenerationDone();
 }
 
-void TfrmGenerateCert::OnGenerationDone() {
-  if (!impl_->worker) return;
-  impl_->worker->WaitFor();
-  std::exception_ptr error = impl_->worker->error();
-  impl_->worker.reset();
-  impl_->generating = false;
+void TfrmGenerateCert::Impl::OnGenerationDone() {
+  if (!worker) return;
+  worker->WaitFor();
+  std::exception_ptr error = worker->error();
+  worker.reset();
+  generating = false;
 
   auto fail = [&](const std::string& message) {
     StopProgress();
-    if (busy_) {
-      busy_ = false;
+    if (busy) {
+      busy = false;
       currentUi().busy_cursor(false);
     }
-    cancel_enabled_ = generate_enabled_ = true;
+    cancel_enabled = generate_enabled = true;
     currentUi().message_box(MessageKind::Error, MessageButtons::Ok, "Error: " + message);
   };
   if (error) {
@@ -324,20 +410,37 @@ void TfrmGenerateCert::OnGenerationDone() {
     return;
   }
   // The certificate goes into the store with its key as one entry.
-  const TElX509CertificateEx& cert = *impl_->cert;
-  Bytes key = cert.private_key().to_pkcs8_der();
+  Bytes key = cert->private_key().to_pkcs8_der();
   ScopeExit wipe_key([&] { wipe(key); });
   try {
-    store_->add(cert.certificate(), key);
+    store->add(cert->certificate(), key);
   } catch (const std::exception& e) {
     fail(e.what());
     return;
   }
-  const Certificate& c = cert.certificate();
-  cert_common_name_ = CertificateDisplayName(c);
-  generated_der_ = c.der();
+  const Certificate& c = cert->certificate();
+  cert_common_name = CertificateDisplayName(c);
+  generated_der = c.der();
   StopProgress();
   FinishClosed(ModalResult::Ok);
+}
+
+void WizardTesting::before_generation(TfrmGenerateCert& w,
+                                      std::function<void(std::stop_token)> hook) {
+  w.impl_->before_generation = std::move(hook);
+}
+
+void WizardTesting::after_generation(TfrmGenerateCert& w,
+                                     std::function<void(std::exception_ptr)> hook) {
+  w.impl_->after_generation = std::move(hook);
+}
+
+void WizardTesting::set_tick(TfrmGenerateCert& w, std::chrono::milliseconds period) {
+  w.impl_->tick = period;
+}
+
+bool WizardTesting::worker_running(const TfrmGenerateCert& w) {
+  return w.impl_->worker && w.impl_->worker->Running();
 }
 
 std::string TfrmGenerateCert::DoCreateCertificate() {

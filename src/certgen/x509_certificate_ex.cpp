@@ -1,7 +1,5 @@
 #include "certgen/x509_certificate_ex.h"
 
-#include <openssl/core_names.h>
-
 #include <algorithm>
 
 #include "platform/asn1/der.h"
@@ -114,7 +112,7 @@ Bytes public_key_bits(const TElAlgorithmIdentifier& alg, const crypto::PrivateKe
     case CertAlgorithm::Dh:
       if (kind != KeyKind::Dsa) return {};
       return asn1::tlv(asn1::kInteger,
-                       asn1::unsigned_integer_content(crypto::bn_of(key, OSSL_PKEY_PARAM_PUB_KEY)));
+                       asn1::unsigned_integer_content(crypto::dsa_numbers(key).y));
     case CertAlgorithm::Ec:
       if (kind != KeyKind::Ec) return {};
       return crypto::ec_public_point(key);
@@ -291,9 +289,10 @@ void TElX509CertificateEx::DoGenerate(const TElX509CertificateEx* issuer,
     pub.curve_oid = identifier_of_key(key).curve_oid;
   // Key and identifier agree on the DSA domain parameters.
   if (pub.algorithm() == CertAlgorithm::Dsa) {
-    pub.dsa_p = crypto::bn_of(key, OSSL_PKEY_PARAM_FFC_P);
-    pub.dsa_q = crypto::bn_of(key, OSSL_PKEY_PARAM_FFC_Q);
-    pub.dsa_g = crypto::bn_of(key, OSSL_PKEY_PARAM_FFC_G);
+    crypto::DsaNumbers numbers = crypto::dsa_numbers(key);
+    pub.dsa_p = std::move(numbers.p);
+    pub.dsa_q = std::move(numbers.q);
+    pub.dsa_g = std::move(numbers.g);
   }
   const crypto::PrivateKey& signing_key = issuer ? issuer->private_key() : key;
 

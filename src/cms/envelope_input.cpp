@@ -13,9 +13,15 @@ namespace {
 
 constexpr std::size_t kHead = 4096;
 constexpr std::size_t kPrefixBytes = 3072;
+// A mail's header block can be long (every relay adds a line); this much is read to find
+// its end when the first bytes look like one.
+constexpr std::size_t kMailHead = 64 * 1024;
+// Text layers looked through beyond the bound, to tell "encoded too many times" from
+// "not an envelope".
+constexpr int kLookLayers = kMaxTextLayers + 8;
 
-Bytes head_of(const asn1::ByteSource& s) {
-  Bytes h(static_cast<std::size_t>(std::min<std::uint64_t>(kHead, s.size())));
+Bytes head_of(const asn1::ByteSource& s, std::size_t max = kHead) {
+  Bytes h(static_cast<std::size_t>(std::min<std::uint64_t>(max, s.size())));
   if (!h.empty()) s.read(0, h.data(), h.size());
   return h;
 }
@@ -54,17 +60,24 @@ bool printable_text(const std::uint8_t* p, std::size_t n) {
   return true;
 }
 
-// Base64 as encoders write it: alphabet and padding in lines, no spaces inside (so that
-// ordinary words are not taken for it).
+// Base64 as encoders write it: alphabet and padding in lines, white space only around a
+// line, never inside it (so that ordinary words are not taken for it).
 bool base64_text(const std::uint8_t* p, std::size_t n) {
   std::size_t i = leading_space(p, n);
-  while (n > i && is_space(p[n - 1]))
-    --n;
   std::size_t data = 0;
-  for (; i < n; ++i) {
-    if (p[i] == '\r' || p[i] == '\n') continue;
-    if (!asn1::IsBase64TextByte(p[i]) || is_space(p[i])) return false;
-    ++data;
+  while (i < n) {
+    std::size_t end = i;
+    while (end < n && p[end] != '\n')
+      ++end;
+    std::size_t a = i, b = end;
+    while (a < b && is_space(p[a]))
+      ++a;
+    while (b > a && is_space(p[b - 1]))
+      --b;
+    for (std::size_t k = a; k < b; ++k)
+      if (!asn1::IsBase64TextByte(p[k]) || is_space(p[k])) return false;
+    data += b - a;
+    i = end + 1;
   }
   return data >= 4;
 }
@@ -89,25 +102,30 @@ bool cms_label(const std::string& label) {
   return label == "CMS" || label == "PKCS7" || label == "PKCS #7 SIGNED DATA";
 }
 
-// Whether a prefix can be (the start of) an envelope in some form. strict asks for the
-// signed-data ContentInfo itself; otherwise binary ASN.1 that is not text is enough, so
+// How many text layers (Base64, PEM) a prefix holds before what can be (the start of) an
+// envelope, looking a few layers past the bound; -1 when it cannot be one. strict asks for
+// the signed-data ContentInfo itself; otherwise binary ASN.1 that is not text is enough, so
 // that a damaged envelope reaches the BER reader, which says what is wrong with it.
-bool could_be_envelope(const std::uint8_t* p, std::size_t n, int depth, bool strict) {
+int text_layers(const std::uint8_t* p, std::size_t n, int depth, bool strict) {
   if (strict ? signed_data_prefix(p, n) : (n > 0 && p[0] == 0x30 && !printable_text(p, n)))
-    return true;
-  if (depth >= kMaxTextLayers) return false;
+    return depth;
+  if (depth >= kLookLayers) return -1;
   std::string label;
   std::size_t body = 0;
   if (pem_start(p, n, label, body)) {
-    if (!cms_label(label)) return false;
-    Bytes d = asn1::DecodeBase64Prefix(p + body, n - body, kPrefixBytes);
-    return could_be_envelope(d.data(), d.size(), depth + 1, strict);
+    if (!cms_label(label)) return -1;
+  } else if (base64_text(p, n)) {
+    body = leading_space(p, n);
+  } else {
+    return -1;
   }
-  if (base64_text(p, n)) {
-    Bytes d = asn1::DecodeBase64Prefix(p, n, kPrefixBytes);
-    return could_be_envelope(d.data(), d.size(), depth + 1, strict);
-  }
-  return false;
+  Bytes d = asn1::DecodeBase64Prefix(p + body, n - body, kPrefixBytes);
+  return text_layers(d.data(), d.size(), depth + 1, strict);
+}
+
+bool could_be_envelope(const std::uint8_t* p, std::size_t n, int depth, bool strict) {
+  int layers = text_layers(p, n, depth, strict);
+  return layers >= 0 && layers <= kMaxTextLayers;
 }
 
 bool icontains(std::string_view hay, std::string_view needle) {
@@ -118,14 +136,44 @@ bool icontains(std::string_view hay, std::string_view needle) {
   return it != hay.end();
 }
 
-// A mail message: a header line first, and MIME headers among the first lines.
+// The header block of a mail: up to the first empty line (all of v when none is seen).
+std::string_view header_block(std::string_view v) {
+  for (std::size_t at = v.find('\n'); at != std::string_view::npos; at = v.find('\n', at + 1)) {
+    std::size_t next = at + 1;
+    if (next < v.size() && v[next] == '\r') ++next;
+    if (next < v.size() && v[next] == '\n') return v.substr(0, at + 1);
+  }
+  return v;
+}
+
+// A mail message: a header line first, and MIME headers in the header block.
 bool mail_message(const std::uint8_t* p, std::size_t n) {
   std::string_view v = view(p, n);
   std::size_t i = 0;
   while (i < v.size() && (std::isalnum(static_cast<unsigned char>(v[i])) || v[i] == '-'))
     ++i;
   if (i == 0 || i >= v.size() || v[i] != ':') return false;
-  return icontains(v, "mime-version:") || icontains(v, "content-type:");
+  std::string_view headers = header_block(v);
+  return icontains(headers, "\nmime-version:") || icontains(headers, "\ncontent-type:") ||
+         icontains(v.substr(0, i + 1), "mime-version:") ||
+         icontains(v.substr(0, i + 1), "content-type:");
+}
+
+// What a source that is no envelope is, from its first bytes, or from more of them when
+// they start like a mail whose headers may not fit in the first few kilobytes.
+std::string describe(const asn1::ByteSource& source, const Bytes& head) {
+  if (head.size() < source.size() && head.size() < kMailHead) {
+    std::size_t q = leading_space(head.data(), head.size());
+    std::string_view v = view(head.data() + q, head.size() - q);
+    std::size_t i = 0;
+    while (i < v.size() && (std::isalnum(static_cast<unsigned char>(v[i])) || v[i] == '-'))
+      ++i;
+    if (i > 0 && i < v.size() && v[i] == ':' && header_block(v).size() == v.size()) {
+      Bytes more = head_of(source, kMailHead);
+      return DescribeNonEnvelope(more.data(), more.size());
+    }
+  }
+  return DescribeNonEnvelope(head.data(), head.size());
 }
 
 }  // namespace
@@ -171,6 +219,7 @@ std::string DescribeNonEnvelope(const std::uint8_t* p, std::size_t n) {
 EnvelopeInput UnwrapEnvelopeInput(std::shared_ptr<const asn1::ByteSource> source) {
   EnvelopeInput in;
   in.binary = std::move(source);
+  if (in.binary->size() == 0) throw NotAnEnvelope(DescribeNonEnvelope(nullptr, 0));
   for (int depth = 0;; ++depth) {
     Bytes head = head_of(*in.binary);
     // Binary ASN.1 goes to the BER reader, which says what is wrong with a damaged envelope
@@ -183,15 +232,21 @@ EnvelopeInput UnwrapEnvelopeInput(std::shared_ptr<const asn1::ByteSource> source
     bool pem = pem_start(head.data(), head.size(), label, body);
     bool base64 = !pem && base64_text(head.data(), head.size());
     if ((!pem && !base64) || (pem && !cms_label(label)))
-      throw NotAnEnvelope(DescribeNonEnvelope(head.data(), head.size()));
-    std::string what = pem ? "PEM text that does not decode to an envelope"
-                           : "Base64 text that does not decode to an envelope";
-    if (depth >= kMaxTextLayers)
-      throw NotAnEnvelope(
-          what, "more than " + std::to_string(kMaxTextLayers) + " layers of text encoding");
+      throw NotAnEnvelope(describe(*in.binary, head));
+    std::string form = pem ? "PEM text" : "Base64 text";
+    std::string what = form + " that does not decode to an envelope";
+    if (base64) body = leading_space(head.data(), head.size());
     Bytes prefix = asn1::DecodeBase64Prefix(head.data() + body, head.size() - body, kPrefixBytes);
-    if (!could_be_envelope(prefix.data(), prefix.size(), depth + 1, false))
-      throw NotAnEnvelope(what);
+    int layers = text_layers(prefix.data(), prefix.size(), depth + 1, false);
+    if (layers < 0) throw NotAnEnvelope(what);
+    // The prefix promised an envelope within the bound, but the layer read says otherwise.
+    if (depth >= kMaxTextLayers) layers = std::max(layers, depth + 1);
+    if (layers > kMaxTextLayers)
+      throw NotAnEnvelope(form + " encoded " + std::to_string(layers) +
+                              " times over: no more than " + std::to_string(kMaxTextLayers) +
+                              " layers of text encoding are read",
+                          "after " + std::to_string(kMaxTextLayers) +
+                              " layers of text encoding, the data is still text");
     try {
       if (pem) {
         asn1::PemBody armour;

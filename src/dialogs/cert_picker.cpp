@@ -1,8 +1,11 @@
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 
 #include "boundary/result_string.h"
 #include "platform/runtime/datetime.h"
+#include "platform/store/pkcs11_uri.h"
+#include "tessarel/errors.h"
 #include "tessarel/exports.h"
 #include "tessarel/picker.h"
 #include "tessarel/ui.h"
@@ -36,12 +39,50 @@ std::string first_or(const std::vector<std::string>& values,
 
 }  // namespace
 
+// Hidden: only the class's interface is exported.
+struct __attribute__((visibility("hidden"))) TfrmSelWinCert::Impl {
+  Impl(TfrmSelWinCert& owner, std::shared_ptr<CertStore> store)
+      : self(owner), WinCertStorage(std::move(store)) {}
+
+  void UpdateCertificates();
+  void UpdateCertInfo();
+  void FormCloseQuery();
+
+  TfrmSelWinCert& self;
+  std::shared_ptr<CertStore> WinCertStorage;
+  std::vector<Row> rows;
+  int selected = -1;
+  std::optional<Certificate> certificate;
+  std::string dlb_private_key = "None";
+  std::string dlb_usage = "None";
+  ModalResult modal_result = ModalResult::None;
+};
+
 TfrmSelWinCert::TfrmSelWinCert() : TfrmSelWinCert(personal_store()) {}
 
 TfrmSelWinCert::TfrmSelWinCert(std::shared_ptr<CertStore> store)
-    : WinCertStorage(std::move(store)) {}
+    : impl_(std::make_unique<Impl>(*this, std::move(store))) {}
 
 TfrmSelWinCert::~TfrmSelWinCert() = default;
+
+const std::vector<TfrmSelWinCert::Row>& TfrmSelWinCert::rows() const {
+  return impl_->rows;
+}
+int TfrmSelWinCert::selected_row() const {
+  return impl_->selected;
+}
+ModalResult TfrmSelWinCert::modal_result() const {
+  return impl_->modal_result;
+}
+const std::optional<Certificate>& TfrmSelWinCert::FCertificate() const {
+  return impl_->certificate;
+}
+const std::string& TfrmSelWinCert::dlbPrivateKey() const {
+  return impl_->dlb_private_key;
+}
+const std::string& TfrmSelWinCert::dlbUsage() const {
+  return impl_->dlb_usage;
+}
 
 std::string TfrmSelWinCert::UsageText(const Certificate& cert) {
   static const char* kTexts[9] = {
@@ -57,15 +98,36 @@ std::string TfrmSelWinCert::UsageText(const Certificate& cert) {
   return text;
 }
 
-void TfrmSelWinCert::FormShow() {
-  UpdateCertificates();
-  UpdateCertInfo();
+std::string TfrmSelWinCert::Label1() const {
+  const std::string where = impl_->WinCertStorage->location();
+  if (p11::Pkcs11Uri::is_uri(where)) {
+    std::optional<std::string> token;
+    try {
+      token = p11::Pkcs11Uri::parse(where).token;
+    } catch (const Exception&) {
+      // An unreadable URI names no token; the store itself reports the error.
+    }
+    if (token && !token->empty()) return "Certificati installati nel token \"" + *token + "\"";
+    return "Certificati installati nei token PKCS#11";
+  }
+  // The home folder as "~", so the usual place fits above the list.
+  std::string shown = where;
+  const char* home = std::getenv("HOME");
+  if (home && *home && home != std::string("/") && shown.rfind(std::string(home) + "/", 0) == 0)
+    shown = "~" + shown.substr(std::string(home).size());
+  return "Certificati installati nell'archivio personale Tessarel (" + shown + ")";
 }
 
-void TfrmSelWinCert::UpdateCertificates() {
-  rows_.clear();
+void TfrmSelWinCert::FormShow() {
+  impl_->UpdateCertificates();
+  impl_->UpdateCertInfo();
+}
+
+void TfrmSelWinCert::Impl::UpdateCertificates() {
+  rows.clear();
   for (const Certificate& cert : WinCertStorage->certificates()) {
-    if (showCA && !(cert.has_key_usage(kDigitalSignature) && cert.has_key_usage(kKeyEncipherment)))
+    if (self.showCA &&
+        !(cert.has_key_usage(kDigitalSignature) && cert.has_key_usage(kKeyEncipherment)))
       continue;
     Row row{
         {cert.display_serial(),
@@ -75,54 +137,56 @@ void TfrmSelWinCert::UpdateCertificates() {
          date_time_text(cert.not_before()), date_time_text(cert.not_after()),
          WinCertStorage->has_private_key(cert) ? "Yes" : "No"},
         cert};
-    rows_.push_back(std::move(row));
+    rows.push_back(std::move(row));
   }
 }
 
 void TfrmSelWinCert::lvCerificatesChange(int row) {
-  selected_ = (row >= 0 && row < static_cast<int>(rows_.size())) ? row : -1;
-  if (selected_ >= 0)
-    certificate_ = rows_[static_cast<std::size_t>(selected_)].certificate;
+  Impl& d = *impl_;
+  d.selected = (row >= 0 && row < static_cast<int>(d.rows.size())) ? row : -1;
+  if (d.selected >= 0)
+    d.certificate = d.rows[static_cast<std::size_t>(d.selected)].certificate;
   else
-    certificate_.reset();
-  UpdateCertInfo();
+    d.certificate.reset();
+  d.UpdateCertInfo();
 }
 
-void TfrmSelWinCert::UpdateCertInfo() {
-  if (!certificate_) {
-    dlb_private_key_ = "None";
-    dlb_usage_ = "None";
+void TfrmSelWinCert::Impl::UpdateCertInfo() {
+  if (!certificate) {
+    dlb_private_key = "None";
+    dlb_usage = "None";
     return;
   }
-  dlb_private_key_ = WinCertStorage->has_private_key(*certificate_) ? "Available" : "None";
-  dlb_usage_ = UsageText(*certificate_);
+  dlb_private_key = WinCertStorage->has_private_key(*certificate) ? "Available" : "None";
+  dlb_usage = UsageText(*certificate);
 }
 
 void TfrmSelWinCert::RimuoviCertificato1Click() {
-  if (!certificate_ || selected_ < 0) return;
+  Impl& d = *impl_;
+  if (!d.certificate || d.selected < 0) return;
   // The store finds the entry by the certificate's SHA-1 fingerprint.
-  if (!WinCertStorage->remove(*certificate_)) return;
-  rows_.erase(rows_.begin() + selected_);
+  if (!d.WinCertStorage->remove(*d.certificate)) return;
+  d.rows.erase(d.rows.begin() + d.selected);
   lvCerificatesChange(-1);
 }
 
-void TfrmSelWinCert::FormCloseQuery() {
-  if (modal_result_ == ModalResult::Ok && certificate_ && !showCA && certificate_->key_usage() &&
-      !certificate_->has_key_usage(kNonRepudiation))
+void TfrmSelWinCert::Impl::FormCloseQuery() {
+  if (modal_result == ModalResult::Ok && certificate && !self.showCA && certificate->key_usage() &&
+      !certificate->has_key_usage(kNonRepudiation))
     currentUi().message_box(MessageKind::Plain, MessageButtons::Ok, kNonRepudiationWarning);
 }
 
 void TfrmSelWinCert::btnOKClick() {
-  modal_result_ = ModalResult::Ok;
-  FormCloseQuery();
+  impl_->modal_result = ModalResult::Ok;
+  impl_->FormCloseQuery();
 }
 
 void TfrmSelWinCert::btnCancelClick() {
-  modal_result_ = ModalResult::Cancel;
+  impl_->modal_result = ModalResult::Cancel;
 }
 
 void TfrmSelWinCert::close_box() {
-  modal_result_ = ModalResult::Cancel;
+  impl_->modal_result = ModalResult::Cancel;
 }
 
 }  // namespace tessarel

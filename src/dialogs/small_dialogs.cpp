@@ -10,6 +10,11 @@ TPasswordRequestForm::~TPasswordRequestForm() {
   wipe(edtPassword);
 }
 
+void TPasswordRequestForm::btnCancelClick() {
+  modal_result_ = ModalResult::Cancel;
+  wipe(edtPassword);
+}
+
 void TPasswordRequestForm::edtPasswordKeyPress(char key) {
   if (key == 13) btnOkClick();
 }

@@ -14,7 +14,7 @@ class Ui;
 
 namespace tessarel::qt_entry {
 // Raised whenever the Ui interface or the dialog models change shape.
-constexpr int kAbi = 1;
+constexpr int kAbi = 2;
 using AbiFn = int (*)();
 // Returns a new Ui (owned by the caller), or null with the reason written into why.
 using CreateFn = Ui* (*)(char* why, std::size_t why_size);

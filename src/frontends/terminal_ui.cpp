@@ -237,7 +237,7 @@ ModalResult TerminalUi::certificate_picker(TfrmSelWinCert& picker) {
       for (std::size_t c = 0; c < 6; ++c)
         widths[c] = std::max(widths[c], row.cells[c].size());
     std::string screen =
-        std::string("== ") + TfrmSelWinCert::kCaption + " ==\n" + TfrmSelWinCert::kLabel1 + "\n";
+        std::string("== ") + TfrmSelWinCert::kCaption + " ==\n" + picker.Label1() + "\n";
     screen += "     ";
     for (std::size_t c = 0; c < 6; ++c)
       screen += pad(TfrmSelWinCert::kColumns[c].caption, widths[c] + 2);
@@ -314,51 +314,52 @@ void TerminalUi::certificate_wizard(TfrmGenerateCert& w) {
       w.btnCancelClick();
     return true;
   };
+  // The country by its name, or by its first letters and then a number among the names
+  // they match. false at end of input.
+  auto ask_country = [&](const std::string& label) {
+    std::vector<int> offered;  // the names listed after an ambiguous prefix
+    while (true) {
+      write(label + " [" + w.country_text() + "]: ");
+      auto line = read_line();
+      if (!line) return false;
+      std::string a = trim(*line);
+      if (a.empty() || w.select_country(a)) return true;
+      if (!offered.empty() && a.find_first_not_of("0123456789") == a.npos && a.size() < 4) {
+        std::size_t n = std::stoul(a);
+        if (n >= 1 && n <= offered.size()) {
+          w.cbCountryIndex = offered[n - 1];
+          return true;
+        }
+      }
+      offered = w.countries_starting_with(a);
+      if (offered.size() == 1) {
+        w.cbCountryIndex = offered.front();
+        write("  " + w.country_text() + "\n");
+        return true;
+      }
+      if (offered.empty()) {
+        write("  (not in the list: no country starts with \"" + a + "\")\n");
+        continue;
+      }
+      std::string list;
+      for (std::size_t i = 0; i < offered.size(); ++i)
+        list += "  [" + std::to_string(i + 1) + "] " +
+                w.cbCountryItems[static_cast<std::size_t>(offered[i])] + "\n";
+      write(list + "  (type a number, or more letters)\n");
+    }
+  };
   while (w.modal_result() == ModalResult::None) {
     write(std::string("\n== ") + W::kCaption + " ==\n" + w.lblInfo() + "\n\n");
     bool ok = true;
     switch (w.page()) {
       case W::Page::tsEnterFields: {
         write(std::string(W::kHeadingFields) + "\n" + W::kGroupSubject + "\n");
-        ok = ask(std::string("* ") + W::kLabelCommonName, w.edtCommonName) &&
-             ask(std::string("* ") + W::kLabelLocality, w.edtLocality) &&
-             ask(std::string("  ") + W::kLabelState, w.edtState);
-        std::vector<int> offered;  // the names listed after an ambiguous prefix
-        while (ok) {
-          write(std::string("* ") + W::kLabelCountry + " [" + w.country_text() + "]: ");
-          auto line = read_line();
-          if (!line) {
-            ok = false;
-            break;
-          }
-          std::string a = trim(*line);
-          if (a.empty() || w.select_country(a)) break;
-          if (!offered.empty() && !a.empty() && a.find_first_not_of("0123456789") == a.npos &&
-              a.size() < 4) {
-            std::size_t n = std::stoul(a);
-            if (n >= 1 && n <= offered.size()) {
-              w.cbCountryIndex = offered[n - 1];
-              break;
-            }
-          }
-          offered = w.countries_starting_with(a);
-          if (offered.size() == 1) {
-            w.cbCountryIndex = offered.front();
-            write("  " + w.country_text() + "\n");
-            break;
-          }
-          if (offered.empty()) {
-            write("  (not in the list: no country starts with \"" + a + "\")\n");
-            continue;
-          }
-          std::string list;
-          for (std::size_t i = 0; i < offered.size(); ++i)
-            list += "  [" + std::to_string(i + 1) + "] " +
-                    w.cbCountryItems[static_cast<std::size_t>(offered[i])] + "\n";
-          write(list + "  (type a number, or more letters)\n");
+        for (const W::SubjectField& f : W::kSubjectFields) {
+          const std::string label = std::string(f.required ? "* " : "  ") + f.label;
+          ok = f.text ? ask(label, w.*f.text) : ask_country(label);
+          if (!ok) break;
         }
-        ok = ok && ask(std::string("* ") + W::kLabelOrganization, w.edtOrganization) &&
-             ask(std::string("* ") + W::kLabelEmail, w.EdtEmail) && navigate(w.NextEnabled());
+        ok = ok && navigate(w.NextEnabled());
         break;
       }
       case W::Page::tsSpecifyPeriod: {

@@ -10,9 +10,10 @@
 namespace tessarel::qt {
 
 // Calls action with the modal widget of type T as soon as one is shown (polling the modal
-// stack from the event loop). Schedule it before the call that opens the form.
+// stack from the event loop). Schedule it before the call that opens the form. The timer
+// returned may be deleted to give up waiting.
 template <typename T = QWidget>
-void when_shown(std::function<void(T*)> action) {
+QTimer* when_shown(std::function<void(T*)> action) {
   auto* timer = new QTimer;
   timer->setInterval(10);
   QObject::connect(timer, &QTimer::timeout, [timer, action = std::move(action)] {
@@ -25,6 +26,7 @@ void when_shown(std::function<void(T*)> action) {
     action(w);
   });
   timer->start();
+  return timer;
 }
 
 // A child widget by its object name (the model's control name).

@@ -6,9 +6,12 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QResizeEvent>
 #include <QScreen>
+#include <utility>
 
 #include "qt/forms.h"
+#include "tessarel/types.h"
 
 namespace tessarel::qt {
 
@@ -62,6 +65,38 @@ void Form::showEvent(QShowEvent* e) {
   }
 }
 
+void Form::resizeEvent(QResizeEvent* e) {
+  QDialog::resizeEvent(e);
+  const int dw = width() - layout_size_.width(), dh = height() - layout_size_.height();
+  // One axis at a time: both edges stretch, the far edge alone moves, else it stays put.
+  auto follow = [](int start, int length, bool near_edge, bool far_edge, int delta) {
+    if (near_edge && far_edge) return std::pair(start, length + delta);
+    if (far_edge) return std::pair(start + delta, length);
+    return std::pair(start, length);
+  };
+  for (const Anchored& a : anchored_) {
+    if (!a.widget) continue;
+    auto [x, w] =
+        follow(a.place.x(), a.place.width(), a.edges & Qt::LeftEdge, a.edges & Qt::RightEdge, dw);
+    auto [y, h] =
+        follow(a.place.y(), a.place.height(), a.edges & Qt::TopEdge, a.edges & Qt::BottomEdge, dh);
+    a.widget->setGeometry(x, y, w, h);
+  }
+}
+
+void Form::keyPressEvent(QKeyEvent* e) {
+  if (e->matches(QKeySequence::Cancel)) {
+    e->accept();
+    escape();
+    return;
+  }
+  QDialog::keyPressEvent(e);
+}
+
+void Form::anchor(QWidget* w, Qt::Edges edges) {
+  anchored_.push_back({w, w->geometry(), edges});
+}
+
 QLabel* Form::label(const char* name, const QString& text, int x, int y) {
   auto* l = new QLabel(text, this);
   l->setObjectName(QString::fromLatin1(name));
@@ -95,50 +130,43 @@ PasswordForm::PasswordForm(TPasswordRequestForm& model, QWidget* parent)
   auto* ok = button("btnOk", q(TPasswordRequestForm::kOk), QRect(72, 40, 75, 25));
   ok->setDefault(true);
   auto* cancel = button("btnCancel", q(TPasswordRequestForm::kCancel), QRect(152, 40, 75, 25));
-  connect(ok, &QPushButton::clicked, this, [this] {
-    model_.btnOkClick();
-    close_if_done();
-  });
-  connect(cancel, &QPushButton::clicked, this, [this] {
-    model_.btnCancelClick();
-    close_if_done();
-  });
+  connect(ok, &QPushButton::clicked, this, [this] { act([this] { model_.btnOkClick(); }); });
+  connect(cancel, &QPushButton::clicked, this,
+          [this] { act([this] { model_.btnCancelClick(); }); });
   setTabOrder(edit_, ok);
   setTabOrder(ok, cancel);
   edit_->setFocus();
 }
 
 void PasswordForm::keyPressEvent(QKeyEvent* e) {
-  if (e->key() == Qt::Key_Escape) {
-    model_.escape();  // not a cancel key here
-    return;
-  }
   if ((e->key() == Qt::Key_Return || e->key() == Qt::Key_Enter) && edit_->hasFocus()) {
-    model_.edtPasswordKeyPress(13);
-    close_if_done();
+    act([this] { model_.edtPasswordKeyPress(13); });
     return;
   }
   Form::keyPressEvent(e);
 }
 
-void PasswordForm::reject() {
-  model_.btnCancelClick();
-  close_if_done();
+void PasswordForm::escape() {
+  act([this] { model_.escape(); });
 }
 
-void PasswordForm::take_password() {
+void PasswordForm::reject() {
+  act([this] { model_.close_box(); });
+}
+
+void PasswordForm::act(const std::function<void()>& action) {
   QString typed = edit_->text();
   QByteArray utf8 = typed.toUtf8();
   model_.edtPassword.assign(utf8.constData(), static_cast<std::size_t>(utf8.size()));
-  // Our copies are wiped; the field's own buffer is released (Qt offers no way to wipe it).
+  // Our copies are wiped; the field's own buffer is released when it is cleared (Qt offers
+  // no way to wipe it).
   utf8.fill('\0');
   typed.fill(QChar(u'\0'));
-  edit_->clear();
-}
-
-void PasswordForm::close_if_done() {
-  if (!model_.closed()) return;
-  if (model_.modal_result() == ModalResult::Ok) take_password();
+  action();
+  if (!model_.closed()) {
+    wipe(model_.edtPassword);  // the field still holds what was typed
+    return;
+  }
   edit_->clear();
   done(static_cast<int>(model_.modal_result()));
 }
@@ -187,7 +215,7 @@ OverwriteForm::OverwriteForm(TSignFileOverriteDlg& model, QWidget* parent)
   ok->setDefault(true);
   connect(ok, &QPushButton::clicked, this, [this] {
     model_.OKBtnClick();
-    done(static_cast<int>(model_.modal_result()));
+    finish_if_closed();
   });
   if (auto* checked =
           group->findChild<QRadioButton*>(QStringLiteral("RadioGroup1_%1").arg(model_.ItemIndex)))
@@ -196,15 +224,18 @@ OverwriteForm::OverwriteForm(TSignFileOverriteDlg& model, QWidget* parent)
     first->setFocus();
 }
 
-void OverwriteForm::keyPressEvent(QKeyEvent* e) {
-  if (e->key() == Qt::Key_Escape) return;  // the form has no cancel button
-  Form::keyPressEvent(e);
+void OverwriteForm::escape() {
+  model_.escape();
+  finish_if_closed();
 }
 
 void OverwriteForm::reject() {
-  // The close box: the selection still counts.
   model_.close_box();
-  done(static_cast<int>(model_.modal_result()));
+  finish_if_closed();
+}
+
+void OverwriteForm::finish_if_closed() {
+  if (model_.modal_result() != ModalResult::None) done(static_cast<int>(model_.modal_result()));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -231,12 +262,12 @@ DeletionForm::DeletionForm(TSignCancRegDlg& model, QWidget* parent)
   connect(ok, &QPushButton::clicked, this, [this] {
     sync();
     model_.OKBtnClick();
-    done(static_cast<int>(model_.modal_result()));
+    finish_if_closed();
   });
   connect(cancel, &QPushButton::clicked, this, [this] {
     sync();
     model_.CancelBtnClick();
-    done(static_cast<int>(model_.modal_result()));
+    finish_if_closed();
   });
   setTabOrder(edit_, combo_);
   setTabOrder(combo_, ok);
@@ -250,10 +281,20 @@ void DeletionForm::sync() {
   model_.select(combo_->currentIndex());
 }
 
-void DeletionForm::reject() {
+void DeletionForm::escape() {
   sync();
   model_.escape();
-  done(static_cast<int>(model_.modal_result()));
+  finish_if_closed();
+}
+
+void DeletionForm::reject() {
+  sync();
+  model_.close_box();
+  finish_if_closed();
+}
+
+void DeletionForm::finish_if_closed() {
+  if (model_.modal_result() != ModalResult::None) done(static_cast<int>(model_.modal_result()));
 }
 
 }  // namespace tessarel::qt

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <QDialog>
+#include <QPointer>
 #include <exception>
 #include <functional>
+#include <vector>
 
 #include "tessarel/dialogs.h"
 #include "tessarel/picker.h"
@@ -35,8 +37,9 @@ QString q(const char* utf8);
 QString text(const char* utf8);
 
 // What every form shares: the desktop's default font at the size the layouts were drawn
-// for, a fixed or resizable client area, where it opens, and errors of the models carried
-// out of Qt's event handlers to the caller of exec().
+// for, a fixed or resizable client area, controls anchored to its edges, where it opens,
+// Escape handed to the model, and errors of the models carried out of Qt's event handlers
+// to the caller of exec().
 class Form : public QDialog {
  public:
   enum class Placement { OverParent, ScreenCentre };
@@ -51,27 +54,42 @@ class Form : public QDialog {
 
  protected:
   void showEvent(QShowEvent* e) override;
+  void resizeEvent(QResizeEvent* e) override;
+  void keyPressEvent(QKeyEvent* e) override;
+  // Escape: what it means is the model's to say.
+  virtual void escape() = 0;
   QLabel* label(const char* name, const QString& text, int x, int y);
   QPushButton* button(const char* name, const QString& text, QRect geometry);
+  // From now on the control keeps its distance to each edge in `edges` when the form is
+  // resized; anchored on two opposite edges it stretches. Its present geometry is its
+  // place at the layout's size.
+  void anchor(QWidget* w, Qt::Edges edges);
 
  private:
+  struct Anchored {
+    QPointer<QWidget> widget;
+    QRect place;
+    Qt::Edges edges;
+  };
   QSize layout_size_;
   Placement placement_;
   std::exception_ptr error_;
+  std::vector<Anchored> anchored_;
 };
 
 class PasswordForm : public Form {
  public:
   PasswordForm(TPasswordRequestForm& model, QWidget* parent);
-  // Copies the typed password into the model and clears the field.
-  void take_password();
 
  protected:
   void keyPressEvent(QKeyEvent* e) override;
+  void escape() override;
   void reject() override;  // the close box
 
  private:
-  void close_if_done();
+  // Hands the typed password to the model, runs the action, and closes the form when the
+  // model is done; the model decides whether the password is kept.
+  void act(const std::function<void()>& action);
   TPasswordRequestForm& model_;
   QLineEdit* edit_;
 };
@@ -81,10 +99,11 @@ class OverwriteForm : public Form {
   OverwriteForm(TSignFileOverriteDlg& model, QWidget* parent);
 
  protected:
-  void keyPressEvent(QKeyEvent* e) override;
-  void reject() override;
+  void escape() override;
+  void reject() override;  // the close box
 
  private:
+  void finish_if_closed();
   TSignFileOverriteDlg& model_;
 };
 
@@ -93,10 +112,13 @@ class DeletionForm : public Form {
   DeletionForm(TSignCancRegDlg& model, QWidget* parent);
 
  protected:
-  void reject() override;  // Escape and the close box: Cancel
+  void escape() override;
+  void reject() override;  // the close box
 
  private:
+  // Copies the typed id and the chosen type into the model.
   void sync();
+  void finish_if_closed();
   TSignCancRegDlg& model_;
   QLineEdit* edit_;
   QComboBox* combo_;
@@ -109,9 +131,8 @@ class PickerForm : public Form {
   void fill();
 
  protected:
-  void keyPressEvent(QKeyEvent* e) override;
-  void reject() override;
-  void resizeEvent(QResizeEvent* e) override;
+  void escape() override;
+  void reject() override;  // the close box
 
  private:
   void update_info();
@@ -134,8 +155,8 @@ class WizardForm : public Form {
   static constexpr int kWidth = 500, kHeight = 420;
 
  protected:
-  void keyPressEvent(QKeyEvent* e) override;
-  void reject() override;
+  void escape() override;
+  void reject() override;  // the close box
   void closeEvent(QCloseEvent* e) override;
 
  private:
@@ -148,8 +169,7 @@ class WizardForm : public Form {
   TfrmGenerateCert& model_;
   QLabel* info_;
   QStackedWidget* pages_;
-  QLineEdit *common_name_, *locality_, *state_, *organization_, *email_;
-  QComboBox* country_;
+  std::vector<QWidget*> fields_;  // the subject's, top to bottom
   QDateEdit *from_, *to_;
   QLabel* generate_text_;
   QPushButton* generate_;

@@ -5,7 +5,6 @@
 #include <QLabel>
 #include <QMenu>
 #include <QPushButton>
-#include <QResizeEvent>
 #include <QTreeWidget>
 #include <algorithm>
 
@@ -14,7 +13,6 @@
 namespace tessarel::qt {
 
 namespace {
-// Distances kept from the right and bottom edges by the anchored controls.
 constexpr QSize kClient(514, 426);
 constexpr QRect kList(8, 32, 498, 260);
 constexpr QRect kOk(341, 393, 75, 25), kCancel(431, 393, 75, 25);
@@ -24,7 +22,7 @@ constexpr QRect kPanel(8, 298, 501, 89);
 PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
     : Form(parent, "frmSelWinCert", TfrmSelWinCert::kCaption, kClient, true, Placement::OverParent),
       model_(model) {
-  label1_ = label("Label1", q(TfrmSelWinCert::kLabel1), 8, 8);
+  label1_ = label("Label1", q(model_.Label1()), 8, 8);
 
   list_ = new QTreeWidget(this);
   list_->setObjectName("lvCerificates");
@@ -112,6 +110,11 @@ PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
   usage_->setWordWrap(true);
   usage_->setAlignment(Qt::AlignLeft | Qt::AlignTop);
 
+  anchor(label1_, Qt::LeftEdge | Qt::TopEdge);
+  anchor(list_, Qt::LeftEdge | Qt::TopEdge | Qt::RightEdge | Qt::BottomEdge);
+  anchor(ok_, Qt::RightEdge | Qt::BottomEdge);
+  anchor(cancel_, Qt::RightEdge | Qt::BottomEdge);
+  anchor(panel_, Qt::LeftEdge | Qt::TopEdge);
   setTabOrder(list_, ok_);
   setTabOrder(ok_, cancel_);
   list_->setFocus();
@@ -141,31 +144,14 @@ void PickerForm::finish_if_closed() {
   if (model_.modal_result() != ModalResult::None) done(static_cast<int>(model_.modal_result()));
 }
 
-void PickerForm::keyPressEvent(QKeyEvent* e) {
-  // Neither button is the default or the cancel button: Enter and Escape close nothing.
-  switch (e->key()) {
-    case Qt::Key_Escape:
-    case Qt::Key_Return:
-    case Qt::Key_Enter:
-      e->accept();
-      return;
-    default:
-      Form::keyPressEvent(e);
-  }
+void PickerForm::escape() {
+  model_.escape();
+  finish_if_closed();
 }
 
 void PickerForm::reject() {
   model_.close_box();
   finish_if_closed();
-}
-
-void PickerForm::resizeEvent(QResizeEvent* e) {
-  Form::resizeEvent(e);
-  const int dw = width() - kClient.width(), dh = height() - kClient.height();
-  list_->setGeometry(kList.adjusted(0, 0, dw, dh));  // anchored on all four sides
-  ok_->move(kOk.topLeft() + QPoint(dw, dh));         // right and bottom
-  cancel_->move(kCancel.topLeft() + QPoint(dw, dh));
-  panel_->move(kPanel.topLeft() + QPoint(0, dh));  // stays below the list
 }
 
 }  // namespace tessarel::qt

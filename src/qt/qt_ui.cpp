@@ -1,7 +1,19 @@
 // The Qt front end: the Ui whose dialogs are the forms of forms.h, and the entry points that
 // the core finds with dlsym. It never creates a QApplication that could abort the host: the
 // platform plugin and the display are checked first.
+//
+// Threads. Qt wants every widget on the thread that created the QApplication, and that
+// thread must keep running an event loop for dialogs asked from other threads. A host that
+// runs its own QApplication has such a thread: dialogs go there. Otherwise the library
+// starts a GUI thread of its own on first use; it creates the application, runs its event
+// loop for the rest of the process, and every dialog, from whichever host thread, is posted
+// to it while the caller waits for the answer.
+//
+// Platforms. Only those that show a window to the person at the desktop are used (xcb,
+// wayland). Tests that want forms on the offscreen platform create their own QApplication,
+// as a host does; the library never picks offscreen by itself.
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,10 +24,15 @@
 #include <QLibraryInfo>
 #include <QMessageBox>
 #include <QThread>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "frontends/qt_entry.h"
@@ -28,23 +45,35 @@ namespace tessarel::qt {
 
 namespace {
 
-// Runs f on the thread that owns the application's widgets, waiting for it.
+bool private_application_usable();
+void keep_exit_handler_first();
+
+// Runs f on the thread that owns the application's widgets, waiting for it. Once the
+// library's own GUI thread is ending (the process is exiting) nothing is shown: the dialog
+// ends as if closed without an answer.
 template <typename F>
 auto on_gui_thread(F f) -> decltype(f()) {
-  if (QThread::currentThread() == qApp->thread()) return f();
   decltype(f()) result{};
-  std::exception_ptr error;
-  QMetaObject::invokeMethod(
-      qApp,
-      [&] {
-        try {
-          result = f();
-        } catch (...) {
-          error = std::current_exception();
-        }
-      },
-      Qt::BlockingQueuedConnection);
-  if (error) std::rethrow_exception(error);
+  if (!private_application_usable()) return result;
+  QCoreApplication* app = QCoreApplication::instance();
+  if (!app) return result;
+  if (QThread::currentThread() == app->thread()) {
+    result = f();
+  } else {
+    std::exception_ptr error;
+    QMetaObject::invokeMethod(
+        app,
+        [&] {
+          try {
+            result = f();
+          } catch (...) {
+            error = std::current_exception();
+          }
+        },
+        Qt::BlockingQueuedConnection);
+    if (error) std::rethrow_exception(error);
+  }
+  keep_exit_handler_first();
   return result;
 }
 
@@ -253,17 +282,29 @@ bool wayland_reachable(std::string& why) {
   return ok;
 }
 
+// Platforms that show a window to the person at the desktop. The others draw nowhere
+// (offscreen, minimal), on a console framebuffer that a desktop session does not show and
+// whose plugins abort the process when they cannot open it (eglfs, linuxfb), or for a
+// network client (vnc): a dialog there would wait for an answer that cannot come.
+bool shows_windows(const QString& name) {
+  return name == "xcb" || name.startsWith("wayland");
+}
+
 // A platform that can be used here, or empty with the reason.
 QString usable_platform(std::string& why) {
   auto check = [&](const QString& spec) {
     const QString name = spec.section(':', 0, 0);
+    if (!shows_windows(name)) {
+      why = "the Qt platform \"" + name.toStdString() +
+            "\" shows no window on a desktop (QT_QPA_PLATFORM)";
+      return false;
+    }
     if (!plugin_installed(name)) {
       why = "the Qt platform plugin \"" + name.toStdString() + "\" is not installed";
       return false;
     }
     if (name == "xcb") return x_display_reachable(why);
-    if (name.startsWith("wayland")) return wayland_reachable(why);
-    return true;
+    return wayland_reachable(why);
   };
   if (const char* forced = std::getenv("QT_QPA_PLATFORM"); forced && *forced) {
     for (const QString& spec : QString::fromLocal8Bit(forced).split(';', Qt::SkipEmptyParts))
@@ -280,23 +321,125 @@ QString usable_platform(std::string& why) {
   return {};
 }
 
-bool ensure_application(std::string& why) {
-  if (QCoreApplication* app = QCoreApplication::instance()) {
-    if (qobject_cast<QApplication*>(app)) return true;
-    why = "the host runs a Qt application without widgets";
-    return false;
+// The library's own application and the thread that runs it.
+struct PrivateApplication {
+  enum class State { NotStarted, Starting, Running, Stopping, Failed, Finished };
+  std::mutex m;
+  std::condition_variable cv;
+  State state = State::NotStarted;
+  std::string why;
+  std::thread* thread = nullptr;  // never destroyed, joined at exit
+};
+
+PrivateApplication& private_application() {
+  // Never destroyed: the exit handler below and a late caller may still look at it.
+  static auto* p = new PrivateApplication;
+  return *p;
+}
+
+void set_state(PrivateApplication::State state, std::string why = {}) {
+  PrivateApplication& p = private_application();
+  std::lock_guard lock(p.m);
+  p.state = state;
+  p.why = std::move(why);
+  p.cv.notify_all();
+}
+
+// At the process's exit the GUI thread leaves its event loop (an open dialog is closed),
+// deletes the application and ends before Qt's globals are destroyed: they hold objects of
+// that thread, with timers, which may only go there. A thread that does not end soon is
+// left as it is.
+void stop_gui_thread_at_exit() {
+  PrivateApplication& p = private_application();
+  {
+    std::lock_guard lock(p.m);
+    if (p.state != PrivateApplication::State::Running ||
+        p.thread->get_id() == std::this_thread::get_id())
+      return;
+    p.state = PrivateApplication::State::Stopping;
+    p.why = "the process is exiting";
   }
+  QMetaObject::invokeMethod(
+      qApp, [] { QCoreApplication::exit(0); }, Qt::QueuedConnection);
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += 5;
+  pthread_timedjoin_np(p.thread->native_handle(), nullptr, &deadline);
+}
+
+// Exit handlers run last registered first, and Qt registers the destructors of its globals
+// when they are first used, which may be during any dialog. Registering the handler again
+// after each dialog keeps it ahead of them. (A few bytes per dialog shown.)
+void keep_exit_handler_first() {
+  PrivateApplication& p = private_application();
+  std::lock_guard lock(p.m);
+  if (p.state == PrivateApplication::State::Running) std::atexit(stop_gui_thread_at_exit);
+}
+
+void gui_thread() {
+  // Everything Qt is first touched here, so that Qt takes this thread for its main thread.
+  std::string why;
   QString platform = usable_platform(why);
-  if (platform.isEmpty()) return false;
-  // The private application lives as long as the process: the host never sees it, and
-  // tearing Qt down during the host's own exit is not safe.
+  if (platform.isEmpty()) {
+    set_state(PrivateApplication::State::Failed, why);
+    return;
+  }
   static int argc = 3;
   static std::string arg0 = "tessarel", arg1 = "-platform", arg2;
   arg2 = platform.toStdString();
   static char* argv[] = {arg0.data(), arg1.data(), nullptr, nullptr};
   argv[2] = arg2.data();
-  new QApplication(argc, argv);
-  return true;
+  auto* app = new QApplication(argc, argv);
+  // Closing a dialog is not the end of the application.
+  QApplication::setQuitOnLastWindowClosed(false);
+  QCoreApplication::setQuitLockEnabled(false);
+  set_state(PrivateApplication::State::Running);
+  keep_exit_handler_first();
+  app->exec();
+  set_state(PrivateApplication::State::Finished, "the desktop dialogs were closed down");
+  // Dialogs asked meanwhile are dropped with the application's pending events, which
+  // releases their callers.
+  delete app;
+}
+
+bool private_application_usable() {
+  PrivateApplication& p = private_application();
+  std::lock_guard lock(p.m);
+  return p.state == PrivateApplication::State::NotStarted ||
+         p.state == PrivateApplication::State::Running;
+}
+
+bool start_private_application(std::string& why) {
+  PrivateApplication& p = private_application();
+  std::unique_lock lock(p.m);
+  if (p.state == PrivateApplication::State::NotStarted) {
+    p.state = PrivateApplication::State::Starting;
+    p.thread = new std::thread(gui_thread);
+  }
+  p.cv.wait(lock, [&] { return p.state != PrivateApplication::State::Starting; });
+  if (p.state == PrivateApplication::State::Running) return true;
+  why = p.why;
+  return false;
+}
+
+bool ensure_application(std::string& why) {
+  {
+    PrivateApplication& p = private_application();
+    std::lock_guard lock(p.m);
+    if (p.state != PrivateApplication::State::NotStarted) {
+      if (p.state == PrivateApplication::State::Running) return true;
+      if (p.state != PrivateApplication::State::Starting) {
+        why = p.why;
+        return false;
+      }
+    }
+  }
+  if (QCoreApplication* app = QCoreApplication::instance()) {
+    if (qobject_cast<QApplication*>(app)) return true;
+    why = "the host runs a Qt application without widgets";
+    return false;
+  }
+  return start_private_application(why);
 }
 
 }  // namespace

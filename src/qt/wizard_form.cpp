@@ -11,7 +11,6 @@
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QTimer>
-#include <cmath>
 
 #include "qt/forms.h"
 
@@ -19,13 +18,12 @@ namespace tessarel::qt {
 
 namespace {
 
-// The models count days from 30 December 1899, as the host runtime's dates do.
-const QDate kEpoch(1899, 12, 30);
 QDate to_qdate(DateTime d) {
-  return kEpoch.addDays(static_cast<qint64>(std::floor(d)));
+  const TfrmGenerateCert::Day day = TfrmGenerateCert::ToDay(d);
+  return QDate(day.year, day.month, day.day);
 }
 DateTime from_qdate(QDate d) {
-  return static_cast<DateTime>(kEpoch.daysTo(d));
+  return TfrmGenerateCert::FromDay({d.year(), d.month(), d.day()});
 }
 
 // The banner's key picture, drawn rather than shipped as a file.
@@ -135,19 +133,17 @@ WizardForm::WizardForm(TfrmGenerateCert& model, QWidget* parent)
     after_action();
   });
 
-  setTabOrder(common_name_, locality_);
-  setTabOrder(locality_, state_);
-  setTabOrder(state_, country_);
-  setTabOrder(country_, organization_);
-  setTabOrder(organization_, email_);
-  setTabOrder(email_, from_);
+  // The subject's fields in the model's order, then the dates, then the buttons.
+  for (std::size_t i = 0; i + 1 < fields_.size(); ++i)
+    setTabOrder(fields_[i], fields_[i + 1]);
+  setTabOrder(fields_.back(), from_);
   setTabOrder(from_, to_);
   setTabOrder(to_, generate_);
   setTabOrder(generate_, back_);
   setTabOrder(back_, next_);
   setTabOrder(next_, cancel_);
   sync();
-  common_name_->setFocus();
+  fields_.front()->setFocus();
 }
 
 QWidget* WizardForm::subject_page() {
@@ -158,49 +154,40 @@ QWidget* WizardForm::subject_page() {
   auto* group = new QGroupBox(q(W::kGroupSubject), page);
   group->setObjectName("gbSubject");
   group->setGeometry(8, 28, 468, 240);
-  struct Row {
-    const char* label;
-    bool required;
-  };
-  const Row rows[] = {{W::kLabelCommonName, true},   {W::kLabelLocality, true},
-                      {W::kLabelState, false},       {W::kLabelCountry, true},
-                      {W::kLabelOrganization, true}, {W::kLabelEmail, true}};
-  for (int i = 0; i < 6; ++i) {
-    const int y = 28 + i * 34;
-    child_label(group, QStringLiteral("lbl%1").arg(i).toLatin1().constData(), q(rows[i].label), 16,
-                y + 3);
-    if (rows[i].required) {
-      QLabel* star = child_label(group, QStringLiteral("req%1").arg(i).toLatin1().constData(),
+  // One row per field of the model, in its order; a required field's caption is followed
+  // by a red asterisk.
+  int row = 0;
+  for (const W::SubjectField& f : W::kSubjectFields) {
+    const int y = 28 + row * 34;
+    QLabel* caption = child_label(group, QStringLiteral("lbl%1").arg(row).toLatin1().constData(),
+                                  q(f.label), 16, y + 3);
+    if (f.required) {
+      QLabel* star = child_label(group, QStringLiteral("req%1").arg(row).toLatin1().constData(),
                                  QStringLiteral("*"), 160, y + 3);
       star->setStyleSheet("color: #c00000");
     }
+    if (f.text) {
+      auto* e = edit(group, f.control, 172, y);
+      e->setText(q(model_.*f.text));
+      connect(e, &QLineEdit::textChanged, this,
+              [this, member = f.text](const QString& t) { set_utf8(model_.*member, t); });
+      caption->setBuddy(e);
+      fields_.push_back(e);
+    } else {
+      auto* country = new QComboBox(group);
+      country->setObjectName(QString::fromLatin1(f.control));
+      country->setGeometry(172, y, 280, 21);
+      country->setMaxVisibleItems(20);
+      for (const auto& name : model_.cbCountryItems)
+        country->addItem(q(name));
+      country->setCurrentIndex(model_.cbCountryIndex);
+      connect(country, &QComboBox::currentIndexChanged, this,
+              [this](int i) { model_.cbCountryIndex = i; });
+      caption->setBuddy(country);
+      fields_.push_back(country);
+    }
+    ++row;
   }
-  common_name_ = edit(group, "edtCommonName", 172, 28);
-  locality_ = edit(group, "edtLocality", 172, 62);
-  state_ = edit(group, "edtState", 172, 96);
-  country_ = new QComboBox(group);
-  country_->setObjectName("cbCountry");
-  country_->setGeometry(172, 130, 280, 21);
-  country_->setMaxVisibleItems(20);
-  for (const auto& name : model_.cbCountryItems)
-    country_->addItem(q(name));
-  country_->setCurrentIndex(model_.cbCountryIndex);
-  organization_ = edit(group, "edtOrganization", 172, 164);
-  email_ = edit(group, "EdtEmail", 172, 198);
-
-  const std::pair<QLineEdit*, std::string TfrmGenerateCert::*> fields[] = {
-      {common_name_, &TfrmGenerateCert::edtCommonName},
-      {locality_, &TfrmGenerateCert::edtLocality},
-      {state_, &TfrmGenerateCert::edtState},
-      {organization_, &TfrmGenerateCert::edtOrganization},
-      {email_, &TfrmGenerateCert::EdtEmail}};
-  for (const auto& [widget, member] : fields) {
-    widget->setText(q(model_.*member));
-    connect(widget, &QLineEdit::textChanged, this,
-            [this, member = member](const QString& t) { set_utf8(model_.*member, t); });
-  }
-  connect(country_, &QComboBox::currentIndexChanged, this,
-          [this](int i) { model_.cbCountryIndex = i; });
   return page;
 }
 
@@ -222,10 +209,12 @@ QWidget* WizardForm::period_page() {
     d->setDate(to_qdate(value));
     return d;
   };
-  child_label(group, "lblFrom", q(W::kLabelFrom), 16, 31);
+  QLabel* from_caption = child_label(group, "lblFrom", q(W::kLabelFrom), 16, 31);
   from_ = date("dtpFrom", 28, model_.dtpFrom());
-  child_label(group, "lblTo", q(W::kLabelTo), 16, 65);
+  from_caption->setBuddy(from_);
+  QLabel* to_caption = child_label(group, "lblTo", q(W::kLabelTo), 16, 65);
   to_ = date("dtpTo", 62, model_.dtpTo());
+  to_caption->setBuddy(to_);
   connect(from_, &QDateEdit::dateChanged, this,
           [this](QDate d) { model_.set_dtpFrom(from_qdate(d)); });
   connect(to_, &QDateEdit::dateChanged, this, [this](QDate d) { model_.set_dtpTo(from_qdate(d)); });
@@ -289,9 +278,9 @@ void WizardForm::after_action() {
   sync();
 }
 
-void WizardForm::keyPressEvent(QKeyEvent* e) {
-  if (e->key() == Qt::Key_Escape) return;  // only Annulla or the close box end the wizard
-  Form::keyPressEvent(e);
+void WizardForm::escape() {
+  guard([this] { model_.escape(); });
+  after_action();
 }
 
 void WizardForm::reject() {

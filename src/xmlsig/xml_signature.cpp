@@ -68,6 +68,32 @@ const MethodUri kMethodUris[] = {
      DigestAlgorithm::SHA512},
     {TElXMLSignatureMethod::xsmRSA_RIPEMD160,
      "http://www.w3.org/2001/04/xmldsig-more/rsa-ripemd160", DigestAlgorithm::RIPEMD160},
+    {TElXMLSignatureMethod::xsmECDSA, "http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha256",
+     DigestAlgorithm::SHA256},
+};
+
+// What the verifier accepts: the methods above and the other common DSA and ECDSA ones.
+struct VerifyMethod {
+  const char* uri;
+  KeyKind kind;
+  DigestAlgorithm hash;
+};
+const VerifyMethod kVerifyMethods[] = {
+    {"http://www.w3.org/2001/04/xmldsig-more#rsa-md5", KeyKind::Rsa, DigestAlgorithm::MD5},
+    {dsig::kRsaSha1, KeyKind::Rsa, DigestAlgorithm::SHA1},
+    {"http://www.w3.org/2001/04/xmldsig-more#rsa-sha224", KeyKind::Rsa, DigestAlgorithm::SHA224},
+    {"http://www.w3.org/2001/04/xmldsig-more#rsa-sha256", KeyKind::Rsa, DigestAlgorithm::SHA256},
+    {"http://www.w3.org/2001/04/xmldsig-more#rsa-sha384", KeyKind::Rsa, DigestAlgorithm::SHA384},
+    {"http://www.w3.org/2001/04/xmldsig-more#rsa-sha512", KeyKind::Rsa, DigestAlgorithm::SHA512},
+    {"http://www.w3.org/2001/04/xmldsig-more/rsa-ripemd160", KeyKind::Rsa,
+     DigestAlgorithm::RIPEMD160},
+    {"http://www.w3.org/2000/09/xmldsig#dsa-sha1", KeyKind::Dsa, DigestAlgorithm::SHA1},
+    {"http://www.w3.org/2009/xmldsig11#dsa-sha256", KeyKind::Dsa, DigestAlgorithm::SHA256},
+    {"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha1", KeyKind::Ec, DigestAlgorithm::SHA1},
+    {"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha224", KeyKind::Ec, DigestAlgorithm::SHA224},
+    {"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha256", KeyKind::Ec, DigestAlgorithm::SHA256},
+    {"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha384", KeyKind::Ec, DigestAlgorithm::SHA384},
+    {"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha512", KeyKind::Ec, DigestAlgorithm::SHA512},
 };
 
 DigestAlgorithm digest_of(TElXMLDigestMethod m) {
@@ -242,6 +268,10 @@ void TElXMLSigner::GenerateSignature() {
     if (cert != KeyKind::Dsa)
       security_error("Signature method not supported for this type of the certificate.");
     if (key != KeyKind::Dsa) security_error("DSA key data expected.");
+  } else if (FSignatureMethod == TElXMLSignatureMethod::xsmECDSA) {
+    if (cert != KeyKind::Ec)
+      security_error("Signature method not supported for this type of the certificate.");
+    if (key != KeyKind::Ec) security_error("ECDSA key data expected.");
   } else {
     security_error("Signature method not supported.");
   }
@@ -379,6 +409,12 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   FSignedInfo.assign(canonical.begin(), canonical.end());
   DigestAlgorithm h = method_hash(FSignatureMethod);
   Bytes value = FKeyData->FKey->sign_digest(h, crypto::digest(h, FSignedInfo));
+  // Keys give DSA and ECDSA signatures in DER; XML signatures carry r || s, each number as
+  // wide as the group order.
+  if (FSignatureMethod == TElXMLSignatureMethod::xsmDSS ||
+      FSignatureMethod == TElXMLSignatureMethod::xsmECDSA)
+    value = crypto::dss_signature_to_plain(
+        value, crypto::PublicKey::from_certificate(cert).dss_half_size());
   dsig_child(sig, "SignatureValue").append_child(doc.CreateText(crypto::base64_encode(value)));
 }
 
@@ -566,19 +602,24 @@ XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
     std::string canonical =
         doc.CanonicalizeSubtree(si, FCanonicalizationMethod >= 3, FCanonicalizationMethod % 2 == 0);
     Bytes data(canonical.begin(), canonical.end());
-    DigestAlgorithm h = DigestAlgorithm::Unknown;
-    bool rsa = false;
-    for (const auto& m : kMethodUris)
-      if (signature_method_uri_ == m.uri) {
-        h = m.hash;
-        rsa = is_rsa_method(m.method);
-      }
-    if (!rsa || h == DigestAlgorithm::Unknown) {
+    const VerifyMethod* method = nullptr;
+    for (const auto& m : kVerifyMethods)
+      if (signature_method_uri_ == m.uri) method = &m;
+    auto pub = crypto::PublicKey::from_certificate(*out.certificate);
+    if (!method) {
       out.problems.push_back("unsupported signature method " + signature_method_uri_);
+    } else if (pub.kind() != method->kind) {
+      out.problems.push_back("the signature method " + signature_method_uri_ +
+                             " does not fit the key of the signature's certificate");
     } else {
-      auto pub = crypto::PublicKey::from_certificate(*out.certificate);
-      out.signature_valid = pub.kind() == KeyKind::Rsa &&
-                            crypto::verify_message(pub.get(), h, data, signature_value_);
+      if (method->kind == KeyKind::Rsa) {
+        out.signature_valid =
+            crypto::verify_message(pub.get(), method->hash, data, signature_value_);
+      } else if (signature_value_.size() == 2 * pub.dss_half_size()) {
+        // r || s of the group order's width; anything else (DER among them) is malformed.
+        out.signature_valid = pub.verify_digest(method->hash, crypto::digest(method->hash, data),
+                                                crypto::dss_signature_from_plain(signature_value_));
+      }
       if (!out.signature_valid)
         out.problems.push_back(
             "the signature value does not verify with the signature's certificate");

@@ -287,18 +287,17 @@ TEST(Generate, CancellationStopsAKeyGenerationInProgress) {
     std::this_thread::sleep_for(50ms);
     cancel = true;
   });
-  auto start = std::chrono::steady_clock::now();
   bool cancelled = false;
   try {
-    c.Generate(id(CertAlgorithm::Rsa), id(CertAlgorithm::Sha256WithRsa), 15360,
-               &cancel);  // minutes if not stopped
+    // Minutes of prime search unless the key generation's callback sees the flag: a cancel
+    // that does not reach it runs into the test's time limit.
+    c.Generate(id(CertAlgorithm::Rsa), id(CertAlgorithm::Sha256WithRsa), 15360, &cancel);
   } catch (const crypto::GenerationCancelled&) {
     cancelled = true;
   }
   stopper.join();
   EXPECT_TRUE(cancelled);
   EXPECT_FALSE(c.HasPrivateKey());
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
 }
 
 TEST(Serials, SixteenPositiveBytesUniqueInTheStore) {

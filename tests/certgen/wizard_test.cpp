@@ -6,11 +6,16 @@
 #include <pty.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <stop_token>
 #include <thread>
 
 #include "certgen/wizard_internal.h"
+#include "certgen/wizard_testing.h"
 #include "frontends/scripted_ui.h"
 #include "frontends/terminal_ui.h"
+#include "platform/crypto/keygen.h"
 #include "platform/runtime/datetime.h"
 #include "tessarel/exports.h"
 #include "tessarel/sign_e_archivia.h"
@@ -159,7 +164,7 @@ TEST_F(Wizard, ACompletedGenerationStoresTheCertificateWithItsKey) {
     EXPECT_TRUE(w.Busy());
     pump_until_closed(w);
     EXPECT_FALSE(w.Busy());
-    EXPECT_FALSE(w.worker_running());
+    EXPECT_FALSE(WizardTesting::worker_running(w));
   });
   std::unique_ptr<ISignEArchivia> engine(GetSignEArchivia());
   EXPECT_EQ(engine->GeneraCertificato(), "Paolo Conte");
@@ -215,12 +220,22 @@ TEST_F(Wizard, ProgressTicksArriveOnTheDialogThreadInStepsOfFiveAndWrap) {
   fill(w);
   w.btnNextClick();
   w.btnNextClick();
-  w.set_before_generation([] { std::this_thread::sleep_for(4600ms); });  // 23 ticks
+  // The worker is held until the dialog's thread has seen 23 ticks (one past the wrap), so
+  // that their number does not depend on how fast the key is made; they come every 2 ms.
+  std::mutex m;
+  std::condition_variable_any seen;
   std::vector<int> positions;
   std::vector<std::thread::id> threads;
+  WizardTesting::set_tick(w, 2ms);
+  WizardTesting::before_generation(w, [&](std::stop_token stop) {
+    std::unique_lock lock(m);
+    seen.wait(lock, stop, [&] { return positions.size() >= 23; });
+  });
   w.OnProgress = [&](int p) {
+    std::lock_guard lock(m);
     positions.push_back(p);
     threads.push_back(std::this_thread::get_id());
+    seen.notify_all();
   };
   w.btnGenerateClick();
   EXPECT_TRUE(w.ProgressVisible());
@@ -228,45 +243,97 @@ TEST_F(Wizard, ProgressTicksArriveOnTheDialogThreadInStepsOfFiveAndWrap) {
   pump_until_closed(w);
   EXPECT_EQ(w.modal_result(), ModalResult::Ok);
   EXPECT_FALSE(w.ProgressVisible());
-  ASSERT_GE(positions.size(), 21u);
+  std::lock_guard lock(m);
+  ASSERT_GE(positions.size(), 23u);
   for (std::size_t i = 0; i < positions.size(); ++i) {
     int previous = i ? positions[i - 1] : 0;
     EXPECT_EQ(positions[i], previous + 5 >= 100 ? 0 : previous + 5) << i;
     EXPECT_EQ(threads[i], std::this_thread::get_id());
   }
-  EXPECT_NE(std::find(positions.begin(), positions.end(), 0), positions.end())
-      << "never wrapped at 100";
+  EXPECT_EQ(positions[18], 95);
+  EXPECT_EQ(positions[19], 0) << "the bar wraps at 100";
 }
+
+// Holds the wizard's worker before its key generation until the wizard stops it, and keeps
+// how the generation ended. It must outlive the wizard.
+struct HeldWorker {
+  void hold(W& w) {
+    WizardTesting::before_generation(w, [this](std::stop_token stop) {
+      std::unique_lock lock(m);
+      held = true;
+      cv.notify_all();
+      cv.wait(lock, stop, [] { return false; });
+    });
+    WizardTesting::after_generation(w, [this](std::exception_ptr e) {
+      std::lock_guard lock(m);
+      ended = true;
+      error = e;
+    });
+  }
+  // Waits until the worker is inside the hook (the wizard's own thread, not a timer).
+  void wait_held() {
+    std::unique_lock lock(m);
+    cv.wait(lock, [&] { return held; });
+  }
+  bool ended_cancelled() {
+    std::lock_guard lock(m);
+    if (!ended || !error) return false;
+    try {
+      std::rethrow_exception(error);
+    } catch (const crypto::GenerationCancelled&) {
+      return true;
+    } catch (...) {
+      return false;
+    }
+  }
+
+  std::mutex m;
+  std::condition_variable_any cv;
+  bool held = false, ended = false;
+  std::exception_ptr error;
+};
 
 TEST_F(Wizard, ClosingDuringGenerationStopsTheWorkerAndStoresNothing) {
   int threads_before = thread_count();
   {
+    HeldWorker held;
     W w;
     fill(w);
     w.btnNextClick();
     w.btnNextClick();
-    w.set_key_bits(15360);  // minutes of prime search unless stopped
+    held.hold(w);
     w.btnGenerateClick();
-    w.ProcessMessages(300ms);
-    EXPECT_TRUE(w.worker_running());
+    held.wait_held();
+    w.ProcessMessages();
+    EXPECT_TRUE(WizardTesting::worker_running(w));
+    EXPECT_TRUE(w.Generating());
     w.btnCancelClick();  // disabled while generating: no question, no effect
     EXPECT_EQ(w.modal_result(), ModalResult::None);
-    auto start = std::chrono::steady_clock::now();
     w.close_box();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
     EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
-    EXPECT_FALSE(w.worker_running());
+    EXPECT_FALSE(WizardTesting::worker_running(w));
+    EXPECT_FALSE(w.Generating());
+    EXPECT_FALSE(w.Busy());
+    EXPECT_EQ(ui_->busy_log, (std::vector<bool>{true, false}));
+    EXPECT_FALSE(w.ProgressVisible());
+    // The key generation itself saw the stop: it ended cancelled, not with a key.
+    EXPECT_TRUE(held.ended_cancelled());
     EXPECT_EQ(w.cert_commonName(), "");
+    EXPECT_TRUE(w.generated_certificate().empty());
+    w.ProcessMessages();  // a completion posted by the stopped worker changes nothing
+    EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
   }
+  HeldWorker held;
   {
     W destroyed_while_running;
     fill(destroyed_while_running);
     destroyed_while_running.btnNextClick();
     destroyed_while_running.btnNextClick();
-    destroyed_while_running.set_key_bits(15360);
+    held.hold(destroyed_while_running);
     destroyed_while_running.btnGenerateClick();
-    destroyed_while_running.ProcessMessages(100ms);
+    held.wait_held();
   }
+  EXPECT_TRUE(held.ended_cancelled());
   EXPECT_EQ(thread_count(), threads_before);
   EXPECT_TRUE(open_store(store_.path())->certificates().empty());
   EXPECT_TRUE(ui_->messages().empty());
@@ -339,6 +406,12 @@ TEST(WizardTerminal, CompletedByTyping) {
   ::close(slave);
   EXPECT_EQ(result, "Anna Rossi") << screen;
   EXPECT_NE(screen.find("Compilare tutti i campi con l'asterisco."), std::string::npos);
+  // The asterisks mark the fields the message asks for, and only those.
+  for (const char* required :
+       {"* Nome certificato:", "* Città: ", "* Nazione:", "* Nome Organizzazione:", "* Email:"})
+    EXPECT_NE(screen.find(required), std::string::npos) << required;
+  EXPECT_NE(screen.find("  Provincia:"), std::string::npos);
+  EXPECT_EQ(screen.find("* Provincia:"), std::string::npos);
   EXPECT_NE(screen.find("not in the list"), std::string::npos);
   auto certs = open_store(store.path())->certificates();
   ASSERT_EQ(certs.size(), 1u);

@@ -123,7 +123,7 @@ TEST_F(ArchiveCli, ManyFilesGiveTheSameArchiveOnOneThreadAndOnFour) {
                        : i == 12 ? "ricevuta-\xC3\xA0-\xE2\x82\xAC.txt"
                                  : "doc" + std::to_string(i) + ".txt";
     files.push_back(dir_ / name);
-    if (i != 20) test::write_file(files.back(), i == 7 ? "" : std::string(50 * i, 'a' + i % 26));
+    if (i != 20) test::write_file(files.back(), i == 7 ? "" : std::string(50 * i, static_cast<char>('a' + i % 26)));
   }
   // The same list archived again, cancelled at the first file already archived.
   auto add = [&](int threads, const std::vector<std::string>& list, const char* existing) {
@@ -198,6 +198,68 @@ TEST_F(ArchiveCli, ManyFilesGiveTheSameArchiveOnOneThreadAndOnFour) {
     if (fs::path(name).extension() == ".p7m") continue;
     EXPECT_TRUE(copies[1].count(name) && copies[1].at(name) == bytes) << name;
   }
+}
+
+TEST_F(ArchiveCli, AnEcKeyClosesTheIndexWithEcdsaThatXmlsec1Accepts) {
+  auto r = cli({"cert", "new", "--cn", "Archivio EC", "--key", "ec"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::string id = r.out.substr(0, r.out.find('\n'));
+  r = cli({"cert", "export", id, "-o", dir_ / "ec.pfx", "--password", "pass:"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  auto pem = test::run({"openssl", "pkcs12", "-in", dir_ / "ec.pfx", "-nokeys", "-passin",
+                        "pass:", "-out", dir_ / "ec.pem"});
+  ASSERT_EQ(pem.exit_code, 0) << pem.err;
+
+  // Twice, so that the second close signs an index reopened from the first.
+  for (const char* file : {"a.txt", "b.txt"}) {
+    r = cli({"archive", "add", arch_, "--type", "Fatture", "--cert", id, dir_ / file});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    r = cli({"archive", "verify", arch_});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_EQ(r.out.rfind("OK: index signature valid (CN=Archivio EC)", 0), 0u) << r.out;
+    auto x =
+        test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem",
+                   dir_ / "ec.pem", "--enabled-reference-uris", "empty", arch_ + "/index.xml"});
+    EXPECT_EQ(x.exit_code, 0) << file << ": " << x.out << x.err;
+  }
+  EXPECT_NE(test::read_file(arch_ + "/index.xml").find("xmldsig-more#ecdsa-sha256"),
+            std::string::npos);
+}
+
+// A key that cannot sign the index (DSA has no method here): the documents are already in
+// the archive, so the index that lists them is written unsigned, the command fails, and the
+// next close with a usable key signs everything.
+TEST_F(ArchiveCli, AnIndexThatCannotBeSignedIsStillWrittenAndTheArchiveStaysUsable) {
+  auto r = cli({"cert", "new", "--cn", "Archivio DSA", "--key", "dsa"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::string dsa = r.out.substr(0, r.out.find('\n'));
+  r = cli({"archive", "add", arch_, "--type", "Contratti", "--date", "2021-04-04", "--cert", dsa,
+           dir_ / "a.txt", dir_ / "b.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Signature method not supported for this type of the certificate."),
+            std::string::npos)
+      << r.err;
+  for (const char* f : {"a.txt", "a.txt.p7m", "b.txt", "b.txt.p7m"})
+    EXPECT_TRUE(std::filesystem::exists(arch_ + "/Contratti/2021/04/" + f)) << f;
+  ASSERT_TRUE(std::filesystem::exists(arch_ + "/index.xml"));
+  std::string unsigned_index = test::read_file(arch_ + "/index.xml");
+  EXPECT_EQ(unsigned_index.find("Signature"), std::string::npos) << unsigned_index;
+  r = cli({"archive", "list", arch_});
+  EXPECT_NE(r.out.find("Contratti\\2021\\04\\a.txt.p7m"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("Contratti\\2021\\04\\b.txt.p7m"), std::string::npos) << r.out;
+  r = cli({"archive", "verify", arch_});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("no ds:Signature element"), std::string::npos) << r.out;
+  for (const auto& e : std::filesystem::directory_iterator(arch_))
+    EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos) << e.path();
+
+  // The archive is free at once (no wait for a lock), and the next close signs all records.
+  r = cli({"archive", "add", arch_, "--type", "Contratti", "--date", "2021-04-04", dir_ / "c.txt"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.err.find("in use"), std::string::npos) << r.err;
+  r = cli({"archive", "verify", arch_});
+  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("3 records, 6 files checked, 0 problems"), std::string::npos) << r.out;
 }
 
 }  // namespace

@@ -178,6 +178,7 @@ TEST_F(CmsCli, WhatIsNotAnEnvelopeIsNamedOnTheFirstLine) {
       {"note.p7m", "una fattura qualsiasi\n", "this is text, not a CMS envelope"},
       {"cert.p7m", "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n",
        "this is PEM text holding a CERTIFICATE, not a CMS envelope"},
+      {"vuoto è.p7m", "", "the file is empty, not a CMS envelope"},
   };
   for (const auto& c : cases) {
     test::write_file(dir_ / c.name, c.content);
@@ -196,6 +197,128 @@ TEST_F(CmsCli, WhatIsNotAnEnvelopeIsNamedOnTheFirstLine) {
   }
   EXPECT_FALSE(std::filesystem::exists(dir_ / "doc.pdf"))
       << "nothing is written for a non-envelope";
+
+  // Nothing at all on a pipe.
+  auto r = test::run_shell("printf '' | '" + test::cli_path() + "' verify -");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err.rfind("tessarel: error: the file is empty, not a CMS envelope\n", 0), 0u)
+      << r.err;
+
+  // A whole signed mail as a mail program saves it: the relays' headers fill far more than
+  // the first few kilobytes before the MIME headers come.
+  r = test::run_shell(
+      "cd '" + dir_.path() +
+      "' && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "
+      "mittente.key -out mittente.pem -days 2 -subj /CN=Mittente 2>/dev/null && "
+      "(for i in $(seq 80); do echo \"Received: from relay$i.example.org (relay$i.example.org "
+      "[192.0.2.$i]) by mx.example.org with ESMTPS id 4Xy$i\"; done; openssl cms -sign -nodetach "
+      "-in a.txt -signer mittente.pem -inkey mittente.key) > posta.eml");
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  ASSERT_GT(test::read_file(dir_ / "posta.eml").find("MIME-Version:"), 4096u);
+  for (const std::string& how :
+       {"'" + (dir_ / "posta.eml") + "'", "- < '" + (dir_ / "posta.eml") + "'"}) {
+    r = test::run_shell("'" + test::cli_path() + "' verify " + how);
+    EXPECT_EQ(r.exit_code, 1) << how;
+    EXPECT_EQ(r.err.rfind("tessarel: error: S/MIME mail message: save the attachment first\n", 0),
+              0u)
+        << r.err;
+  }
+  // A plain mail with as many headers is a mail, not text.
+  std::string plain;
+  for (int i = 0; i < 80; ++i)
+    plain += "Received: from relay" + std::to_string(i) + ".example.org by mx.example.org\n";
+  test::write_file(dir_ / "lettera.eml",
+                   plain + "MIME-Version: 1.0\nContent-Type: text/plain\n\nCiao\n");
+  r = cli({"verify", dir_ / "lettera.eml"});
+  EXPECT_EQ(r.err.rfind("tessarel: error: this is a mail message, not a CMS envelope\n", 0), 0u)
+      << r.err;
+}
+
+// Base64 as editors, mail programs and scripts leave it: a byte-order mark, white space
+// around each line, and text encoded more often than the reader takes it off.
+TEST_F(CmsCli, Base64AsEditorsAndScriptsLeaveIt) {
+  std::string doc = dir_ / "fattura è.xml";
+  test::write_file(doc, "<Fattura>42</Fattura>\n");
+  ASSERT_EQ(cli({"sign", "--cert", id_, doc}).exit_code, 0);
+  std::string env = "'" + doc + ".p7m'";
+  struct Case {
+    std::string name, make, form;
+  } cases[] = {
+      {"bom.b64", "(printf '\\357\\273\\277'; base64 -w 76 " + env + ")", "Base64 (DER)"},
+      {"space.b64", "base64 -w 64 " + env + " | sed 's/$/ /'", "Base64 (DER)"},
+      {"tab-crlf.b64", "base64 -w 76 " + env + " | sed 's/$/\t\r/'", "Base64 (DER)"},
+      {"indented.b64",
+       "(printf '\\357\\273\\277\\n'; base64 -w 64 " + env + " | sed 's/^/  /; s/$/ /')",
+       "Base64 (DER)"},
+      {"spaces-twice.b64", "base64 -w 64 " + env + " | sed 's/$/ /' | base64 -w 76 | sed 's/$/\t/'",
+       "Base64, twice (DER)"},
+      {"four.b64", "base64 " + env + " | base64 | base64 | base64", "Base64, 4 times (DER)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string file = dir_ / c.name;
+    ASSERT_EQ(test::run_shell(c.make + " > '" + file + "'").exit_code, 0);
+    auto r = cli({"verify", file});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("\nform: " + c.form + "\n"), std::string::npos) << r.out;
+    r = test::run_shell("'" + test::cli_path() + "' extract - -o - < '" + file + "'");
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(r.out, "<Fattura>42</Fattura>\n");
+  }
+  // One layer more than is read: said as such, from a file and from a pipe.
+  ASSERT_EQ(test::run_shell("base64 '" + (dir_ / "four.b64") + "' > '" + (dir_ / "five.b64") + "'")
+                .exit_code,
+            0);
+  const std::string five =
+      "tessarel: error: Base64 text encoded 5 times over: no more than 4 layers of text "
+      "encoding are read\n";
+  auto r = cli({"verify", dir_ / "five.b64"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err.rfind(five, 0), 0u) << r.err;
+  r = test::run_shell("cat '" + (dir_ / "five.b64") + "' | '" + test::cli_path() +
+                      "' extract - -o -");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err.rfind(five, 0), 0u) << r.err;
+  EXPECT_TRUE(r.out.empty());
+}
+
+// A detached signature signed again into an attached envelope (x.pdf.p7s.p7m): the data of
+// the inner signature is x.pdf, found by taking both extensions off, and the x.pdf.p7s that
+// may still lie beside is not taken for it.
+TEST_F(CmsCli, ADetachedSignatureInsideAnAttachedEnvelopeFindsItsData) {
+  std::string doc = dir_ / "verbale è.pdf";
+  test::write_file(doc, "%PDF-1.4 verbale\n");
+  ASSERT_EQ(cli({"sign", "--detached", "--cert", id_, doc}).exit_code, 0);
+  ASSERT_EQ(cli({"sign", "--cert", id_, doc + ".p7s"}).exit_code, 0);
+  std::string nest = doc + ".p7s.p7m";
+  for (bool inner_beside : {true, false}) {
+    SCOPED_TRACE(inner_beside ? "x.pdf.p7s beside" : "x.pdf.p7s removed");
+    if (!inner_beside) std::filesystem::remove(doc + ".p7s");
+    auto r = cli({"verify", nest});
+    EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+    EXPECT_EQ(r.out.rfind("VALID: 2 envelopes, one inside the other (innermost: detached, 17 "
+                          "bytes of content)\n",
+                          0),
+              0u)
+        << r.out;
+    EXPECT_NE(r.out.find("layer 2 of 2: VALID (detached, 17 bytes of content; form: DER)"),
+              std::string::npos)
+        << r.out;
+  }
+  test::write_file(doc, "%PDF-1.4 verbale?\n");
+  auto r = cli({"verify", nest});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("layer 1 of 2: VALID"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("layer 2 of 2: NOT VALID"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("does not match"), std::string::npos) << r.out;
+  std::filesystem::remove(doc);
+  r = cli({"verify", nest});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("no content file was given"), std::string::npos) << r.out;
+  // The document given by name still works, wherever it lies.
+  test::write_file(dir_ / "copia.pdf", "%PDF-1.4 verbale\n");
+  r = cli({"verify", nest, "--content", dir_ / "copia.pdf"});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
 }
 
 // A batch signed on one thread and on four. What a user sees must not depend on it: the same

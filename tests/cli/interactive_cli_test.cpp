@@ -26,6 +26,10 @@ TEST_F(InteractiveCli, ThePickerPrintsTheChosenIdentifier) {
   auto r = on_terminal({test::cli_path(), "--store", dir_ / "MY", "cert", "pick"}, "> ", "1\nok\n");
   EXPECT_EQ(r.exit_code, 0) << r.screen;
   EXPECT_NE(r.screen.find("Seleziona certificato"), std::string::npos) << r.screen;
+  EXPECT_NE(r.screen.find("Certificati installati nell'archivio personale Tessarel (" +
+                          dir_ / "MY" + ")"),
+            std::string::npos)
+      << r.screen;
   EXPECT_NE(r.screen.find(second + "\r\n"), std::string::npos) << r.screen;
 
   auto cancelled =

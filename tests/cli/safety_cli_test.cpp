@@ -8,7 +8,10 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
+#include <map>
 
+#include "pdf_fixtures.h"
 #include "test_support.h"
 
 namespace tessarel {
@@ -27,10 +30,10 @@ class SafetyCli : public ::testing::Test {
     for (auto& e : fs::directory_iterator(store_)) {
       std::string ext = e.path().extension().string();
       if (ext != ".crt" && ext != ".key") continue;
-      auto r = test::run({"openssl", ext == ".crt" ? "x509" : "pkey", "-inform", "DER", "-in",
-                          e.path().string(), "-out",
-                          dir_ / (ext == ".crt" ? "signer.pem" : "signer.key")});
-      ASSERT_EQ(r.exit_code, 0) << r.err;
+      auto pem = test::run({"openssl", ext == ".crt" ? "x509" : "pkey", "-inform", "DER", "-in",
+                            e.path().string(), "-out",
+                            dir_ / (ext == ".crt" ? "signer.pem" : "signer.key")});
+      ASSERT_EQ(pem.exit_code, 0) << pem.err;
     }
     arch_ = dir_ / "archivio";
   }
@@ -58,6 +61,13 @@ class SafetyCli : public ::testing::Test {
                         "namespace-uri()='http://www.w3.org/2000/09/xmldsig#']",
                         index});
     return r.exit_code == 0 ? "OK" : r.err;
+  }
+  // The store's own files: the manifest, the lock file and every entry file.
+  std::vector<std::string> store_files() {
+    std::vector<std::string> out;
+    for (auto& e : fs::directory_iterator(store_))
+      out.push_back(e.path().string());
+    return out;
   }
   std::size_t records() {
     auto r = cli({"archive", "list", arch_});
@@ -160,7 +170,63 @@ TEST_F(SafetyCli, NoCommandWritesOntoItsOwnInput) {
   fs::create_symlink(dir_ / "b.txt", dir_ / "b.txt.p7m");
   auto r = cli({"sign", dir_ / "b.txt"});
   EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("It is the file being signed"), std::string::npos) << r.err;
   EXPECT_EQ(test::read_file(dir_ / "b.txt"), "beta\n");
+
+  // Signing a PDF and exporting a key read a document, a PKCS#12 file, a password file and
+  // the store: none of them may become the output, by any name.
+  test::write_file(dir_ / "doc.pdf", test::hand_pdf());
+  test::write_file(dir_ / "pw", "segreta\n");
+  std::string pw = "file:" + dir_ / "pw";
+  r = cli({"cert", "export", id_, "-o", dir_ / "k.pfx", "--password", pw});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  fs::create_hard_link(dir_ / "k.pfx", dir_ / "k-hard.pfx");
+  fs::create_symlink(dir_ / "doc.pdf", dir_ / "doc-link.pdf");
+  std::vector<std::string> entries = store_files();
+  ASSERT_GE(entries.size(), 4u);  // manifest, .lock, the certificate and its key
+  for (const auto& e : entries)
+    if (e.ends_with(".crt")) fs::create_hard_link(e, dir_ / "entry-link.crt");
+  std::map<std::string, Bytes> before;
+  for (const auto& f : entries)
+    before[f] = test::read_bytes(f);
+  for (const char* f : {"k.pfx", "pw", "doc.pdf"})
+    before[dir_ / f] = test::read_bytes(dir_ / f);
+
+  auto refused = [&](const std::vector<std::string>& args, const std::string& output,
+                     const std::string& what) {
+    auto refusal = cli(args);
+    EXPECT_EQ(refusal.exit_code, 1) << output << ": " << refusal.err;
+    EXPECT_NE(refusal.err.find("It is " + what), std::string::npos)
+        << output << ": " << refusal.err;
+  };
+  for (const std::string& out : {dir_ / "k.pfx", dir_ / "k-hard.pfx"})
+    refused({"pdf", "sign", dir_ / "doc.pdf", "-o", out, "--pfx", dir_ / "k.pfx", "--password", pw},
+            out, "the PKCS#12 file with the signing key");
+  refused({"pdf", "sign", dir_ / "doc.pdf", "-o", dir_ / "pw", "--pfx", dir_ / "k.pfx",
+           "--password", pw},
+          "pw", "the password file");
+  refused({"pdf", "sign", dir_ / "doc.pdf", "-o", dir_ / "doc-link.pdf"}, "doc-link.pdf",
+          "the document being signed");
+  refused({"cert", "export", id_, "-o", dir_ / "pw", "--password", pw}, "pw", "the password file");
+  std::vector<std::string> store_outputs = entries;
+  store_outputs.push_back(dir_ / "entry-link.crt");
+  for (const auto& out : store_outputs) {
+    refused({"cert", "export", id_, "-o", out, "--password", pw}, out,
+            "a file of the certificate store");
+    refused({"pdf", "sign", dir_ / "doc.pdf", "--cert", id_, "-o", out}, out,
+            "a file of the certificate store");
+  }
+  // A password read from a descriptor open on the very file named as the output.
+  r = shell(tessarel() + " cert export " + id_ + " -o pw --password fd:3 3< pw");
+  EXPECT_EQ(r.exit_code, 1) << r.err;
+  EXPECT_NE(r.err.find("It is the password file"), std::string::npos) << r.err;
+
+  for (const auto& [file, bytes] : before)
+    EXPECT_EQ(test::read_bytes(file), bytes) << file << " was written over";
+  // The store still signs with its certificate.
+  r = cli({"cert", "list"});
+  EXPECT_NE(r.out.find(id_ + "  key"), std::string::npos) << r.out << r.err;
+  EXPECT_EQ(cli({"pdf", "sign", dir_ / "doc.pdf", "-o", dir_ / "signed.pdf"}).exit_code, 0);
 }
 
 TEST_F(SafetyCli, OutputsThatAreNotPlainNewFilesKeepWhatTheyAre) {
@@ -169,7 +235,7 @@ TEST_F(SafetyCli, OutputsThatAreNotPlainNewFilesKeepWhatTheyAre) {
   std::string env = dir_ / "a.txt.p7m";
 
   // An existing private file keeps its mode; a hard link keeps both names on one file.
-  test::write_file(dir_ / "private.txt", "old");
+  test::write_file(dir_ / "private.txt", "an older and longer content");
   ::chmod((dir_ / "private.txt").c_str(), 0600);
   fs::create_hard_link(dir_ / "private.txt", dir_ / "private-link.txt");
   ASSERT_EQ(cli({"extract", env, "-o", dir_ / "private.txt"}).exit_code, 0);
@@ -221,6 +287,108 @@ TEST_F(SafetyCli, OutputsThatAreNotPlainNewFilesKeepWhatTheyAre) {
   r = cli({"extract", env, "-o", "-"});
   EXPECT_EQ(r.exit_code, 0);
   EXPECT_EQ(r.out, "alpha\n");
+
+  // An envelope name that is a device refusing the data (a full device made here): the
+  // error is said and the device stays.
+  test::write_file(dir_ / "c.txt", "gamma\n");
+  std::string full_dev = dir_ / "c.txt.p7m";
+  if (::mknod(full_dev.c_str(), S_IFCHR | 0666, makedev(1, 7)) == 0) {
+    r = cli({"sign", dir_ / "c.txt"});
+    EXPECT_EQ(r.exit_code, 1) << r.err;
+    EXPECT_TRUE(fs::is_character_file(full_dev));
+  }
+}
+
+TEST_F(SafetyCli, SignedDocumentsAndExportedKeysKeepWhatTheirOutputsAre) {
+  test::write_file(dir_ / "doc.pdf", test::hand_pdf());
+  test::write_file(dir_ / "pw", "segreta\n");
+  std::string pw = "file:" + dir_ / "pw";
+  using Write = std::function<test::CommandResult(const std::string&)>;
+  using Check = std::function<bool(const std::string&)>;
+  Write sign_pdf = [&](const std::string& out) {
+    return cli({"pdf", "sign", dir_ / "doc.pdf", "-o", out, "--quiet"});
+  };
+  Write export_pfx = [&](const std::string& out) {
+    return cli({"cert", "export", id_, "-o", out, "--password", pw, "--quiet"});
+  };
+  Check is_pdf_signed = [&](const std::string& file) {
+    return cli({"pdf", "verify", file}).exit_code == 0;
+  };
+  Check is_pfx = [&](const std::string& file) {
+    return test::run({"openssl", "pkcs12", "-in", file, "-passin", pw, "-nokeys", "-out",
+                      dir_ / "pfx.pem"})
+               .exit_code == 0;
+  };
+  auto mode = [](const std::string& f) { return fs::status(f).permissions() & fs::perms::all; };
+  const auto owner_rw = fs::perms::owner_read | fs::perms::owner_write;
+
+  // A new key file is its owner's alone; an existing file keeps the mode it was given.
+  ASSERT_EQ(export_pfx(dir_ / "new.pfx").exit_code, 0);
+  EXPECT_EQ(mode(dir_ / "new.pfx"), owner_rw);
+  EXPECT_TRUE(is_pfx(dir_ / "new.pfx"));
+  for (const std::string name : {"old.pfx", "old.pdf"}) {
+    test::write_file(dir_ / name, "old");
+    ::chmod((dir_ / name).c_str(), 0640);
+    ASSERT_EQ((name == "old.pfx" ? export_pfx : sign_pdf)(dir_ / name).exit_code, 0);
+    EXPECT_EQ(mode(dir_ / name), owner_rw | fs::perms::group_read) << name;
+  }
+  EXPECT_TRUE(is_pfx(dir_ / "old.pfx"));
+  EXPECT_TRUE(is_pdf_signed(dir_ / "old.pdf"));
+
+  // Symbolic links stay links (one to a file not made yet among them); the files they name
+  // get the content. Hard links keep both names on one file.
+  for (const std::string ext : {".pdf", ".pfx"}) {
+    auto write = ext == ".pdf" ? sign_pdf : export_pfx;
+    auto check = ext == ".pdf" ? is_pdf_signed : is_pfx;
+    test::write_file(dir_ / ("target" + ext), "old");
+    fs::create_symlink(dir_ / ("target" + ext), dir_ / ("link" + ext));
+    fs::create_symlink(dir_ / ("later" + ext), dir_ / ("dangling" + ext));
+    test::write_file(dir_ / ("one" + ext), "old");
+    fs::create_hard_link(dir_ / ("one" + ext), dir_ / ("two" + ext));
+    for (const std::string name : {"link", "dangling", "one"})
+      EXPECT_EQ(write(dir_ / (name + ext)).exit_code, 0) << name << ext;
+    EXPECT_TRUE(fs::is_symlink(dir_ / ("link" + ext))) << ext;
+    EXPECT_TRUE(fs::is_symlink(dir_ / ("dangling" + ext))) << ext;
+    EXPECT_TRUE(check(dir_ / ("target" + ext))) << ext;
+    EXPECT_TRUE(check(dir_ / ("later" + ext))) << ext;
+    EXPECT_EQ(fs::hard_link_count(dir_ / ("one" + ext)), 2u) << ext;
+    EXPECT_TRUE(check(dir_ / ("two" + ext))) << ext;
+  }
+  EXPECT_EQ(mode(dir_ / "later.pfx"), owner_rw);
+
+  // A device stays a device; a FIFO's reader gets the whole output.
+  std::string null_dev = dir_ / "null";
+  if (::mknod(null_dev.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0) {
+    EXPECT_EQ(sign_pdf(null_dev).exit_code, 0);
+    EXPECT_EQ(export_pfx(null_dev).exit_code, 0);
+    EXPECT_TRUE(fs::is_character_file(null_dev));
+  }
+  std::string fifo = dir_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string ext : {".pdf", ".pfx"}) {
+    int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    ::fcntl(reader, F_SETFL, 0);
+    auto r = (ext == ".pdf" ? sign_pdf : export_pfx)(fifo);
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    std::string received;
+    char buf[4096];
+    for (ssize_t n; (n = ::read(reader, buf, sizeof buf)) > 0;)
+      received.append(buf, static_cast<std::size_t>(n));
+    ::close(reader);
+    EXPECT_TRUE(fs::is_fifo(fifo));
+    test::write_file(dir_ / ("from-fifo" + ext), received);
+    EXPECT_TRUE((ext == ".pdf" ? is_pdf_signed : is_pfx)(dir_ / ("from-fifo" + ext))) << ext;
+  }
+
+  // Standard output.
+  auto r = cli({"cert", "export", id_, "-o", "-", "--password", pw});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  test::write_file(dir_ / "stdout.pfx", r.out);
+  EXPECT_TRUE(is_pfx(dir_ / "stdout.pfx"));
+  // Nothing left beside the outputs.
+  for (auto& e : fs::directory_iterator(dir_.path()))
+    EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos) << e.path();
 }
 
 TEST_F(SafetyCli, ConcurrentArchiversLoseNothing) {
@@ -288,8 +456,8 @@ TEST_F(SafetyCli, ParametersAndTypesThatWouldBreakTheIndexAreRefusedFirst) {
     auto r = cli({"archive", "add", arch_, "--type", "T", "--param", param, dir_ / "a.txt"});
     EXPECT_EQ(r.exit_code, 1) << param;
     EXPECT_NE(r.err.find("Parametro XML del record non valido"), std::string::npos) << r.err;
-    EXPECT_FALSE(fs::exists(arch_ + "/T")) << "copied although refused: " << param;
-    EXPECT_FALSE(fs::exists(arch_ + "/index.xml")) << param;
+    // Not even the new archive's folder (or its lock file) is left behind.
+    EXPECT_FALSE(fs::exists(arch_)) << "left behind although refused: " << param;
   }
   // Outside NameStartChar/NameChar (° is U+00B0, · U+00B7 cannot start, U+037E is not a
   // name character, a colon would be a prefix), and bytes that are not UTF-8.
@@ -298,16 +466,38 @@ TEST_F(SafetyCli, ParametersAndTypesThatWouldBreakTheIndexAreRefusedFirst) {
     auto r = cli({"archive", "add", arch_, "--type", type, dir_ / "a.txt"});
     EXPECT_EQ(r.exit_code, 1) << type;
     EXPECT_NE(r.err.find("Tipo di documento non valido"), std::string::npos) << r.err;
-    EXPECT_FALSE(fs::exists(arch_ + "/" + type)) << type;
+    EXPECT_FALSE(fs::exists(arch_)) << type;
   }
+  // A certificate that is not there, or has no key: refused before any folder is made,
+  // the missing parents of a nested archive folder included.
+  std::string nested = dir_ / "nuovi/archivio";
+  auto r = cli({"archive", "add", nested, "--type", "T", "--cert", "00BADBAD", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Certificato non trovato"), std::string::npos) << r.err;
+  r = cli({"archive", "add", nested, "--type", "Protocollo_N\xc2\xb0", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_FALSE(fs::exists(dir_ / "nuovi"));
+  fs::path key;
+  for (auto& e : fs::directory_iterator(store_))
+    if (e.path().extension() == ".key") key = e.path();
+  fs::rename(key, dir_ / "key.aside");
+  r = cli({"archive", "add", nested, "--type", "T", "--cert", id_, dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("Chiave non trovata"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "nuovi"));
+  fs::rename(dir_ / "key.aside", key);
   // Inside the ranges: accepted, written, and the index reads back and verifies.
   for (std::string type : std::vector<std::string>{"Citt\xc3\xa0", "x\xc2\xb7y", "\xce\xa9mega",
                                                    "_x-1.2", "\xe6\x96\x87\xe6\x9b\xb8"}) {
-    auto r =
+    auto added =
         cli({"archive", "add", arch_, "--type", type, "--existing", "overwrite", dir_ / "a.txt"});
-    EXPECT_EQ(r.exit_code, 0) << type << r.err;
+    EXPECT_EQ(added.exit_code, 0) << type << added.err;
   }
-  auto r = cli({"archive", "verify", arch_});
+  // A refusal in an archive that exists leaves it as it was, lock file and all.
+  r = cli({"archive", "add", arch_, "--type", "a:b", dir_ / "a.txt"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_TRUE(fs::exists(arch_ + "/index.xml.lock"));
+  r = cli({"archive", "verify", arch_});
   EXPECT_EQ(r.exit_code, 0) << r.out;
   EXPECT_EQ(records(), 5u);
   EXPECT_EQ(xmlsec_index(arch_ + "/index.xml"), "OK");

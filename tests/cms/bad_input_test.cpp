@@ -32,7 +32,11 @@ std::string open_error(const Bytes& b) {
 
 TEST(CmsBadInput, EveryTruncationIsALoadError) {
   Bytes env = test::SignBytes({'t', 'r', 'u', 'n', 'c'}, signer());
-  for (std::size_t n = 0; n < env.size(); ++n) {
+  // Nothing at all is named first, like other input that is no envelope.
+  EXPECT_EQ(open_error({}),
+            "the file is empty, not a CMS envelope\nFailed to load CMS message, error 1: the "
+            "data is empty");
+  for (std::size_t n = 1; n < env.size(); ++n) {
     std::string e = open_error(Bytes(env.begin(), env.begin() + static_cast<long>(n)));
     EXPECT_EQ(e.rfind("Failed to load CMS message, error ", 0), 0u) << n << ": " << e;
   }

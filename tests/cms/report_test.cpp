@@ -171,6 +171,27 @@ TEST_F(Report, ExtractionWritesBesideTheEnvelope) {
   EXPECT_THROW(engine_.EstraiContenuto(dir_ / "missing.p7m"), EFOpenError);
 }
 
+// The slot takes off one layer of a nest, as it always has; the public function for
+// extraction goes down to the document.
+TEST_F(Report, ExtractionFromANestTakesOffOneLayerThroughTheSlot) {
+  Bytes data{'v', 'e', 'r', 'b', 'a', 'l', 'e'};
+  Bytes inner = test::SignBytes(data, *tc_);
+  std::string nest = write("verbale è.txt.p7m.p7m", test::SignBytes(inner, *tc_));
+  EXPECT_EQ(engine_.EstraiContenuto(nest), dir_ / "verbale è.txt.p7m");
+  EXPECT_EQ(test::read_bytes(dir_ / "verbale è.txt.p7m"), inner);
+  // Again from what it wrote: the next layer.
+  EXPECT_EQ(engine_.EstraiContenuto(dir_ / "verbale è.txt.p7m"), dir_ / "verbale è.txt");
+  EXPECT_EQ(test::read_bytes(dir_ / "verbale è.txt"), data);
+  std::filesystem::remove(dir_ / "verbale è.txt");
+  std::filesystem::remove(dir_ / "verbale è.txt.p7m");
+  ExtractedContent x = ExtractEnvelopeLayer(nest, "", 0);
+  EXPECT_EQ(x.output, dir_ / "verbale è.txt");
+  EXPECT_EQ(x.layers, 2);
+  EXPECT_EQ(test::read_bytes(dir_ / "verbale è.txt"), data);
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "verbale è.txt.p7m"));
+  EXPECT_TRUE(ui_->messages().empty());
+}
+
 TEST_F(Report, TextEnvelopesReadAndTrustLinesOnlyWhenTheHostAsks) {
   test::SignOptions now;
   now.time =

@@ -180,6 +180,28 @@ TEST_F(Picker, RemovalTakesTheCertificateOutOfTheStoreAndClearsTheSelection) {
   EXPECT_EQ(open_store(store_.path())->certificates().size(), 2u);
 }
 
+// The caption above the list names where the certificates come from: the folder of the
+// personal store, the home folder written as "~".
+TEST_F(Picker, TheCaptionNamesTheStoresFolder) {
+  TfrmSelWinCert form;
+  EXPECT_EQ(form.Label1(),
+            "Certificati installati nell'archivio personale Tessarel (" + store_.path() + ")");
+  const char* old_home = std::getenv("HOME");
+  const std::string saved = old_home ? old_home : "";
+  const std::string parent = store_.path().substr(0, store_.path().rfind('/'));
+  setenv("HOME", parent.c_str(), 1);
+  std::string at_home = form.Label1();
+  setenv("HOME", (parent + "/M").c_str(), 1);  // a prefix of the path, not a folder above it
+  std::string not_home = form.Label1();
+  if (old_home)
+    setenv("HOME", saved.c_str(), 1);
+  else
+    unsetenv("HOME");
+  EXPECT_EQ(at_home, "Certificati installati nell'archivio personale Tessarel (~/MY)");
+  EXPECT_EQ(not_home,
+            "Certificati installati nell'archivio personale Tessarel (" + store_.path() + ")");
+}
+
 TEST(PickerTerminal, ChosenByTypingOnATerminal) {
   test::ScopedStore store;
   test::CertParams s;
@@ -209,6 +231,10 @@ TEST(PickerTerminal, ChosenByTypingOnATerminal) {
   ::close(slave);
   EXPECT_EQ(result, "62");
   EXPECT_NE(screen.find("Seleziona certificato"), std::string::npos);
+  EXPECT_NE(
+      screen.find("Certificati installati nell'archivio personale Tessarel (" + store.path() + ")"),
+      std::string::npos)
+      << screen;
   EXPECT_NE(screen.find("Rilasciato a"), std::string::npos);
   EXPECT_NE(screen.find("Ha chiave privata: Available"), std::string::npos);
 }

@@ -64,15 +64,28 @@ TEST(DialogModels, PasswordFormKeysAndOverwriteItems) {
   EXPECT_FALSE(f.closed());
   f.escape();
   EXPECT_FALSE(f.closed());  // Escape is not a cancel key on this form
+  f.edtPassword = "typed";
   f.edtPasswordKeyPress(13);
   EXPECT_EQ(f.modal_result(), ModalResult::Ok);
+  EXPECT_EQ(f.edtPassword, "typed");
   EXPECT_FALSE(TPasswordRequestForm::FormCanResize());
+  // Cancel and the close box end the form without handing the typed password over.
+  TPasswordRequestForm cancelled, closed;
+  cancelled.edtPassword = closed.edtPassword = "typed";
+  cancelled.btnCancelClick();
+  closed.close_box();
+  EXPECT_EQ(cancelled.modal_result(), ModalResult::Cancel);
+  EXPECT_EQ(closed.modal_result(), ModalResult::Cancel);
+  EXPECT_EQ(cancelled.edtPassword, "");
+  EXPECT_EQ(closed.edtPassword, "");
 
   EXPECT_STREQ(TSignFileOverriteDlg::kItems[4], "Annulla operazione firma");
   TSignFileOverriteDlg d;
   d.select(7);
   EXPECT_EQ(d.ItemIndex, 0);
   d.select(2);
+  d.escape();  // no cancel button: Escape does nothing
+  EXPECT_EQ(d.modal_result(), ModalResult::None);
   d.close_box();
   EXPECT_EQ(d.ItemIndex, 2);
 
@@ -84,6 +97,9 @@ TEST(DialogModels, PasswordFormKeysAndOverwriteItems) {
   EXPECT_EQ(c.selected_type(), "B");
   c.escape();
   EXPECT_EQ(c.modal_result(), ModalResult::Cancel);
+  TSignCancRegDlg closed_dlg;
+  closed_dlg.close_box();
+  EXPECT_EQ(closed_dlg.modal_result(), ModalResult::Cancel);
 }
 
 // A terminal front end on the slave side of a pseudo-terminal; the test types on the

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <thread>
 
 #include "tessarel/tessarel.h"
@@ -45,7 +46,10 @@ TEST_F(HostSettings, ImportingAnOldPfxLeavesTheHostsProvidersAlone) {
             0);
   ASSERT_FALSE(OSSL_PROVIDER_available(nullptr, "legacy"));
   std::ifstream in(dir_ + "/old.pfx", std::ios::binary);
-  tessarel::Bytes pfx((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  std::string text = bytes.str();
+  tessarel::Bytes pfx(text.begin(), text.end());
   auto store = tessarel::open_store(dir_ + "/MY");
   tessarel::Certificate c = tessarel::import_pkcs12(*store, pfx, "secret");
   EXPECT_EQ(c.subject_cn(), "Old");

@@ -11,6 +11,7 @@
 #include <QMainWindow>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
@@ -21,10 +22,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
+#include <stop_token>
 #include <thread>
 
+#include "certgen/wizard_testing.h"
 #include "qt/drive.h"
 #include "qt_support.h"
 
@@ -35,22 +40,10 @@ using namespace std::chrono_literals;
 using qt::control;
 using qt::when_shown;
 
-std::string run_shell(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    out.append(buf, n);
-  pclose(p);
-  return out;
-}
-
 class QtDialogs : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static qt_test::TempFolder env;
+    static test::TempDir env;
     qt_test::private_environment(env.path());
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
     static int argc = 1;
@@ -81,7 +74,7 @@ class QtDialogs : public ::testing::Test {
                       "-addext keyUsage=digitalSignature 2>/dev/null && "
                       "openssl pkcs12 -export -in c.pem -inkey k.pem -passout pass:pw -out x.p12 "
                       "&& echo ok";
-    EXPECT_EQ(run_shell(cmd), "ok\n");
+    EXPECT_EQ(test::run_shell(cmd).out, "ok\n");
     std::ifstream f(d + "/x.p12", std::ios::binary);
     Bytes pfx((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
     return import_pkcs12(*personal_store(), pfx, "pw");
@@ -112,7 +105,7 @@ class QtDialogs : public ::testing::Test {
     return control<QLabel>(form, name)->text();
   }
 
-  qt_test::TempFolder dir_;
+  test::TempDir dir_;
   std::shared_ptr<Ui> ui_;
 };
 
@@ -143,8 +136,12 @@ TEST_F(QtDialogs, PasswordIsTypedMaskedAndEnterInTheFieldConfirms) {
   EXPECT_EQ(cancelled.edtPassword, "") << "a cancelled form hands no password over";
 
   TPasswordRequestForm closed;
-  when_shown<QDialog>([](QDialog* d) { d->close(); });
+  when_shown<QDialog>([](QDialog* d) {
+    QTest::keyClicks(control<QLineEdit>(d, "edtPassword"), "typed");
+    d->close();
+  });
   EXPECT_EQ(ui_->password(closed), ModalResult::Cancel);
+  EXPECT_EQ(closed.edtPassword, "") << "the close box hands no password over";
 }
 
 TEST_F(QtDialogs, ThePasswordFormsTitleIsTheCaptionItsCallerSet) {
@@ -200,6 +197,17 @@ TEST_F(QtDialogs, EveryOverwriteItemCanBeChosenAndTheCloseBoxKeepsTheSelection) 
   });
   ui_->overwrite_choice(changed_then_closed);
   EXPECT_EQ(changed_then_closed.ItemIndex, 3) << "the selection left by the close box counts";
+
+  // Enter presses OK, the default button, wherever the focus is.
+  TSignFileOverriteDlg entered;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* radio = control<QRadioButton>(d, "RadioGroup1_2");
+    click(radio);
+    QTest::keyClick(radio, Qt::Key_Return);
+  });
+  ui_->overwrite_choice(entered);
+  EXPECT_EQ(entered.modal_result(), ModalResult::Ok);
+  EXPECT_EQ(entered.ItemIndex, 2);
 }
 
 TEST_F(QtDialogs, RecordDeletionTakesATypedIdAndAListedTypeAndEscapeCancels) {
@@ -227,6 +235,25 @@ TEST_F(QtDialogs, RecordDeletionTakesATypedIdAndAListedTypeAndEscapeCancels) {
     QTest::keyClick(control<QLineEdit>(d, "Edit1"), Qt::Key_Escape);
   });
   EXPECT_EQ(ui_->record_deletion(escaped), ModalResult::Cancel);
+
+  // Enter in the Id field presses OK, the default button.
+  TSignCancRegDlg entered;
+  entered.ComboBox1 = {"Contratti", "Fatture"};
+  entered.ItemIndex = 1;
+  when_shown<QDialog>([&](QDialog* d) {
+    auto* edit = control<QLineEdit>(d, "Edit1");
+    QTest::keyClicks(edit, "41");
+    QTest::keyClick(edit, Qt::Key_Enter);
+  });
+  EXPECT_EQ(ui_->record_deletion(entered), ModalResult::Ok);
+  EXPECT_EQ(entered.Edit1, "41");
+  EXPECT_EQ(entered.selected_type(), "Fatture");
+
+  TSignCancRegDlg closed;
+  closed.ComboBox1 = {"Contratti"};
+  closed.ItemIndex = 0;
+  when_shown<QDialog>([&](QDialog* d) { d->close(); });
+  EXPECT_EQ(ui_->record_deletion(closed), ModalResult::Cancel);
 }
 
 TEST_F(QtDialogs, ThePickerReturnsTheChosenIdentifierAndWarnsOnceWithoutNonRepudiation) {
@@ -235,10 +262,11 @@ TEST_F(QtDialogs, ThePickerReturnsTheChosenIdentifierAndWarnsOnceWithoutNonRepud
   Certificate senza = add_openssl_certificate_without_non_repudiation();
 
   QStringList first_row;
-  QString usage, key, usage_before;
+  QString usage, key, usage_before, caption;
   bool enter_escape_kept_open = false;
   when_shown<QDialog>([&](QDialog* d) {
     auto* list = control<QTreeWidget>(d, "lvCerificates");
+    caption = control<QLabel>(d, "Label1")->text();
     usage_before = panel_text(d, "dlbUsage");
     for (int c = 0; c < list->columnCount(); ++c)
       first_row << list->topLevelItem(0)->text(c);
@@ -251,6 +279,9 @@ TEST_F(QtDialogs, ThePickerReturnsTheChosenIdentifierAndWarnsOnceWithoutNonRepud
     click(control<QPushButton>(d, "btnOK"));
   });
   EXPECT_EQ(pick(false), second.id());
+  // The list's caption names the store the certificates come from.
+  EXPECT_EQ(caption.toStdString(),
+            "Certificati installati nell'archivio personale Tessarel (" + dir_.path() + "/MY)");
   EXPECT_EQ(usage_before, "None");
   EXPECT_EQ(key, "Available");
   EXPECT_EQ(usage, "Digital Signitare, Non-repudiation");
@@ -324,12 +355,15 @@ TEST_F(QtDialogs, TheWizardIsWalkedByTypingAndStoresTheCertificate) {
       box->button(QMessageBox::Ok)->click();
     });
   };
-  bool back_disabled = true, next_disabled_on_generate = false;
+  bool back_disabled = true, next_disabled_on_generate = false, escape_kept_open = false;
   QString banner;
+  QDate start, end;
   when_shown<QDialog>([&](QDialog* d) {
     auto* next = control<QPushButton>(d, "btnNext");
     auto* pages = control<QStackedWidget>(d, "pcMain");
     banner = control<QLabel>(d, "lblInfo")->text();
+    QTest::keyClick(control<QLineEdit>(d, "edtCommonName"), Qt::Key_Escape);
+    escape_kept_open = d->isVisible();
     // Nothing typed: refused, the page stays.
     answer_message();
     click(next);
@@ -351,12 +385,16 @@ TEST_F(QtDialogs, TheWizardIsWalkedByTypingAndStoresTheCertificate) {
     // A period that ends before it starts is refused.
     auto* from = control<QDateEdit>(d, "dtpFrom");
     auto* to = control<QDateEdit>(d, "dtpTo");
-    QDate start = from->date();
+    start = from->date();
     to->setDate(start.addDays(-1));
     answer_message();
     click(next);
     EXPECT_EQ(pages->currentIndex(), 1);
-    to->setDate(start.addMonths(12));
+    // The period chosen on the pickers is the certificate's, to the day.
+    start = QDate(2031, 2, 28);
+    end = QDate(2032, 2, 29);
+    from->setDate(start);
+    to->setDate(end);
     click(next);
     EXPECT_EQ(pages->currentIndex(), 2);
     back_disabled = back_disabled && !control<QPushButton>(d, "btnBack")->isEnabled();
@@ -368,6 +406,7 @@ TEST_F(QtDialogs, TheWizardIsWalkedByTypingAndStoresTheCertificate) {
   std::string name = result ? result : "";
   std::free(result);
   EXPECT_EQ(name, "Lucia Neri");
+  EXPECT_TRUE(escape_kept_open) << "Escape does not end the wizard";
   EXPECT_EQ(banner.toStdString(), TfrmGenerateCert::kHintEnterFields);
   EXPECT_TRUE(back_disabled);
   EXPECT_TRUE(next_disabled_on_generate);
@@ -384,6 +423,56 @@ TEST_F(QtDialogs, TheWizardIsWalkedByTypingAndStoresTheCertificate) {
   EXPECT_EQ(c.subject_values(oid::kLocalityName), std::vector<std::string>{"Forlì"});
   EXPECT_TRUE(c.subject_values(oid::kStateOrProvinceName).empty() ||
               c.subject_values(oid::kStateOrProvinceName).front().empty());
+  auto day = [](std::chrono::sys_seconds t) {
+    std::chrono::year_month_day ymd{std::chrono::floor<std::chrono::days>(t)};
+    return QDate(static_cast<int>(ymd.year()), static_cast<int>(unsigned(ymd.month())),
+                 static_cast<int>(unsigned(ymd.day())));
+  };
+  EXPECT_EQ(day(c.not_before()), start);
+  EXPECT_EQ(day(c.not_after()), end);
+}
+
+// The wizard's message asks to fill in every field with an asterisk: the asterisks and the
+// check agree, field by field.
+TEST_F(QtDialogs, TheAsterisksMarkExactlyTheFieldsNextInsistsOn) {
+  QStringList starred, refused;
+  for (int row = 0; row < 6; ++row) {
+    TfrmGenerateCert w(personal_store());
+    w.edtCommonName = "Lucia Neri";
+    w.edtLocality = "Forlì";
+    w.edtState = "FC";
+    w.edtOrganization = "Studio Neri";
+    w.EdtEmail = "lucia@example.org";
+    when_shown<QDialog>([&](QDialog* d) {
+      auto* caption = control<QLabel>(d, QStringLiteral("lbl%1").arg(row).toLatin1().constData());
+      if (!caption || !caption->buddy()) {
+        ADD_FAILURE() << "row " << row << " has no caption naming its field";
+        d->close();
+        return;
+      }
+      if (control<QLabel>(d, QStringLiteral("req%1").arg(row).toLatin1().constData()))
+        starred << caption->text();
+      QWidget* field = caption->buddy();
+      if (auto* e = qobject_cast<QLineEdit*>(field))
+        e->clear();
+      else if (auto* c = qobject_cast<QComboBox*>(field))
+        c->setCurrentIndex(-1);
+      int messages = 0;
+      QPointer<QTimer> answer = when_shown<QMessageBox>([&](QMessageBox* box) {
+        ++messages;
+        box->button(QMessageBox::Ok)->click();
+      });
+      click(control<QPushButton>(d, "btnNext"));
+      delete answer.data();  // no message came
+      if (messages == 1 && control<QStackedWidget>(d, "pcMain")->currentIndex() == 0)
+        refused << caption->text();
+      d->close();
+    });
+    ui_->certificate_wizard(w);
+  }
+  EXPECT_EQ(starred, refused);
+  EXPECT_EQ(starred.size(), 5);
+  EXPECT_FALSE(starred.contains(QString::fromUtf8(TfrmGenerateCert::kLabelState)));
 }
 
 TEST_F(QtDialogs, CancellingTheWizardAsksAndNoKeepsItOpen) {
@@ -418,22 +507,37 @@ TEST_F(QtDialogs, ClosingTheWizardDuringGenerationStopsTheWorkerAndStoresNothing
   w.edtLocality = "Asti";
   w.edtOrganization = "Studio";
   w.EdtEmail = "lento@example.org";
-  w.set_key_bits(15360);  // minutes of prime search unless stopped
+  // The worker waits, before making the key, until the wizard stops it; the bar moves every
+  // 10 ms instead of 200.
+  WizardTesting::before_generation(w, [](std::stop_token stop) {
+    std::mutex m;
+    std::condition_variable_any cv;
+    std::unique_lock lock(m);
+    cv.wait(lock, stop, [] { return false; });
+  });
+  std::string ended = "not ended";
+  WizardTesting::after_generation(w, [&ended](std::exception_ptr e) {
+    try {
+      if (e) std::rethrow_exception(e);
+      ended = "a certificate";
+    } catch (const std::exception& x) {
+      ended = x.what();
+    }
+  });
+  WizardTesting::set_tick(w, 10ms);
   std::vector<int> positions;
   bool cancel_disabled = false;
   bool worker_running_before = false;
   when_shown<QDialog>([&](QDialog* d) {
     click(control<QPushButton>(d, "btnNext"));
     click(control<QPushButton>(d, "btnNext"));
-    click(control<QPushButton>(d, "btnGenerate"));
     auto* bar = control<QProgressBar>(d, "pbGenerate");
     // Progress arrives through the form's event loop while the key is being generated.
-    for (int i = 0; i < 200 && positions.size() < 3; ++i) {
-      QTest::qWait(50);
-      if (positions.empty() || positions.back() != bar->value()) positions.push_back(bar->value());
-    }
+    QObject::connect(bar, &QProgressBar::valueChanged, [&](int v) { positions.push_back(v); });
+    click(control<QPushButton>(d, "btnGenerate"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return positions.size() >= 3; }, 60000));
     cancel_disabled = !control<QPushButton>(d, "btnCancel")->isEnabled() && bar->isVisible();
-    worker_running_before = w.worker_running();
+    worker_running_before = WizardTesting::worker_running(w);
     d->close();
   });
   ui_->certificate_wizard(w);
@@ -441,8 +545,11 @@ TEST_F(QtDialogs, ClosingTheWizardDuringGenerationStopsTheWorkerAndStoresNothing
   EXPECT_TRUE(cancel_disabled);
   ASSERT_GE(positions.size(), 3u);
   EXPECT_EQ(positions[1], positions[0] + 5);
+  EXPECT_EQ(positions[2], positions[1] + 5);
   EXPECT_EQ(w.modal_result(), ModalResult::Cancel);
-  EXPECT_FALSE(w.worker_running()) << "the worker thread must be joined when the form closes";
+  EXPECT_FALSE(WizardTesting::worker_running(w))
+      << "the worker thread must be joined when the form closes";
+  EXPECT_EQ(ended, "Key generation cancelled");
   EXPECT_EQ(w.cert_commonName(), "");
   EXPECT_TRUE(open_store(dir_.path() + "/MY")->certificates().empty());
 }
@@ -517,10 +624,24 @@ TEST_F(QtDialogs, FormsHaveTheirLayoutSizesAndAnchors) {
         EXPECT_EQ(usage.right(), 120 + 369 - 1);
         EXPECT_EQ(usage.top(), 48);
         EXPECT_EQ(usage.height(), 33);
-        d->resize(614, 526);
-        EXPECT_EQ(control<QWidget>(d, "lvCerificates")->geometry(), QRect(8, 32, 598, 360));
-        EXPECT_EQ(control<QWidget>(d, "btnOK")->geometry(), QRect(441, 493, 75, 25));
-        EXPECT_EQ(control<QWidget>(d, "btnCancel")->geometry(), QRect(531, 493, 75, 25));
+        // Resized larger and smaller: the list follows all four edges, the buttons the
+        // right and bottom ones; the caption and the info panel, with its labels, are
+        // anchored top and left only and stay where they are.
+        auto at = [d](const char* name) { return control<QWidget>(d, name)->geometry(); };
+        std::vector<std::pair<const char*, QRect>> unmoved;
+        for (const char* name :
+             {"Label1", "Panel1", "lbPrivateKey", "dlbPrivateKey", "lbUsage", "dlbUsage"})
+          unmoved.emplace_back(name, at(name));
+        for (QSize size : {QSize(614, 526), QSize(414, 386)}) {
+          d->resize(size);
+          const int dw = size.width() - 514, dh = size.height() - 426;
+          EXPECT_EQ(at("lvCerificates"), QRect(8, 32, 498 + dw, 260 + dh)) << dw;
+          EXPECT_EQ(at("btnOK"), QRect(341 + dw, 393 + dh, 75, 25)) << dw;
+          EXPECT_EQ(at("btnCancel"), QRect(431 + dw, 393 + dh, 75, 25)) << dw;
+          for (const auto& [name, place] : unmoved)
+            EXPECT_EQ(at(name), place) << name << " " << dw;
+        }
+        EXPECT_EQ(at("Panel1"), QRect(8, 298, 501, 89));
       }
       d->close();
     });
@@ -554,6 +675,76 @@ TEST_F(QtDialogs, FormsHaveTheirLayoutSizesAndAnchors) {
   measure({{500, 420}, {}});
   ui_->certificate_wizard(wizard);
   EXPECT_EQ(seen.size(), 5u);
+}
+
+// Tab walks each form's controls in its layout's order and comes round again; controls
+// that are disabled or on a hidden page are passed over. (Within a date, Tab first moves
+// from day to month to year: a control met on consecutive steps is listed once.)
+TEST_F(QtDialogs, TabWalksEveryFormInItsLayoutsOrder) {
+  add_certificate("Uno");
+  auto walk = [](QDialog* d, const char* first, int stops) {
+    control<QWidget>(d, first)->setFocus();
+    QStringList seen;
+    for (int i = 0; i < 4 * stops && seen.size() < stops; ++i) {
+      QWidget* f = d->focusWidget();
+      QString name = f ? f->objectName() : QStringLiteral("(none)");
+      if (seen.isEmpty() || seen.back() != name) seen << name;
+      QTest::keyClick(f ? f : d, Qt::Key_Tab);
+    }
+    return seen.join(' ').toStdString();
+  };
+  std::string password, overwrite, deletion, picker, subject, period, generate;
+  when_shown<QDialog>([&](QDialog* d) {
+    password = walk(d, "edtPassword", 4);
+    d->close();
+  });
+  TPasswordRequestForm pw;
+  ui_->password(pw);
+  when_shown<QDialog>([&](QDialog* d) {
+    overwrite = walk(d, "RadioGroup1_0", 3);
+    d->close();
+  });
+  TSignFileOverriteDlg ow;
+  ui_->overwrite_choice(ow);
+  when_shown<QDialog>([&](QDialog* d) {
+    deletion = walk(d, "Edit1", 5);
+    d->close();
+  });
+  TSignCancRegDlg del;
+  del.ComboBox1 = {"Contratti"};
+  del.ItemIndex = 0;
+  ui_->record_deletion(del);
+  when_shown<QDialog>([&](QDialog* d) {
+    picker = walk(d, "lvCerificates", 4);
+    d->close();
+  });
+  TfrmSelWinCert pick;
+  ui_->certificate_picker(pick);
+  TfrmGenerateCert w(personal_store());
+  w.edtCommonName = "Lucia Neri";
+  w.edtLocality = "Forlì";
+  w.edtOrganization = "Studio Neri";
+  w.EdtEmail = "lucia@example.org";
+  when_shown<QDialog>([&](QDialog* d) {
+    subject = walk(d, "edtCommonName", 9);
+    click(control<QPushButton>(d, "btnNext"));
+    period = walk(d, "dtpFrom", 5);
+    click(control<QPushButton>(d, "btnNext"));
+    generate = walk(d, "btnGenerate", 3);
+    d->close();
+  });
+  ui_->certificate_wizard(w);
+
+  EXPECT_EQ(password, "edtPassword btnOk btnCancel edtPassword");
+  // The radio group is one stop: the arrow keys move within it.
+  EXPECT_EQ(overwrite, "RadioGroup1_0 OKBtn RadioGroup1_0");
+  EXPECT_EQ(deletion, "Edit1 ComboBox1 OKBtn CancelBtn Edit1");
+  EXPECT_EQ(picker, "lvCerificates btnOK btnCancel lvCerificates");
+  EXPECT_EQ(subject,
+            "edtCommonName edtLocality edtState cbCountry edtOrganization EdtEmail btnNext "
+            "btnCancel edtCommonName");
+  EXPECT_EQ(period, "dtpFrom dtpTo btnNext btnCancel dtpFrom");
+  EXPECT_EQ(generate, "btnGenerate btnCancel btnGenerate");
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // What the Qt tests share: a private folder for the store and for Qt's caches, an
 // application on the offscreen platform, and the Qt front end installed as the host's Ui.
 // These tests link the shared library, as a desktop host does, so that the front end
-// loaded with dlopen and the test see one library.
+// loaded with dlopen and the test see one library; of the other tests' helpers they take
+// only those that need no part of the library (system_support.h).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,28 +12,10 @@
 #include <filesystem>
 #include <string>
 
+#include "system_support.h"
 #include "tessarel/tessarel.h"
 
 namespace tessarel::qt_test {
-
-class TempFolder {
- public:
-  TempFolder() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "tessarel-qt-XXXXXX").string();
-    if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = tmpl;
-  }
-  ~TempFolder() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // Keeps Qt's and fontconfig's caches and settings out of the home folder.
 inline void private_environment(const std::string& dir) {

@@ -1,21 +1,26 @@
 // tessarel-render-forms OUTDIR: opens every desktop form on the offscreen platform, puts it
 // in each of its states as a user would, and writes one PNG per state into OUTDIR. The
-// forms work on a private, temporary certificate store.
+// forms work on a private, temporary certificate store in the usual place below a
+// temporary home folder, so that the pictures show the place a user sees.
 #include <stdlib.h>
 
 #include <QApplication>
 #include <QComboBox>
 #include <QDialog>
 #include <QLineEdit>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QTest>
 #include <QTreeWidget>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
+#include <mutex>
+#include <stop_token>
 #include <string>
-#include <thread>
 
+#include "certgen/wizard_testing.h"
 #include "qt/drive.h"
 #include "tessarel/tessarel.h"
 
@@ -65,7 +70,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::string store_dir = tmpl;
-  set_store_location(store_dir + "/MY");
+  setenv("HOME", store_dir.c_str(), 1);
+  unsetenv("XDG_DATA_HOME");
+  set_store_location(store_dir + "/.local/share/tessarel/MY");
 
   int code = 0;
   {
@@ -127,8 +134,15 @@ int main(int argc, char** argv) {
     ui->certificate_picker(picker);
 
     TfrmGenerateCert wizard(personal_store());
-    // Slows the generation down so that its progress can be pictured.
-    wizard.set_before_generation([] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
+    // The worker waits until the form is closed, so that the generation's progress can be
+    // pictured at a known position; the bar moves faster than its usual 200 ms.
+    WizardTesting::before_generation(wizard, [](std::stop_token closed) {
+      std::mutex m;
+      std::condition_variable_any cv;
+      std::unique_lock lock(m);
+      cv.wait(lock, closed, [] { return false; });
+    });
+    WizardTesting::set_tick(wizard, std::chrono::milliseconds(20));
     when_shown<QDialog>([](QDialog* d) {
       save(d, "wizard-subject");
       type(d, "edtCommonName", "Lucia Neri");
@@ -142,8 +156,11 @@ int main(int argc, char** argv) {
       click(control<QPushButton>(d, "btnNext"));
       save(d, "wizard-generate");
       click(control<QPushButton>(d, "btnGenerate"));
-      QTest::qWait(900);
-      save(d, "wizard-generating");
+      auto* bar = control<QProgressBar>(d, "pbGenerate");
+      if (QTest::qWaitFor([bar] { return bar->value() >= 25; }, 30000))
+        save(d, "wizard-generating");
+      else
+        std::fprintf(stderr, "tessarel-render-forms: the progress bar did not move\n");
       d->close();
     });
     ui->certificate_wizard(wizard);

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "tessarel/types.h"
+
 namespace tessarel::cli {
 
 struct Globals {
@@ -53,6 +55,10 @@ void error(const std::string& message);  // always shown; sets exit code 1
 // cancels. Throws tessarel::Exception for a malformed or unreadable source.
 std::optional<std::string> read_password(const std::string& source, const std::string& purpose);
 
+// The file a password or PIN source reads (file:PATH, or what the descriptor of fd:N is
+// open on), so that no output is written over it; "" for the other sources.
+std::string source_file(const std::string& source);
+
 // Validates a password source on the command line (a malformed one is a usage error).
 CLI::Validator password_source();
 // The same for a PIN source: env:, file: or fd: (there is no empty PIN to write as pass:).
@@ -61,6 +67,9 @@ CLI::Validator pin_source();
 // (a descriptor can only be read once) and wiped by forget_pin().
 void use_pin_source(const std::string& source);
 void forget_pin();
+
+// The whole of a small file the user named (a PFX); nullopt when it cannot be opened.
+std::optional<Bytes> read_whole_file(const std::string& path);
 
 // JSON text helpers for --json output.
 std::string json_string(const std::string& s);

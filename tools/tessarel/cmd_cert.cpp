@@ -1,6 +1,4 @@
 // tessarel cert list | show ID | remove ID | import FILE.pfx | export ID -o FILE.pfx
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -167,12 +165,12 @@ void remove(const std::string& id, bool yes) {
 }
 
 void import_pfx(const std::string& file, const std::string& source) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) {
+  auto read = read_whole_file(file);
+  if (!read) {
     error("cannot open \"" + file + "\"");
     return;
   }
-  Bytes pfx((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  Bytes& pfx = *read;
   auto pw = read_password(source, file);
   if (!pw) {
     error("password entry cancelled; nothing imported");
@@ -190,33 +188,26 @@ void export_pfx(const std::string& id, const std::string& out, const std::string
   auto store = personal_store();
   auto c = find(*store, id);
   if (!c) return;
+  std::vector<GuardedInput> inputs;
+  if (std::string f = source_file(source); !f.empty()) inputs.push_back({f, "the password file"});
   auto pw = read_password(source, out);
   if (!pw) {
     error("password entry cancelled; nothing exported");
     return;
   }
-  Bytes pfx = store->export_pkcs12(*c, *pw);
-  wipe(*pw);
-  // Written under a temporary name with owner-only access, then renamed into place.
-  std::string tmp = out + ".tmp";
-  {
-    std::FILE* f = std::fopen(tmp.c_str(), "wb");
-    if (!f) {
-      wipe(pfx);
-      error("cannot create \"" + tmp + "\"");
-      return;
+  try {
+    if (out == "-") {
+      std::fflush(stdout);
+      export_pkcs12_fd(*store, *c, *pw, 1, inputs);
+    } else {
+      export_pkcs12_file(*store, *c, *pw, out, inputs);
     }
-    ::chmod(tmp.c_str(), 0600);
-    bool ok = std::fwrite(pfx.data(), 1, pfx.size(), f) == pfx.size();
-    ok = std::fclose(f) == 0 && ok;
-    wipe(pfx);
-    if (!ok || std::rename(tmp.c_str(), out.c_str()) != 0) {
-      std::remove(tmp.c_str());
-      error("cannot write \"" + out + "\"");
-      return;
-    }
+  } catch (...) {
+    wipe(*pw);
+    throw;
   }
-  info("exported " + id + " to " + out);
+  wipe(*pw);
+  info("exported " + id + " to " + (out == "-" ? std::string("standard output") : out));
 }
 
 CommandRegistration reg(20, [](CLI::App& app) {
@@ -257,7 +248,9 @@ CommandRegistration reg(20, [](CLI::App& app) {
   static std::string export_id, export_out, export_pw;
   auto* e = cert->add_subcommand("export", "Export a certificate with its key as PKCS#12 (.pfx)");
   e->add_option("ID", export_id, "Certificate identifier")->required();
-  e->add_option("-o,--output", export_out, "Output file")->required();
+  e->add_option("-o,--output", export_out,
+                "Output file (- for standard output); a new file is readable by its owner only")
+      ->required();
   e->add_option("--password", export_pw,
                 "Password source: env:VAR, file:PATH, fd:N, or pass: for none (else asked)")
       ->check(password_source());

@@ -37,7 +37,9 @@ class TempFile {
 };
 
 void copy_stream(std::istream& in, std::ostream& out, const std::string& what) {
-  out << in.rdbuf();
+  // Copying nothing is no failure (operator<< would count it as one): an empty document is
+  // then refused as such.
+  if (in.peek() != std::char_traits<char>::eof()) out << in.rdbuf();
   out.flush();
   if (!out) throw Exception("cannot write " + what);
 }
@@ -55,13 +57,19 @@ void sign(const SignArgs& a) {
   o.cert_id = a.cert;
   o.invisible = a.invisible;
   o.pades = a.pades;
+  // The files read here: the signed document is never written over any of them.
+  if (!a.pfx.empty()) o.inputs.push_back({a.pfx, "the PKCS#12 file with the signing key"});
+  if (std::string f = source_file(a.password); !f.empty())
+    o.inputs.push_back({f, "the password file"});
+  if (std::string f = source_file(globals().pin); !f.empty())
+    o.inputs.push_back({f, "the PIN file"});
   if (!a.pfx.empty()) {
-    std::ifstream f(a.pfx, std::ios::binary);
-    if (!f) {
+    auto pfx = read_whole_file(a.pfx);
+    if (!pfx) {
       error("cannot open \"" + a.pfx + "\"");
       return;
     }
-    o.pfx.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+    o.pfx = std::move(*pfx);
     if (o.pfx.empty()) {
       error("\"" + a.pfx + "\" is empty");
       return;
@@ -85,6 +93,7 @@ void sign(const SignArgs& a) {
     std::ofstream t(in_temp->path(), std::ios::binary);
     copy_stream(std::cin, t, "the standard input to a temporary file");
     input = in_temp->path();
+    o.input_name = "standard input";
     if (output.empty()) output = "-";
   }
   // Small documents sign in a blink: progress only where it can be watched.

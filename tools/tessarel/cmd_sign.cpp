@@ -227,7 +227,7 @@ void verify(const std::string& given, std::string content, const std::vector<std
   }
   VerifyOptions options;
   options.content_file = content;
-  // A detached signature's data lies beside it, as x.pdf for x.pdf.p7s.
+  // A detached signature's data lies beside it, as x.pdf for x.pdf.p7s (and x.pdf.p7s.p7m).
   options.content_beside = given != "-" && regular_file(envelope);
   options.trust.anchors = trust;
   options.trust.system = trust_system;
@@ -295,8 +295,8 @@ CommandRegistration reg(30, [](CLI::App& app) {
       ->check(readable_input());
   v->add_option("--content", content,
                 "The signed data of a detached signature (default: the envelope's name without its "
-                "extension); with an attached envelope, checked to be the same bytes as the "
-                "innermost content")
+                "extension, and without one .p7m per envelope around a detached one inside); with "
+                "an attached envelope, checked to be the same bytes as the innermost content")
       ->check(readable_input());
   v->add_option("--trust", trust,
                 "Trust anchors: a file of PEM or DER certificates, or a folder of them "

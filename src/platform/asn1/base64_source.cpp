@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -66,9 +67,12 @@ void count_bytes(const std::uint8_t* p, std::size_t n, Counts& c) {
     for (std::size_t r = 0; r < rounds; ++r, i += 16) {
       V x;
       std::memcpy(&x, p + i, 16);
-      V is_lf = (V)(x == 10), is_cr = (V)(x == 13), is_eq = (V)(x == 61);
-      V ok = (V)((V)(x - 65) < 26) | (V)((V)(x - 97) < 26) | (V)((V)(x - 48) < 10) | (V)(x == 43) |
-             (V)(x == 47) | is_lf | is_cr | is_eq;
+      V is_lf = std::bit_cast<V>(x == 10), is_cr = std::bit_cast<V>(x == 13),
+        is_eq = std::bit_cast<V>(x == 61);
+      V ok = std::bit_cast<V>((x - 65) < 26) |
+             std::bit_cast<V>((x - 97) < 26) |
+             std::bit_cast<V>((x - 48) < 10) | std::bit_cast<V>(x == 43) |
+             std::bit_cast<V>(x == 47) | is_lf | is_cr | is_eq;
       bad |= ~ok;
       lf -= is_lf;
       cr -= is_cr;
@@ -162,7 +166,11 @@ Base64Source::Base64Source(std::shared_ptr<const ByteSource> text, std::uint64_t
   // The text without the white space around it.
   Bytes head(static_cast<std::size_t>(std::min<std::uint64_t>(kHead, end - begin)));
   text_->read(begin, head.data(), head.size());
-  std::size_t lead = 0;
+  // A byte-order mark some editors write, then white space.
+  std::size_t lead = std::string_view(reinterpret_cast<const char*>(head.data()), head.size())
+                             .starts_with("\xEF\xBB\xBF")
+                         ? 3
+                         : 0;
   while (lead < head.size() && tables().cls[head[lead]] == kWhite)
     ++lead;
   start_ = begin + lead;

@@ -28,8 +28,9 @@ class Base64Error : public Exception {
 
 class Base64Source : public ByteSource {
  public:
-  // The text lies in [begin, end) of text; white space around it and line breaks (LF or
-  // CR LF, any line length) inside it are allowed, padding may be left out. Raises
+  // The text lies in [begin, end) of text; a UTF-8 byte-order mark and white space before
+  // it, white space after it and around its lines, and line breaks (LF or CR LF, any line
+  // length) are allowed, padding may be left out. Raises
   // Base64Error when the text is not Base64 or holds no data.
   Base64Source(std::shared_ptr<const ByteSource> text, std::uint64_t begin, std::uint64_t end);
   ~Base64Source() override;

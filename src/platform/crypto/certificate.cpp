@@ -22,7 +22,7 @@ namespace tessarel {
 namespace {
 
 // Splits the TBSCertificate so that serial, issuer and subject keep their exact bytes.
-void split_tbs(const Bytes& der, Certificate::Impl& impl) {
+void split_tbs(const Bytes& der, CertificateAccess::Impl& impl) {
   using asn1::Tlv;
   Tlv cert = asn1::read_tlv(der.data(), der.size());
   if (cert.tag != 0x30) throw Exception("Not a certificate: outer element is not a SEQUENCE");
@@ -51,8 +51,8 @@ void split_tbs(const Bytes& der, Certificate::Impl& impl) {
                           subject.content + subject.length);
 }
 
-std::shared_ptr<Certificate::Impl> make_impl(crypto::X509Ptr x509) {
-  auto impl = std::make_shared<Certificate::Impl>();
+std::shared_ptr<CertificateAccess::Impl> make_impl(crypto::X509Ptr x509) {
+  auto impl = std::make_shared<CertificateAccess::Impl>();
   int len = i2d_X509(x509.get(), nullptr);
   if (len <= 0) crypto::throw_openssl("Cannot encode certificate");
   impl->der.resize(static_cast<std::size_t>(len));
@@ -184,7 +184,7 @@ std::chrono::sys_seconds asn1_time(const ASN1_TIME* t) {
 
 namespace crypto {
 X509* x509_of(const Certificate& cert) {
-  return cert.impl().x509.get();
+  return CertificateAccess::of(cert).x509.get();
 }
 
 Certificate certificate_from_x509(X509* x509) {

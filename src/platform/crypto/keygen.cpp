@@ -188,4 +188,9 @@ Bytes bn_of(const PrivateKey& key, const char* param) {
   return out;
 }
 
+DsaNumbers dsa_numbers(const PrivateKey& key) {
+  return {bn_of(key, OSSL_PKEY_PARAM_PUB_KEY), bn_of(key, OSSL_PKEY_PARAM_FFC_P),
+          bn_of(key, OSSL_PKEY_PARAM_FFC_Q), bn_of(key, OSSL_PKEY_PARAM_FFC_G)};
+}
+
 }  // namespace tessarel::crypto

@@ -48,5 +48,10 @@ Bytes rsa_public_key_pkcs1(const PrivateKey& key);  // RSAPublicKey DER
 Bytes ec_public_point(const PrivateKey& key);       // uncompressed point
 std::string ec_curve_name(const PrivateKey& key);
 Bytes bn_of(const PrivateKey& key, const char* param);  // big-endian magnitude
+// A DSA key's public value and domain parameters, big-endian magnitudes.
+struct DsaNumbers {
+  Bytes y, p, q, g;
+};
+DsaNumbers dsa_numbers(const PrivateKey& key);
 
 }  // namespace tessarel::crypto

@@ -1,6 +1,7 @@
 #include "platform/crypto/pkey.h"
 
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
 #include <openssl/rsa.h>
 
 #include "platform/crypto/digest.h"
@@ -149,6 +150,18 @@ Bytes PublicKey::bn_param(const char* name) const {
   return out;
 }
 
+std::size_t PublicKey::dss_half_size() const {
+  switch (kind()) {
+    case KeyKind::Ec:
+      // The bits of an EC key are those of its group order.
+      return static_cast<std::size_t>(bits() + 7) / 8;
+    case KeyKind::Dsa:
+      return dsa_q().size();
+    default:
+      throw Exception("Not a DSA or ECDSA key");
+  }
+}
+
 Bytes PublicKey::rsa_modulus() const {
   return bn_param(OSSL_PKEY_PARAM_RSA_N);
 }
@@ -166,6 +179,47 @@ Bytes PublicKey::dsa_g() const {
 }
 Bytes PublicKey::dsa_y() const {
   return bn_param(OSSL_PKEY_PARAM_PUB_KEY);
+}
+
+namespace {
+using EcdsaSigPtr = std::unique_ptr<ECDSA_SIG, Deleter<ECDSA_SIG_free>>;
+}  // namespace
+
+Bytes dss_signature_to_plain(const Bytes& der, std::size_t half) {
+  const unsigned char* p = der.data();
+  EcdsaSigPtr sig(d2i_ECDSA_SIG(nullptr, &p, static_cast<long>(der.size())));
+  if (!sig || p != der.data() + der.size()) {
+    openssl_errors();
+    throw Exception("Malformed DSA or ECDSA signature");
+  }
+  Bytes out(2 * half);
+  const BIGNUM *r = nullptr, *s = nullptr;
+  ECDSA_SIG_get0(sig.get(), &r, &s);
+  if (half == 0 || BN_bn2binpad(r, out.data(), static_cast<int>(half)) < 0 ||
+      BN_bn2binpad(s, out.data() + half, static_cast<int>(half)) < 0)
+    throw Exception("DSA or ECDSA signature wider than the key's group order");
+  return out;
+}
+
+Bytes dss_signature_from_plain(const Bytes& plain) {
+  if (plain.empty() || plain.size() % 2)
+    throw Exception("Malformed DSA or ECDSA signature: " + std::to_string(plain.size()) +
+                    " bytes are not two equal halves");
+  int half = static_cast<int>(plain.size() / 2);
+  EcdsaSigPtr sig(ECDSA_SIG_new());
+  BIGNUM* r = BN_bin2bn(plain.data(), half, nullptr);
+  BIGNUM* s = BN_bin2bn(plain.data() + half, half, nullptr);
+  if (!sig || !r || !s || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
+    BN_free(r);
+    BN_free(s);
+    throw_openssl("Cannot build a DSA or ECDSA signature");
+  }
+  int len = i2d_ECDSA_SIG(sig.get(), nullptr);
+  if (len <= 0) throw_openssl("Cannot encode a DSA or ECDSA signature");
+  Bytes out(static_cast<std::size_t>(len));
+  unsigned char* p = out.data();
+  i2d_ECDSA_SIG(sig.get(), &p);
+  return out;
 }
 
 PrivateKey PrivateKey::from_pkcs8_der(const Bytes& der) {

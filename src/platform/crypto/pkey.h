@@ -35,6 +35,9 @@ class PublicKey {
   // Big-endian magnitudes of the RSA modulus and public exponent.
   Bytes rsa_modulus() const;
   Bytes rsa_exponent() const;
+  // Bytes of r and of s in a DSA or ECDSA signature by this key written as r || s: the
+  // size of the group order (32 for P-256, 66 for P-521; that of q for DSA).
+  std::size_t dss_half_size() const;
   // DSA domain parameters and public value.
   Bytes dsa_p() const;
   Bytes dsa_q() const;
@@ -84,6 +87,12 @@ struct PrivateKeyParts {
   void wipe() noexcept;
 };
 PrivateKeyParts private_key_parts(const PrivateKey& key);
+
+// DSA and ECDSA signatures come in two forms: DER (Dss-Sig-Value: a SEQUENCE of the INTEGERs
+// r and s), as CMS and X.509 carry them, and r || s with both numbers as wide as the group
+// order, as XML signatures and PKCS#11 tokens carry them. Both throw on a malformed value.
+Bytes dss_signature_to_plain(const Bytes& der, std::size_t half);
+Bytes dss_signature_from_plain(const Bytes& plain);
 
 // EVP_PKEY of a certificate's public key (new reference).
 EvpPkeyPtr certificate_public_key(const Certificate& cert);

@@ -14,6 +14,12 @@ struct Certificate::Impl {
   Bytes subject_der;  // Name, byte for byte
 };
 
+// The library's access to a certificate's parsed form.
+struct CertificateAccess {
+  using Impl = Certificate::Impl;
+  static const Impl& of(const Certificate& cert) { return *cert.impl_; }
+};
+
 namespace crypto {
 // The certificate's X509 (owned by the certificate; valid while it lives).
 X509* x509_of(const Certificate& cert);

@@ -1,9 +1,10 @@
 // What a later revision changed in an earlier one, and whether signing explains it.
 //
-// New objects are harmless until an existing object refers to them, so only existing objects
-// are judged: the catalog may gain a form or security store, the form may gain fields, a page
-// may gain widget annotations, a field may get a value and an appearance. Everything else that
-// changed (page content, resources, the page tree, an existing signature) is reported.
+// New objects are harmless until an existing object refers to them, so existing objects are
+// judged, together with what they newly refer to where that matters: the catalog may gain a
+// form (compared by content, wherever it is stored) or security store, the form may gain
+// fields, a page may gain widget annotations, a field may get a value and an appearance. Everything
+// else that changed (page content, resources, the page tree, an existing signature) is reported.
 #include <qpdf/QPDFXRefEntry.hh>
 #include "platform/pdf/qpdf_document.h"
 
@@ -116,10 +117,15 @@ class ChangeCheck {
     std::string type = type_of(n);
     if (og == root_) {
       report(n, changed_keys(o, n, {"/AcroForm", "/DSS", "/Extensions"}));
-      if (!o.getKey("/AcroForm").isIndirect() || !n.getKey("/AcroForm").isIndirect())
-        judge_form(n, o.getKey("/AcroForm"), n.getKey("/AcroForm"));
+      // The form is compared by content wherever it lives: a catalog that points at a new
+      // form object brings everything that object says. Only the same object, kept, is
+      // left to be judged on its own when it changed.
+      QPDFObjectHandle of = o.getKey("/AcroForm");
+      QPDFObjectHandle nf = n.getKey("/AcroForm");
+      if (!(of.isIndirect() && nf.isIndirect() && of.getObjGen() == nf.getObjGen()))
+        judge_form(of, nf);
     } else if (og == acro_) {
-      judge_form(n, o, n);
+      judge_form(o, n);
     } else if (og == info_) {
       report(n, changed_keys(o, n, {"/ModDate", "/Producer"}));
     } else if (type == "Sig" || type == "DocTimeStamp") {
@@ -136,7 +142,7 @@ class ChangeCheck {
                             " was replaced");
       judge_list(o.getKey("/Kids"), n.getKey("/Kids"), describe(n) + "'s kids");
     } else if (o.isArray() && n.isArray()) {
-      judge_list(o, n, describe(n));
+      judge_list(o, n, describe(n), true);
     } else if (n.isStream()) {
       std::string page = content_page(og);
       problems_.push_back(page.empty() ? describe(n) + " was changed"
@@ -146,20 +152,25 @@ class ChangeCheck {
     }
   }
 
-  void judge_form(QPDFObjectHandle owner, QPDFObjectHandle o, QPDFObjectHandle n) {
-    if (!o.isDictionary() || !n.isDictionary()) {
-      if (o.isDictionary() && !n.isDictionary())
-        problems_.push_back("the form of the document was removed");
+  void judge_form(QPDFObjectHandle o, QPDFObjectHandle n) {
+    if (!n.isDictionary()) {
+      if (o.isDictionary()) problems_.push_back("the form of the document was removed");
       return;
     }
-    report(owner, changed_keys(o, n, {"/Fields", "/SigFlags", "/DR", "/DA", "/NeedAppearances"}));
-    judge_list(o.getKey("/Fields"), n.getKey("/Fields"), "the form's field list");
+    // A form that did not exist is compared with an empty one: it may only bring fields.
+    QPDFObjectHandle before = o.isDictionary() ? o : QPDFObjectHandle::newDictionary();
+    std::vector<std::string> keys =
+        changed_keys(before, n, {"/Fields", "/SigFlags", "/DR", "/DA", "/NeedAppearances"});
+    if (!keys.empty()) problems_.push_back("the form dictionary was changed: " + join(keys));
+    judge_list(before.getKey("/Fields"), n.getKey("/Fields"), "the form's field list");
   }
 
-  // A list may only grow, and only by fields or widget annotations.
-  void judge_list(QPDFObjectHandle o, QPDFObjectHandle n, const std::string& what) {
-    // An indirect list is judged as an object of its own when it changed.
-    if (o.isIndirect() && n.isIndirect() && o.getObjGen() == n.getObjGen()) return;
+  // A list may only grow, and only by fields or widget annotations. itself: the list is the
+  // changed object being judged, rather than a value held by one.
+  void judge_list(QPDFObjectHandle o, QPDFObjectHandle n, const std::string& what,
+                  bool itself = false) {
+    // An indirect list kept by its holder is judged as an object of its own when it changed.
+    if (!itself && o.isIndirect() && n.isIndirect() && o.getObjGen() == n.getObjGen()) return;
     std::vector<QPDFObjectHandle> before =
         o.isArray() ? o.getArrayAsVector() : std::vector<QPDFObjectHandle>();
     std::vector<QPDFObjectHandle> after =

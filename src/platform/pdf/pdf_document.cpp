@@ -29,38 +29,51 @@ RangeInputSource::~RangeInputSource() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-void RangeInputSource::read_at(std::uint64_t offset, void* buffer, std::size_t n) {
+void RangeInputSource::fill_window(std::uint64_t offset) {
+  std::size_t len = static_cast<std::size_t>(std::min<std::uint64_t>(kWindowSize, size_ - offset));
+  window_.resize(len);
+  read_direct(window_.data(), len, offset);
+  window_offset_ = offset;
+}
+
+void RangeInputSource::read_direct(void* to, std::size_t len, std::uint64_t at) {
+  auto* p = static_cast<char*>(to);
+  while (len) {
+    ssize_t r = ::pread(fd_, p, len, static_cast<off_t>(at));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0)
+      throw std::runtime_error(
+          name_ + ": cannot read: " + (r < 0 ? std::strerror(errno) : "unexpected end of file"));
+    p += r;
+    at += static_cast<std::uint64_t>(r);
+    len -= static_cast<std::size_t>(r);
+  }
+}
+
+std::pair<const char*, std::size_t> RangeInputSource::view(std::uint64_t offset) {
+  if (data_)
+    return {reinterpret_cast<const char*>(data_) + offset,
+            static_cast<std::size_t>(size_ - offset)};
+  if (window_.empty() || offset < window_offset_ || offset >= window_offset_ + window_.size())
+    fill_window(offset);
+  std::size_t at = static_cast<std::size_t>(offset - window_offset_);
+  return {window_.data() + at, window_.size() - at};
+}
+
+void RangeInputSource::read_at(std::uint64_t offset, void* out, std::size_t n) {
   if (offset > size_ || n > size_ - offset)
     throw std::runtime_error(name_ + ": read past the end of the file");
   if (data_) {
-    if (n) std::memcpy(buffer, data_ + offset, n);
+    if (n) std::memcpy(out, data_ + offset, n);
     return;
   }
-  constexpr std::size_t kWindow = 64 * 1024;
-  auto direct = [&](void* to, std::size_t len, std::uint64_t at) {
-    auto* p = static_cast<char*>(to);
-    while (len) {
-      ssize_t r = ::pread(fd_, p, len, static_cast<off_t>(at));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0)
-        throw std::runtime_error(
-            name_ + ": cannot read: " + (r < 0 ? std::strerror(errno) : "unexpected end of file"));
-      p += r;
-      at += static_cast<std::uint64_t>(r);
-      len -= static_cast<std::size_t>(r);
-    }
-  };
-  if (n > kWindow / 2) {
-    direct(buffer, n, offset);
+  if (n > kWindowSize / 2) {
+    read_direct(out, n, offset);
     return;
   }
-  if (window_.empty() || offset < window_offset_ || offset + n > window_offset_ + window_.size()) {
-    std::size_t len = static_cast<std::size_t>(std::min<std::uint64_t>(kWindow, size_ - offset));
-    window_.resize(len);
-    direct(window_.data(), len, offset);
-    window_offset_ = offset;
-  }
-  std::memcpy(buffer, window_.data() + (offset - window_offset_), n);
+  if (window_.empty() || offset < window_offset_ || offset + n > window_offset_ + window_.size())
+    fill_window(offset);
+  std::memcpy(out, window_.data() + (offset - window_offset_), n);
 }
 
 void RangeInputSource::seek(qpdf_offset_t offset, int whence) {
@@ -78,7 +91,7 @@ void RangeInputSource::seek(qpdf_offset_t offset, int whence) {
   pos_ = to;
 }
 
-size_t RangeInputSource::read(char* buffer, size_t length) {
+size_t RangeInputSource::read(char* out, size_t length) {
   auto pos = static_cast<std::uint64_t>(pos_);
   if (pos >= size_) {
     last_offset = static_cast<qpdf_offset_t>(size_);
@@ -86,7 +99,7 @@ size_t RangeInputSource::read(char* buffer, size_t length) {
   }
   last_offset = pos_;
   std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(length, size_ - pos));
-  read_at(pos, buffer, n);
+  read_at(pos, out, n);
   pos_ += static_cast<qpdf_offset_t>(n);
   return n;
 }
@@ -96,33 +109,36 @@ void RangeInputSource::unreadCh(char) {
 }
 
 qpdf_offset_t RangeInputSource::findAndSkipNextEOL() {
-  auto end = static_cast<qpdf_offset_t>(size_);
-  if (pos_ >= end) {
-    last_offset = end;
-    pos_ = end;
-    return end;
+  auto end = static_cast<std::uint64_t>(size_);
+  if (pos_ >= static_cast<qpdf_offset_t>(end)) {
+    last_offset = static_cast<qpdf_offset_t>(end);
+    pos_ = static_cast<qpdf_offset_t>(end);
+    return pos_;
   }
-  char buf[4096];
-  qpdf_offset_t at = pos_;
+  auto at = static_cast<std::uint64_t>(pos_);
+  auto eol_char = [](char c) { return c == '\r' || c == '\n'; };
+  // Scanned where the bytes already are: cross-reference tables are read line by line, and
+  // a copy per line would cost more than the table itself.
   while (at < end) {
-    std::size_t n = static_cast<std::size_t>(std::min<qpdf_offset_t>(sizeof buf, end - at));
-    read_at(static_cast<std::uint64_t>(at), buf, n);
-    for (std::size_t i = 0; i < n; ++i) {
-      if (buf[i] != '\r' && buf[i] != '\n') continue;
-      qpdf_offset_t eol = at + static_cast<qpdf_offset_t>(i);
-      pos_ = eol + 1;
-      char c;
-      while (pos_ < end) {
-        read_at(static_cast<std::uint64_t>(pos_), &c, 1);
-        if (c != '\r' && c != '\n') break;
-        ++pos_;
-      }
-      return eol;
+    auto [p, n] = view(at);
+    const char* hit = std::find_if(p, p + n, eol_char);
+    if (hit == p + n) {
+      at += n;
+      continue;
     }
-    at += static_cast<qpdf_offset_t>(n);
+    std::uint64_t eol = at + static_cast<std::uint64_t>(hit - p);
+    std::uint64_t next = eol + 1;
+    while (next < end) {
+      auto [q, k] = view(next);
+      std::size_t skip = static_cast<std::size_t>(std::find_if_not(q, q + k, eol_char) - q);
+      next += skip;
+      if (skip < k) break;
+    }
+    pos_ = static_cast<qpdf_offset_t>(next);
+    return static_cast<qpdf_offset_t>(eol);
   }
-  pos_ = end;
-  return end;
+  pos_ = static_cast<qpdf_offset_t>(end);
+  return pos_;
 }
 
 // ---- helpers ----
@@ -203,6 +219,7 @@ std::unique_ptr<Document::Impl> open_source(std::shared_ptr<RangeInputSource> so
   impl->source = source;
   impl->name = name;
   std::uint64_t size = source->size();
+  if (size == 0) throw PdfError(name + " is empty: it is not a PDF document");
   std::string head = impl->bytes(0, static_cast<std::size_t>(std::min<std::uint64_t>(size, 1024)));
   if (head.find("%PDF-") == std::string::npos)
     throw PdfError(name + " is not a PDF document (it has no %PDF- header)");

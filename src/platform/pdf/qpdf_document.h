@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "platform/pdf/pdf_document.h"
 
@@ -39,6 +40,13 @@ class RangeInputSource : public InputSource {
   void read_at(std::uint64_t offset, void* buffer, std::size_t n);
 
  private:
+  static constexpr std::size_t kWindowSize = 64 * 1024;
+  // The bytes from offset (offset < size) to the end of what is at hand: the memory, or the
+  // window, read there first when it does not hold offset. At least one byte.
+  std::pair<const char*, std::size_t> view(std::uint64_t offset);
+  void fill_window(std::uint64_t offset);
+  void read_direct(void* to, std::size_t len, std::uint64_t at);
+
   std::string name_;
   int fd_ = -1;
   const std::uint8_t* data_ = nullptr;

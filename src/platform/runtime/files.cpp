@@ -122,36 +122,50 @@ FileStamp StampOfFd(int fd) {
 std::unique_ptr<FileLock> FileLock::Acquire(const std::string& path,
                                             std::chrono::milliseconds timeout,
                                             const std::function<void()>& on_wait) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-  // Someone who may only read the folder can still take a lock on an existing file.
-  if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  // Where no lock file can be made, no writer can replace anything either (read-only media,
-  // a folder without write permission): there is nobody to keep out.
-  if (fd < 0 && (errno == EROFS || errno == EACCES))
-    return std::unique_ptr<FileLock>(new FileLock(-1));
-  if (fd < 0) throw_create(path, errno);
   auto deadline = std::chrono::steady_clock::now() + timeout;
   bool waited = false;
-  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    int err = errno;
-    if (err == EINTR) continue;
-    if (err != EWOULDBLOCK) {
-      ::close(fd);
-      throw_io("locking", path, err);
+  while (true) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    // Someone who may only read the folder can still take a lock on an existing file.
+    if (fd < 0 && errno == EACCES) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Where no lock file can be made, no writer can replace anything either (read-only
+    // media, a folder without write permission): there is nobody to keep out.
+    if (fd < 0 && (errno == EROFS || errno == EACCES))
+      return std::unique_ptr<FileLock>(new FileLock(-1, path));
+    if (fd < 0) throw_create(path, errno);
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+      int err = errno;
+      if (err == EINTR) continue;
+      if (err != EWOULDBLOCK) {
+        ::close(fd);
+        throw_io("locking", path, err);
+      }
+      if (std::chrono::steady_clock::now() >= deadline) {
+        ::close(fd);
+        return nullptr;
+      }
+      if (!waited && on_wait) on_wait();
+      waited = true;
+      ::usleep(20000);
     }
-    if (std::chrono::steady_clock::now() >= deadline) {
-      ::close(fd);
-      return nullptr;
-    }
-    if (!waited && on_wait) on_wait();
-    waited = true;
-    ::usleep(20000);
+    // The holder before may have removed the file while this one waited for it: its lock
+    // keeps nobody out any more.
+    struct stat held {
+    }, named{};
+    if (::fstat(fd, &held) == 0 && ::stat(path.c_str(), &named) == 0 &&
+        held.st_dev == named.st_dev && held.st_ino == named.st_ino)
+      return std::unique_ptr<FileLock>(new FileLock(fd, path));
+    ::close(fd);
   }
-  return std::unique_ptr<FileLock>(new FileLock(fd));
 }
 
 FileLock::~FileLock() {
   if (fd_ >= 0) ::close(fd_);  // closing the descriptor releases the lock
+}
+
+bool FileLock::remove_file() {
+  if (fd_ < 0) return false;
+  return ::unlink(path_.c_str()) == 0;
 }
 
 bool SameFile(const std::string& a, const std::string& b) {
@@ -324,7 +338,36 @@ void AtomicFileWriter::commit(bool durable) {
   SyncDirectory(dir.empty() ? "." : dir);
 }
 
-OutputReplacement::OutputReplacement(const std::string& target) : target_(target) {
+namespace {
+void refuse_identity(const struct stat& out, const std::string& message_start,
+                     const std::vector<GuardedInput>& inputs) {
+  if (!S_ISREG(out.st_mode)) return;
+  for (const auto& input : inputs) {
+    struct stat in {};
+    if (input.path.empty() || ::stat(input.path.c_str(), &in) != 0) continue;
+    if (in.st_dev == out.st_dev && in.st_ino == out.st_ino)
+      throw EFCreateError(message_start + " It is " + input.what);
+  }
+}
+}  // namespace
+
+void RefuseOutputOntoInputs(const std::string& output, const std::vector<GuardedInput>& inputs) {
+  struct stat out {};
+  if (::stat(output.c_str(), &out) != 0) return;
+  refuse_identity(out, "Cannot create file \"" + output + "\".", inputs);
+}
+
+void RefuseOutputOntoInputs(int fd, const std::string& name,
+                            const std::vector<GuardedInput>& inputs) {
+  struct stat out {};
+  if (::fstat(fd, &out) != 0) return;
+  refuse_identity(out, "Cannot write to " + name + ".", inputs);
+}
+
+OutputReplacement::OutputReplacement(const std::string& target,
+                                     const std::vector<GuardedInput>& inputs, mode_t new_mode)
+    : target_(target) {
+  RefuseOutputOntoInputs(target, inputs);
   std::string path = target;
   struct stat st {};
   if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
@@ -337,12 +380,12 @@ OutputReplacement::OutputReplacement(const std::string& target) : target_(target
   if (exists && S_ISDIR(st.st_mode)) throw_create(target, EISDIR);
   if (!exists && ::lstat(path.c_str(), &st) == 0) {
     // A link that names nothing yet: writing through it creates its target.
-    in_place_fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    in_place_fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, new_mode);
     if (in_place_fd_ < 0) throw_create(target, errno);
     return;
   }
   if (!exists || (S_ISREG(st.st_mode) && st.st_nlink == 1)) {
-    atomic_ = std::make_unique<AtomicFileWriter>(path);
+    atomic_ = std::make_unique<AtomicFileWriter>(path, new_mode);
     if (exists) {
       // The replacement keeps what the user set on the file it replaces.
       if (::fchown(atomic_->fd(), st.st_uid, st.st_gid) != 0 && errno != EPERM)
@@ -351,9 +394,11 @@ OutputReplacement::OutputReplacement(const std::string& target) : target_(target
     }
     return;
   }
-  // Devices, FIFOs and hard-linked files are written where they are.
-  int flags = O_WRONLY | O_CLOEXEC | (S_ISREG(st.st_mode) ? O_TRUNC : 0);
-  in_place_fd_ = ::open(path.c_str(), flags);
+  // Devices, FIFOs and hard-linked files are written where they are. A regular file keeps
+  // its old content until the new one is complete, so a refusal or a failure before the
+  // first byte leaves it as it was.
+  in_place_regular_ = S_ISREG(st.st_mode);
+  in_place_fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
   if (in_place_fd_ < 0) throw_create(target, errno);
 }
 
@@ -372,14 +417,28 @@ int OutputReplacement::fd() const {
   return atomic_ ? atomic_->fd() : in_place_fd_;
 }
 
-void OutputReplacement::commit() {
+const std::string& OutputReplacement::temp_path() const {
+  static const std::string none;
+  return atomic_ ? atomic_->temp_path() : none;
+}
+
+void OutputReplacement::commit(bool durable) {
   if (atomic_) {
-    atomic_->commit(false);
+    atomic_->commit(durable);
     return;
   }
   int fd = in_place_fd_;
   in_place_fd_ = -1;
-  if (fd >= 0 && ::close(fd) != 0) throw_io("writing", target_, errno);
+  if (fd < 0) return;
+  if (in_place_regular_) {
+    off_t end = ::lseek(fd, 0, SEEK_CUR);
+    if (end < 0 || ::ftruncate(fd, end) != 0 || (durable && ::fsync(fd) != 0)) {
+      int err = errno;
+      ::close(fd);
+      throw_io("writing", target_, err);
+    }
+  }
+  if (::close(fd) != 0) throw_io("writing", target_, errno);
 }
 
 void SyncDirectory(const std::string& dir) {
@@ -395,6 +454,14 @@ Bytes ReadFileBytes(const std::string& path) {
   std::uint64_t size = in.size();
   out.resize(static_cast<std::size_t>(size));
   if (size) in.pread_exact(out.data(), out.size(), 0);
+  return out;
+}
+
+Bytes ReadStream(std::istream& in) {
+  Bytes out;
+  char chunk[64 * 1024];
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0)
+    out.insert(out.end(), chunk, chunk + in.gcount());
   return out;
 }
 

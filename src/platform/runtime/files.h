@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <iosfwd>
 #include <string>
+#include <vector>
 
 #include "tessarel/types.h"
 
@@ -45,7 +47,9 @@ FileStamp StampOf(const std::string& path);
 FileStamp StampOfFd(int fd);
 
 // An exclusive advisory lock (flock) on a lock file, created when missing. The kernel
-// releases it when the process ends, however it ends.
+// releases it when the process ends, however it ends. The holder may remove the lock file:
+// a waiter that then gets the lock of the removed file notices and takes the lock file
+// that is there now, so two holders never exist.
 class FileLock {
  public:
   // Waits at most timeout for the lock; on_wait is called once when it must wait. Returns
@@ -57,9 +61,13 @@ class FileLock {
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
 
+  // Removes the lock file (while the lock is still held); false when it is not there.
+  bool remove_file();
+
  private:
-  explicit FileLock(int fd) : fd_(fd) {}
+  FileLock(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
   int fd_;
+  std::string path_;
 };
 
 // A file opened read-only: what is only read must be readable from read-only media.
@@ -140,29 +148,47 @@ class AtomicFileWriter {
   bool committed_ = false;
 };
 
+// Refuses (EFCreateError naming the output and the input) an output that is one of the
+// inputs. Only a regular file is refused: writing to a terminal or device that is also read
+// destroys nothing.
+void RefuseOutputOntoInputs(const std::string& output, const std::vector<GuardedInput>& inputs);
+// The same for an open output descriptor (standard output); name is how messages call it.
+void RefuseOutputOntoInputs(int fd, const std::string& name,
+                            const std::vector<GuardedInput>& inputs);
+
 // Writes an output the way a user expects a named file to be written: a new path, or a
 // regular file with a single link, is replaced atomically on commit (keeping the existing
 // file's mode and owner); a symbolic link is followed to the file it names; anything else
-// (a device, a FIFO, a file with several hard links) is written into as it is.
+// (a device, a FIFO, a file with several hard links) is written into as it is, a regular
+// file being cut to the new length only on commit. An output that is one of the inputs is
+// refused before anything is opened. A new file gets new_mode (less the umask).
 class OutputReplacement {
  public:
-  explicit OutputReplacement(const std::string& target);
+  explicit OutputReplacement(const std::string& target,
+                             const std::vector<GuardedInput>& inputs = {}, mode_t new_mode = 0666);
   ~OutputReplacement();
   OutputReplacement(const OutputReplacement&) = delete;
   OutputReplacement& operator=(const OutputReplacement&) = delete;
 
   void write(const void* data, std::size_t n);
   int fd() const;
-  // Puts the new content in place (only closes an output written where it is).
-  void commit();
+  // True when the content goes to a new regular file that is renamed into place on commit;
+  // temp_path() is then that file, which the caller may also read and rewrite.
+  bool replaces() const { return atomic_ != nullptr; }
+  const std::string& temp_path() const;
+  // Puts the new content in place. With durable, the data and the rename are forced to disk.
+  void commit(bool durable = false);
 
  private:
   std::string target_;
   std::unique_ptr<AtomicFileWriter> atomic_;
   int in_place_fd_ = -1;
+  bool in_place_regular_ = false;
 };
 
 Bytes ReadFileBytes(const std::string& path);
+// Everything left in a stream.
+Bytes ReadStream(std::istream& in);
 std::string ReadFileText(const std::string& path);
 void WriteFileBytes(const std::string& path, const Bytes& data);
 void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, mode_t mode = 0666);

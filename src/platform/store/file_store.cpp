@@ -241,6 +241,21 @@ std::string FileCertStore::change_stamp() {
          std::to_string(g_writes.load());
 }
 
+std::vector<std::string> FileCertStore::files() {
+  std::vector<std::string> out = {path(kManifest), path(".lock")};
+  // Every entry file there is, listed in the manifest or left by a writer that died.
+  if (DIR* dir = ::opendir(folder_.c_str())) {
+    while (dirent* d = ::readdir(dir)) {
+      std::string f = d->d_name;
+      if (f.size() == 44 && (f.ends_with(".crt") || f.ends_with(".key")) &&
+          is_entry_name(f.substr(0, 40)))
+        out.push_back(path(f));
+    }
+    ::closedir(dir);
+  }
+  return out;
+}
+
 bool FileCertStore::remove(const Certificate& cert) {
   if (!DirectoryExists(folder_)) return false;
   Lock lock(path(".lock"));
@@ -275,6 +290,9 @@ bool SigningKey::signs_concurrently() const {
 }
 CertStore::~CertStore() = default;
 std::string CertStore::change_stamp() {
+  return {};
+}
+std::vector<std::string> CertStore::files() {
   return {};
 }
 }  // namespace tessarel

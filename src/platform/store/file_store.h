@@ -29,6 +29,8 @@ class FileCertStore : public CertStore {
   Bytes export_pkcs12(const Certificate& cert, const std::string& password) override;
   // The folder's and the manifest's identity and times, and this process's own writes.
   std::string change_stamp() override;
+  // The manifest, the lock file and every entry file.
+  std::vector<std::string> files() override;
 
   // Entry name of a certificate (its SHA-1 fingerprint in upper-case hexadecimal).
   static std::string entry_name(const Certificate& cert);

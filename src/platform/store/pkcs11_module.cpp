@@ -97,7 +97,46 @@ std::map<std::string, std::shared_ptr<Module>>& loaded_modules() {
   static std::map<std::string, std::shared_ptr<Module>> m;
   return m;
 }
+
+// Modules that did not load or start, with the error and when it happened. Starting a
+// broken module again at every look costs time and says nothing new; after a while it is
+// tried again, in case its configuration was put right.
+struct LoadFailure {
+  std::string error;
+  std::chrono::steady_clock::time_point when;
+};
+constexpr std::chrono::seconds kRetryFailedModuleAfter{10};
+std::map<std::string, LoadFailure>& failed_modules() {
+  static std::map<std::string, LoadFailure> m;
+  return m;
+}
+
+std::mutex& problems_mutex() {
+  static std::mutex m;
+  return m;
+}
+std::map<std::string, std::string>& reported_problems() {
+  static std::map<std::string, std::string> m;
+  return m;
+}
 }  // namespace
+
+void report_problem(const std::string& about, const std::string& warning) {
+  {
+    std::lock_guard lock(problems_mutex());
+    auto [it, added] = reported_problems().emplace(about, warning);
+    if (!added) {
+      if (it->second == warning) return;
+      it->second = warning;
+    }
+  }
+  warn(warning);
+}
+
+void clear_problem(const std::string& about) {
+  std::lock_guard lock(problems_mutex());
+  reported_problems().erase(about);
+}
 
 namespace {
 bool same_file(const char* a, const char* b) {
@@ -118,7 +157,24 @@ std::shared_ptr<Module> Module::load(const std::string& path, const std::string&
   std::lock_guard lock(modules_mutex());
   auto& table = loaded_modules();
   if (auto it = table.find(key); it != table.end()) return it->second;
+  auto now = std::chrono::steady_clock::now();
+  auto& failed = failed_modules();
+  if (auto it = failed.find(key); it != failed.end()) {
+    if (now - it->second.when < kRetryFailedModuleAfter) throw Exception(it->second.error);
+    failed.erase(it);
+  }
+  try {
+    auto module = start(path, key, name);
+    table.emplace(key, module);
+    return module;
+  } catch (const Exception& e) {
+    failed[key] = {e.what(), now};
+    throw;
+  }
+}
 
+std::shared_ptr<Module> Module::start(const std::string& path, const std::string& key,
+                                      const std::string& name) {
   // Never closed: see the header.
   void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle) {
@@ -156,7 +212,6 @@ std::shared_ptr<Module> Module::load(const std::string& path, const std::string&
 
   std::shared_ptr<Module> module(new Module(key, name.empty() ? path : name, fn));
   check(fn->C_GetInfo(&module->info_), "C_GetInfo of " + path);
-  table.emplace(key, module);
   return module;
 }
 
@@ -183,12 +238,23 @@ std::vector<CK_SLOT_ID> Module::slots(bool token_present) const {
   throw Exception("The slot list of the PKCS#11 module \"" + path_ + "\" keeps changing");
 }
 
-std::optional<CK_TOKEN_INFO> Module::token_info(CK_SLOT_ID slot) const {
+std::vector<CK_SLOT_ID> Module::known_slots() const {
+  constexpr std::chrono::seconds kSlotListLifetime{2};
+  std::lock_guard lock(slots_mutex_);
+  auto now = std::chrono::steady_clock::now();
+  if (!slots_read_ || now - *slots_read_ >= kSlotListLifetime) {
+    known_slots_ = slots(false);
+    slots_read_ = now;
+  }
+  return known_slots_;
+}
+
+std::optional<CK_TOKEN_INFO> Module::token_info(CK_SLOT_ID slot, bool patient) const {
   CK_TOKEN_INFO info{};
   CK_RV rv = fn_->C_GetTokenInfo(slot, &info);
   // A token shared with other processes may fail a read while one of them rewrites its
   // state (SoftHSM2's file store does, on every login); the question is harmless to repeat.
-  for (int retry = 0; rv == CKR_GENERAL_ERROR && retry < 20; ++retry) {
+  for (int retry = 0; patient && rv == CKR_GENERAL_ERROR && retry < 20; ++retry) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     rv = fn_->C_GetTokenInfo(slot, &info);
   }
@@ -248,11 +314,13 @@ std::vector<std::shared_ptr<Module>> modules_for(const Pkcs11Uri& uri,
     }
     try {
       out.push_back(Module::load(entry.path, entry.name));
+      if (!failures) clear_problem("module " + entry.path);
     } catch (const Exception& e) {
       if (failures)
         failures->push_back({entry, e.what()});
       else
-        warn(std::string("PKCS#11: skipping module ") + entry.name + ": " + e.what());
+        report_problem("module " + entry.path,
+                       std::string("PKCS#11: skipping module ") + entry.name + ": " + e.what());
     }
   }
   if (!uri.module_name.empty() && !named)

@@ -7,7 +7,9 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,7 +38,8 @@ void check(CK_RV rv, const std::string& what);
 class Module {
  public:
   // The module at path, loaded and initialised on first use. name is how p11-kit's
-  // configuration calls it (the path when it came from a URI).
+  // configuration calls it (the path when it came from a URI). A module that failed is not
+  // tried again for a while: the same error is raised at once.
   static std::shared_ptr<Module> load(const std::string& path, const std::string& name = "");
 
   const std::string& path() const { return path_; }
@@ -47,8 +50,15 @@ class Module {
   std::string manufacturer() const;
 
   std::vector<CK_SLOT_ID> slots(bool token_present) const;
-  // nullopt when the slot has no token (or no longer exists).
-  std::optional<CK_TOKEN_INFO> token_info(CK_SLOT_ID slot) const;
+  // Every slot, as the module listed them at most two seconds ago; whether a slot holds a
+  // token is asked of the slot (token_info), so a card put into a reader is seen at once, a
+  // reader plugged in within two seconds. The store looks at its tokens before every
+  // lookup, and asking for the list is not cheap: SoftHSM2, for one, reloads its whole token
+  // folder for it.
+  std::vector<CK_SLOT_ID> known_slots() const;
+  // nullopt when the slot has no token (or no longer exists). patient: a read that fails
+  // while another process rewrites the token's state is repeated for a moment.
+  std::optional<CK_TOKEN_INFO> token_info(CK_SLOT_ID slot, bool patient = true) const;
   CK_SLOT_INFO slot_info(CK_SLOT_ID slot) const;
 
   Module(const Module&) = delete;
@@ -56,10 +66,16 @@ class Module {
 
  private:
   Module(std::string path, std::string name, CK_FUNCTION_LIST* fn);
+  // Loads and initialises the module (the table's lock is held).
+  static std::shared_ptr<Module> start(const std::string& path, const std::string& key,
+                                       const std::string& name);
   std::string path_;
   std::string name_;
   CK_FUNCTION_LIST* fn_;
   CK_INFO info_{};
+  mutable std::mutex slots_mutex_;
+  mutable std::vector<CK_SLOT_ID> known_slots_;
+  mutable std::optional<std::chrono::steady_clock::time_point> slots_read_;
 };
 
 struct ModuleEntry {
@@ -80,6 +96,12 @@ struct ModuleFailure {
 };
 std::vector<std::shared_ptr<Module>> modules_for(const Pkcs11Uri& uri,
                                                  std::vector<ModuleFailure>* failures = nullptr);
+
+// A warning about something that stays wrong (a module that does not start, a slot that
+// cannot be read) is given once, not at every look: again only when the problem about the
+// same thing changes, or after it went away (clear_problem) and came back.
+void report_problem(const std::string& about, const std::string& warning);
+void clear_problem(const std::string& about);
 
 // True when the token and its slot and module are what the URI asks for.
 bool uri_matches(const Pkcs11Uri& uri, const Module& module, const CK_SLOT_INFO& slot,

@@ -72,8 +72,15 @@ Pkcs11Uri Pkcs11Uri::parse(const std::string& text) {
   std::string path = rest.substr(0, q);
   std::string query = q == std::string::npos ? "" : rest.substr(q + 1);
 
+  // The module belongs in the query, but it is often written among the path attributes
+  // (pkcs11:token=X;module-path=/...): both places name the same module.
+  std::optional<std::string> module_name, module_path;
   for_each_attribute(path, ';', text, [&](const std::string& name, std::string value) {
-    if (name == "token")
+    if (name == "module-name")
+      set_once(module_name, std::move(value), name, text);
+    else if (name == "module-path")
+      set_once(module_path, std::move(value), name, text);
+    else if (name == "token")
       set_once(u.token, std::move(value), name, text);
     else if (name == "manufacturer")
       set_once(u.manufacturer, std::move(value), name, text);
@@ -113,7 +120,6 @@ Pkcs11Uri Pkcs11Uri::parse(const std::string& text) {
     }
   });
 
-  std::optional<std::string> module_name, module_path;
   for_each_attribute(query, '&', text, [&](const std::string& name, std::string value) {
     if (name == "module-name")
       set_once(module_name, std::move(value), name, text);

@@ -1,6 +1,8 @@
 #include "platform/store/token.h"
 
+#include <chrono>
 #include <map>
+#include <thread>
 #include <tuple>
 
 #include "tessarel/ui.h"
@@ -98,7 +100,7 @@ void Token::open_locked() {
   std::optional<CK_TOKEN_INFO> info = readable_token(*module_, slot_);
   if (!info || !(TokenIdentity::of(*info) == identity_)) {
     info.reset();
-    for (CK_SLOT_ID s : module_->slots(true)) {
+    for (CK_SLOT_ID s : module_->known_slots()) {
       auto i = readable_token(*module_, s);
       if (i && TokenIdentity::of(*i) == identity_) {
         slot_ = s;
@@ -111,6 +113,7 @@ void Token::open_locked() {
     throw Exception("The token \"" + identity_.label + "\" (serial " + identity_.serial +
                     ") is no longer present");
   writable_ = !(info->flags & CKF_WRITE_PROTECTED);
+  session_flags_ = info->flags;
   CK_FLAGS flags = CKF_SERIAL_SESSION | (writable_ ? CKF_RW_SESSION : 0);
   CK_RV rv = fn()->C_OpenSession(slot_, flags, nullptr, nullptr, &session_);
   if (rv == CKR_TOKEN_WRITE_PROTECTED) {
@@ -183,8 +186,14 @@ void Token::login_failed(CK_RV rv) {
 }
 
 void Token::login_locked() {
-  if (logged_in_) return;
-  CK_FLAGS f = flags_locked();
+  // Asked before every signature: a token that needs no login is not asked again.
+  if (logged_in_ || !(session_flags_ & CKF_LOGIN_REQUIRED)) return;
+  // Read now: the PIN's state (tries left, locked) may have changed since the session opened.
+  auto info = module_->token_info(slot_);
+  if (!info)
+    throw Exception("The token \"" + identity_.label + "\" (serial " + identity_.serial +
+                    ") is no longer present");
+  CK_FLAGS f = info->flags;
   if (!(f & CKF_LOGIN_REQUIRED)) return;
   const std::string token = "the token \"" + identity_.label + "\"";
   if (f & CKF_USER_PIN_LOCKED)
@@ -199,8 +208,14 @@ void Token::login_locked() {
   } else {
     std::optional<std::string> pin = ask_pin();
     if (!pin) throw LoginCancelled(identity_.label);
-    rv = fn()->C_Login(session_, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(pin->data()),
-                       static_cast<CK_ULONG>(pin->size()));
+    for (int attempt = 1;; ++attempt) {
+      rv = fn()->C_Login(session_, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(pin->data()),
+                         static_cast<CK_ULONG>(pin->size()));
+      // A token whose state another process is rewriting (SoftHSM2 does at every login) can
+      // fail without having looked at the PIN; a wrong PIN is never tried again.
+      if (rv != CKR_GENERAL_ERROR || attempt == 3) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10 * attempt));
+    }
     wipe(*pin);
   }
   if (rv != CKR_OK && rv != CKR_USER_ALREADY_LOGGED_IN) login_failed(rv);
@@ -208,9 +223,8 @@ void Token::login_locked() {
 }
 
 void Token::authenticate_again_locked(CK_SESSION_HANDLE session) {
-  CK_FLAGS f = flags_locked();
   CK_RV rv;
-  if (f & CKF_PROTECTED_AUTHENTICATION_PATH) {
+  if (session_flags_ & CKF_PROTECTED_AUTHENTICATION_PATH) {
     currentUi().progress_text("Enter the PIN of the token \"" + identity_.label +
                               "\" on the reader's keypad");
     rv = fn()->C_Login(session, CKU_CONTEXT_SPECIFIC, nullptr, 0);

@@ -107,6 +107,9 @@ class Token {
   CK_SESSION_HANDLE session_ = CK_INVALID_HANDLE;
   bool logged_in_ = false;
   bool writable_ = false;
+  // The token's flags when the session was opened: what does not change while it is in its
+  // slot (login required, a PIN pad) is read from here rather than asked at every signature.
+  CK_FLAGS session_flags_ = 0;
   std::uint64_t epoch_ = 0;
 };
 

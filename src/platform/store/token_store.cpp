@@ -334,57 +334,85 @@ Bytes serial_integer(const Certificate& cert) {
 TokenCertStore::TokenCertStore(std::string uri)
     : text_(std::move(uri)), uri_(Pkcs11Uri::parse(text_)) {}
 
-std::vector<std::shared_ptr<Token>> TokenCertStore::tokens() const {
-  std::vector<std::shared_ptr<Token>> out;
+TokenCertStore::Scan TokenCertStore::scan() const {
+  Scan out;
   for (const auto& module : modules_for(uri_)) {
     std::vector<CK_SLOT_ID> slots;
     try {
-      slots = module->slots(true);
+      slots = module->known_slots();
+      out.problems.emplace_back("slots " + module->path(), std::nullopt);
     } catch (const Exception& e) {
-      warn(std::string("PKCS#11: ") + e.what());
+      out.problems.emplace_back("slots " + module->path(), std::string("PKCS#11: ") + e.what());
       continue;
     }
     for (CK_SLOT_ID slot : slots) {
       if (uri_.slot_id && *uri_.slot_id != slot) continue;
+      std::string about = "slot " + std::to_string(slot) + " " + module->path();
+      out.looked = true;
       try {
-        auto info = module->token_info(slot);
+        // Not patient here: the whole look is repeated instead (see enumerate).
+        auto info = module->token_info(slot, /*patient=*/false);
+        out.problems.emplace_back(about, std::nullopt);
         if (!info || !(info->flags & CKF_TOKEN_INITIALIZED)) continue;
         if (!uri_matches(uri_, *module, module->slot_info(slot), *info)) continue;
-        out.push_back(Token::get(module, slot, *info));
+        out.tokens.push_back(Token::get(module, slot, *info));
       } catch (const Pkcs11Error& e) {
-        warn(std::string("PKCS#11: skipping slot ") + std::to_string(slot) + " of " +
-             module->name() + ": " + e.what());
+        out.problems.emplace_back(about, std::string("PKCS#11: skipping slot ") +
+                                             std::to_string(slot) + " of " + module->name() + ": " +
+                                             e.what());
       }
     }
   }
   return out;
 }
 
+void TokenCertStore::report(const Scan& scan) const {
+  for (const auto& [about, problem] : scan.problems) {
+    if (problem)
+      report_problem(about, *problem);
+    else
+      clear_problem(about);
+  }
+}
+
+std::vector<std::shared_ptr<Token>> TokenCertStore::tokens() const {
+  Scan s = scan();
+  report(s);
+  return s.tokens;
+}
+
 std::vector<TokenCertStore::Entry> TokenCertStore::enumerate() {
   std::vector<Entry> all;
-  auto found = tokens();
-  // A token whose state another process is rewriting can read as blank or uninitialised for
-  // a moment (SoftHSM2's file store does while another process logs in): look again
-  // before saying that it is not there.
-  for (int retry = 0; found.empty() && retry < 10; ++retry) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    found = tokens();
+  Scan s = scan();
+  // A token whose state another process is rewriting can read as blank, uninitialised or
+  // unreadable for a moment (SoftHSM2's file store does while another process logs in):
+  // look again a few times, briefly, before saying that it is not there. A look that found
+  // no slot at all (no module starts) is not repeated.
+  for (int wait_ms : {5, 10, 20, 40, 80}) {
+    if (!s.tokens.empty() || !s.looked) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(wait_ms));
+    s = scan();
   }
-  if (found.empty()) warn("PKCS#11: no token present matches " + text_);
+  report(s);
+  const auto& found = s.tokens;
+  if (found.empty())
+    report_problem("match " + text_, "PKCS#11: no token present matches " + text_);
+  else
+    clear_problem("match " + text_);
   for (const auto& token : found) {
     std::vector<std::tuple<Bytes, Bytes, Certificate>> certs;  // label, id, certificate
-    token->run(Login::No, [&](CK_SESSION_HANDLE s) {
+    token->run(Login::No, [&](CK_SESSION_HANDLE session) {
       certs.clear();
       std::vector<Attribute> match = {attr_ulong(CKA_CLASS, CKO_CERTIFICATE),
                                       attr_ulong(CKA_CERTIFICATE_TYPE, CKC_X_509)};
       if (uri_.object) match.push_back(attr_text(CKA_LABEL, *uri_.object));
       if (uri_.id) match.push_back(attr_bytes(CKA_ID, *uri_.id));
-      for (CK_OBJECT_HANDLE h : find_objects(token->fn(), s, match)) {
-        auto value = get_attribute(token->fn(), s, h, CKA_VALUE);
+      for (CK_OBJECT_HANDLE h : find_objects(token->fn(), session, match)) {
+        auto value = get_attribute(token->fn(), session, h, CKA_VALUE);
         if (!value) continue;
         try {
-          certs.emplace_back(get_attribute(token->fn(), s, h, CKA_LABEL).value_or(Bytes{}),
-                             get_attribute(token->fn(), s, h, CKA_ID).value_or(Bytes{}),
+          certs.emplace_back(get_attribute(token->fn(), session, h, CKA_LABEL).value_or(Bytes{}),
+                             get_attribute(token->fn(), session, h, CKA_ID).value_or(Bytes{}),
                              Certificate::from_der(*value));
         } catch (const Exception& e) {
           warn("PKCS#11: skipping an unreadable certificate on the token \"" + token->label() +

@@ -43,6 +43,16 @@ class TokenCertStore : public CertStore {
   std::vector<std::shared_ptr<p11::Token>> tokens() const;
 
  private:
+  // One look at the slots: the tokens that match, and what could or could not be read
+  // (warnings to give, or problems that went away), by what they concern.
+  struct Scan {
+    std::vector<std::shared_ptr<p11::Token>> tokens;
+    std::vector<std::pair<std::string, std::optional<std::string>>> problems;
+    bool looked = false;  // at least one slot was there to look at
+  };
+  Scan scan() const;
+  void report(const Scan& scan) const;
+
   struct Entry {
     std::shared_ptr<p11::Token> token;
     Bytes id;  // CKA_ID

@@ -273,7 +273,7 @@ void Node::replace_with(Node other) {
 
 // ---- Document ----
 
-Document::Document() : doc_(xmlNewDoc(BAD_CAST "1.0")) {}
+Document::Document() : doc_(xmlNewDoc(reinterpret_cast<const xmlChar*>("1.0"))) {}
 
 Document::~Document() {
   if (doc_) xmlFreeDoc(static_cast<xmlDocPtr>(doc_));
@@ -307,7 +307,7 @@ std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> safe_parse(
     reason = "elements nested deeper than " + std::to_string(limits.max_depth) + " levels";
   } else if (!doc || !ctxt->wellFormed) {
     const xmlError* e = xmlCtxtGetLastError(ctxt);
-    reason = e && e->message ? S(BAD_CAST e->message) : "not well-formed";
+    reason = e && e->message ? S(reinterpret_cast<const xmlChar*>(e->message)) : "not well-formed";
     while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' '))
       reason.pop_back();
     if (e)
@@ -412,7 +412,7 @@ Node Document::FindById(const std::string& id) const {
     for (; n; n = n->next) {
       if (n->type != XML_ELEMENT_NODE) continue;
       for (const char* attr : {"Id", "ID", "id"}) {
-        xmlChar* v = xmlGetNoNsProp(n, BAD_CAST attr);
+        xmlChar* v = xmlGetNoNsProp(n, reinterpret_cast<const xmlChar*>(attr));
         bool match = v && id == reinterpret_cast<const char*>(v);
         xmlFree(v);
         if (match) return n;

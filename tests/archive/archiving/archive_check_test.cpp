@@ -153,6 +153,75 @@ TEST_F(ArchiveCheck, AnEnvelopeReceivedAsBase64IsCheckedLikeOurOwn) {
       << p;
 }
 
+// A document signed, then signed again by someone else (an envelope inside an envelope):
+// the archived data file is the document inside both, and every layer is checked.
+TEST_F(ArchiveCheck, ANestedEnvelopeIsCheckedLayerByLayer) {
+  test::CertParams s;
+  s.cn = "Secondo Firmatario";
+  s.kind = KeyKind::Ec;
+  auto second = test::make_cert(s);
+  std::string pem = test::write_pem(second.cert, dir_ / "second.pem");
+  std::string key = test::write_key_pem(second.key, dir_ / "second.key");
+  auto sign = [&](const std::string& in, const std::string& out, const std::string& form) {
+    return test::run({"openssl", "cms", "-sign", "-binary", "-nodetach", "-outform", form, "-in",
+                      in, "-signer", pem, "-inkey", key, "-out", out})
+        .exit_code;
+  };
+  std::string data = input("verbale è.txt", "verbale di consegna\n");
+  ASSERT_EQ(sign(data, data + ".p7m", "DER"), 0);
+  ASSERT_EQ(sign(data + ".p7m", data + ".p7m.p7m", "PEM"), 0);
+  // And an envelope archived as the data file, signed again: its content is that envelope.
+  std::string inner = input("inner.txt", "allegato\n");
+  ASSERT_EQ(sign(inner, inner + ".p7m", "DER"), 0);
+  ASSERT_EQ(sign(inner + ".p7m", inner + ".p7m.p7m", "DER"), 0);
+  // Even a damaged envelope, archived as it was received and signed: its content only looks
+  // like an envelope.
+  Bytes cut = test::read_bytes(inner + ".p7m");
+  std::string damaged = input("ricevuta.p7m", std::string(cut.begin(), cut.begin() + 200));
+  ASSERT_EQ(sign(damaged, damaged + ".p7m", "DER"), 0);
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(data, data + ".p7m.p7m", "", "Verbali", april_);
+    e.ArchiviaFile(inner + ".p7m", inner + ".p7m.p7m", "", "Verbali", april_);
+    e.ArchiviaFile(damaged, damaged + ".p7m", "", "Verbali", april_);
+    e.ChiudiIndice();
+  }
+  ArchiveCheckReport r = VerifyArchive(arch_);
+  EXPECT_TRUE(r.ok()) << problems(r);
+  auto cli = test::run({test::cli_path(), "--store", store_.path(), "archive", "verify", arch_});
+  EXPECT_EQ(cli.exit_code, 0) << cli.out << cli.err;
+
+  // The inner envelope's signature broken inside an intact outer one (the outer signed the
+  // broken bytes); the index is closed again over the new file.
+  Bytes broken = test::read_bytes(data + ".p7m");
+  broken[broken.size() - 3] ^= 0x01;  // in the signature value, the envelope's last element
+  test::write_file(dir_ / "broken.p7m", broken);
+  ASSERT_EQ(sign(dir_ / "broken.p7m", dir_ / "in/verbale è.txt.p7m.p7m", "DER"), 0);
+  // And a nest whose document is another one.
+  std::string other = input("altro.txt", "altro documento\n");
+  ASSERT_EQ(sign(other, other + ".p7m", "DER"), 0);
+  ASSERT_EQ(sign(other + ".p7m", dir_ / "in/inner.txt.p7m.p7m", "DER"), 0);
+  ui_->answer_overwrite(1);  // the records are replaced: overwrite every time
+  {
+    TSignEArchivia e;
+    e.ApriIndice(arch_, "0A2C", false);
+    e.ArchiviaFile(data, data + ".p7m.p7m", "", "Verbali", april_);
+    e.ArchiviaFile(inner + ".p7m", inner + ".p7m.p7m", "", "Verbali", april_);
+    e.ChiudiIndice();
+  }
+  std::string p = problems(VerifyArchive(arch_));
+  EXPECT_NE(p.find("verbale è.txt: envelope layer 2: "), std::string::npos) << p;
+  EXPECT_EQ(p.find("verbale è.txt: envelope layer 1: "), std::string::npos) << p;
+  EXPECT_EQ(p.find("verbale è.txt: the envelope's content is not"), std::string::npos) << p;
+  EXPECT_NE(p.find("inner.txt.p7m: the envelope's content is not the archived data file"),
+            std::string::npos)
+      << p;
+  cli = test::run({test::cli_path(), "--store", store_.path(), "archive", "verify", arch_});
+  EXPECT_EQ(cli.exit_code, 1);
+  EXPECT_NE(cli.out.find("envelope layer 2: "), std::string::npos) << cli.out;
+}
+
 TEST_F(ArchiveCheck, EnvelopesThatAreNotEnvelopesOrDoNotMatch) {
   test::write_file(at("Fatture/2021/04/c.txt.p7m"), "not an envelope");
   std::string p = problems(VerifyArchive(arch_));

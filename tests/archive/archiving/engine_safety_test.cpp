@@ -138,6 +138,37 @@ TEST_F(EngineSafety, AMalformedParameterIsRefusedBeforeAnythingIsCopied) {
   EXPECT_EQ(records().size(), 1u);
 }
 
+TEST_F(EngineSafety, ANewArchiveThatGetsNoRecordLeavesNothingBehind) {
+  std::string doc = input("a.txt", "a");
+  // A refused record, then a close with nothing to write: no folder, no lock file.
+  engine_->ApriIndice(arch_, "0A2C", false);
+  EXPECT_THROW(engine_->FirmaEArchiviaFile(doc, "", "a:b", march_), Exception);
+  engine_->ChiudiIndice();
+  EXPECT_FALSE(fs::exists(arch_));
+  // The index is still open in the engine: a record made now makes the archive again.
+  engine_->FirmaEArchiviaFile(doc, "", "Contratti", march_);
+  engine_->ChiudiIndice();
+  EXPECT_TRUE(VerifyArchive(arch_).ok());
+  EXPECT_EQ(records().size(), 1u);
+
+  // A host that lets an engine go without closing, and the missing parents of the folder.
+  std::string nested = dir_ / "nuovi/archivio";
+  {
+    std::unique_ptr<ISignEArchivia> other(GetSignEArchivia());
+    other->ApriIndice(nested, "0A2C", false);
+    EXPECT_TRUE(fs::exists(nested + "/index.xml.lock"));
+  }
+  EXPECT_FALSE(fs::exists(dir_ / "nuovi"));
+  // A certificate that is not there: nothing is made at all.
+  EXPECT_THROW(engine_->ApriIndice(nested, "BAD0", false), Exception);
+  EXPECT_FALSE(fs::exists(dir_ / "nuovi"));
+  // An archive with an index keeps its lock file when a session writes nothing.
+  engine_->ApriIndice(arch_, "0A2C", false);
+  engine_->ChiudiIndice();
+  EXPECT_TRUE(fs::exists(at("index.xml.lock")));
+  EXPECT_TRUE(VerifyArchive(arch_).ok());
+}
+
 TEST_F(EngineSafety, ACertificateMadeInTheProcessIsUsableAtOnce) {
   // The host has already looked a certificate up, so the store's view is cached.
   EXPECT_TRUE(engine_->IsKeyPresent("0A2C"));

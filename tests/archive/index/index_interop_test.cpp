@@ -5,6 +5,8 @@
 #include <filesystem>
 
 #include "index_support.h"
+#include "platform/crypto/digest.h"
+#include "platform/crypto/pkey.h"
 #include "platform/runtime/strings.h"
 #include "xmlsig/xml_signature.h"
 
@@ -139,6 +141,69 @@ TEST_F(IndexInterop, TamperedIndexesFailForBothVerifiers) {
     EXPECT_TRUE(xmlsec_ok(tampered)) << c.what << ": " << last_;
     EXPECT_TRUE(ours_ok(tampered)) << c.what;
   }
+}
+
+// EC keys sign the index with ECDSA-SHA256, the value as r || s of the curve's width (P-521's
+// halves are 66 bytes, so short numbers must be padded). Closed several times per curve, so
+// that values with a leading zero byte come up.
+TEST_F(IndexInterop, EcKeysSignWithEcdsaThatXmlsec1AcceptsOnEveryCurve) {
+  struct Curve {
+    int bits;
+    std::string curve;
+    std::size_t half;
+  };
+  for (const Curve& c : {Curve{256, "", 32}, Curve{384, "", 48}, Curve{0, "secp521r1", 66},
+                         Curve{0, "brainpoolP256r1", 32}}) {
+    test::CertParams p;
+    p.cn = "Archivista EC " + std::to_string(c.half);
+    p.kind = KeyKind::Ec;
+    p.bits = c.bits;
+    p.curve = c.curve;
+    test::TestCert ec = test::make_cert(p);
+    store_.add(ec);
+    std::string arch = dir_ / ("ec" + std::to_string(c.half) + c.curve);
+    std::string pem = test::write_pem(ec.cert, dir_ / "ec.pem");
+    std::string index = arch + "/index.xml";
+    for (int round = 0; round < 4; ++round) {
+      test::IndexEngine e;
+      e.ApriIndice(arch, ec.cert.id(), false);
+      e.add_record("Fatture", "f" + std::to_string(round) + ".txt");
+      e.ChiudiIndice();
+      auto x = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem,
+                          "--enabled-reference-uris", "empty", index});
+      EXPECT_EQ(x.exit_code, 0) << c.half << c.curve << ": " << x.out << x.err;
+
+      auto doc = xml::Document::ParseFile(index);
+      TElXMLVerifier v;
+      v.Load(doc->root());
+      XmlSignatureCheck check = v.Verify(*doc);
+      EXPECT_TRUE(check.ok()) << c.half << c.curve << ": "
+                              << (check.problems.empty() ? "" : check.problems[0]);
+      std::string text = test::read_file(index);
+      EXPECT_NE(text.find("Algorithm=\"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha256\""),
+                std::string::npos);
+      auto from = text.find("<ds:SignatureValue>") + 19;
+      Bytes value =
+          crypto::base64_decode(text.substr(from, text.find("</ds:SignatureValue>") - from));
+      EXPECT_EQ(value.size(), 2 * c.half) << c.curve;
+    }
+  }
+
+  // A value in DER (as keys give it) instead of r || s is not an XML signature value.
+  std::string index = dir_ / "ec32/index.xml";
+  std::string text = test::read_file(index);
+  auto from = text.find("<ds:SignatureValue>") + 19;
+  auto to = text.find("</ds:SignatureValue>");
+  Bytes plain = crypto::base64_decode(text.substr(from, to - from));
+  text.replace(from, to - from, crypto::base64_encode(crypto::dss_signature_from_plain(plain)));
+  test::write_file(dir_ / "der.xml", text);
+  auto doc = xml::Document::ParseFile(dir_ / "der.xml");
+  TElXMLVerifier v;
+  v.Load(doc->root());
+  XmlSignatureCheck check = v.Verify(*doc);
+  EXPECT_TRUE(check.references_valid);
+  EXPECT_FALSE(check.signature_valid);
+  EXPECT_FALSE(check.ok());
 }
 
 }  // namespace

@@ -41,6 +41,21 @@ std::size_t der_size(const Bytes& b) {
   return 2 + n + len;
 }
 
+// A key that says it is smaller than the signatures it makes (as a token that reports the
+// wrong size would): the space reserved from what it says is too small for its value.
+class UnderstatedKey : public SigningKey {
+ public:
+  explicit UnderstatedKey(const crypto::PrivateKey& real) : real_(real) {}
+  KeyKind kind() const override { return KeyKind::Rsa; }
+  int bits() const override { return 1024; }
+  Bytes sign_digest(DigestAlgorithm alg, const Bytes& digest) const override {
+    return real_.sign_digest(alg, digest);
+  }
+
+ private:
+  const crypto::PrivateKey& real_;
+};
+
 class FirmaPdfTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -143,6 +158,20 @@ TEST_F(FirmaPdfTest, WithoutDestinationTheSourceIsReplacedAndCanBeSignedAgain) {
   EXPECT_TRUE(r.signatures[1].whole_document);
   EXPECT_TRUE(messages().empty());
   EXPECT_TRUE(temp_folder_empty());
+
+  // A destination that is a symbolic link stays one; the file it names gets the document,
+  // with the mode it had.
+  std::string target = dir_ / "archiviato.pdf";
+  test::write_file(target, "vecchio");
+  ::chmod(target.c_str(), 0640);
+  std::filesystem::create_symlink(target, dir_ / "collegamento.pdf");
+  ASSERT_TRUE(firma(src_, dir_ / "collegamento.pdf", "", "", nullptr, false, signer_->cert.id()));
+  EXPECT_TRUE(std::filesystem::is_symlink(dir_ / "collegamento.pdf"));
+  EXPECT_EQ(test::read_file(target).substr(0, twice.size()), twice);
+  EXPECT_TRUE(VerifyPdf(target).valid);
+  struct stat st {};
+  ASSERT_EQ(::stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
 }
 
 TEST_F(FirmaPdfTest, PfxStreamWithThePasswordDialog) {
@@ -290,6 +319,24 @@ TEST_F(FirmaPdfTest, InvisibleSignaturesAndTheReasonField) {
   EXPECT_EQ(s[0].reason, "Solo il motivo");
   EXPECT_EQ(s[0].name, "");
   EXPECT_TRUE(VerifyPdf(dest).valid);
+}
+
+TEST_F(FirmaPdfTest, AValueLargerThanItsReservedSpaceIsAnErrorAndNothingIsAppended) {
+  std::string copy = dir_ / "copia.pdf";
+  test::write_file(copy, original_);
+  auto doc = pdf::Document::open(copy);
+  PdfSigner signer{signer_->cert, std::make_shared<UnderstatedKey>(signer_->key), {}};
+  PdfSignatureSettings settings;
+  settings.display = "Firmato: Mario Rossi";
+  try {
+    SignPdfDocument(*doc, copy, signer, settings);
+    ADD_FAILURE() << "a signature value was written into a space too small for it";
+  } catch (const Exception& e) {
+    EXPECT_NE(std::string(e.what()).find("does not fit the space reserved for it"),
+              std::string::npos)
+        << e.what();
+  }
+  EXPECT_EQ(test::read_file(copy), original_);
 }
 
 TEST_F(FirmaPdfTest, TheReservedSpaceIsComputedForEveryKeyKind) {

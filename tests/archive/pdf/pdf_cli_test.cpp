@@ -136,10 +136,15 @@ TEST_F(PdfCli, PfxFilesAndTheirPasswords) {
 
 TEST_F(PdfCli, BadDocumentsAreClearErrorsAndLeaveNothing) {
   std::string out = dir_ / "out.pdf";
+  // The last cross-reference offset moved past the end of the file.
+  std::string past = original_;
+  std::size_t at = past.rfind("startxref\n") + 10;
+  past.replace(at, past.find('\n', at) - at, "99999999");
   std::vector<std::pair<std::string, std::string>> bad = {
       {"testo.pdf", "solo testo\n"},
       {"vuoto.pdf", ""},
       {"tronco.pdf", original_.substr(0, original_.size() - 30)},
+      {"oltre.pdf", past},
   };
   if (test::have_program("qpdf")) {
     ASSERT_EQ(test::run({"qpdf", "--encrypt", "", "titolare", "256", "--", in_, dir_ / "c.pdf"})
@@ -157,15 +162,50 @@ TEST_F(PdfCli, BadDocumentsAreClearErrorsAndLeaveNothing) {
     r = cli({"pdf", "verify", dir_ / name});
     EXPECT_EQ(r.exit_code, 1) << name;
   }
-  auto r = cli({"pdf", "sign", dir_ / "cifrato.pdf", "-o", out});
+  auto r = cli({"pdf", "sign", dir_ / "oltre.pdf", "-o", out});
+  EXPECT_NE(r.err.find("cross-reference offset (99999999) points past the end of the file"),
+            std::string::npos)
+      << r.err;
+  r = cli({"pdf", "sign", dir_ / "vuoto.pdf", "-o", out});
+  EXPECT_NE(r.err.find("vuoto.pdf is empty: it is not a PDF document"), std::string::npos) << r.err;
   if (test::have_program("qpdf")) {
+    r = cli({"pdf", "sign", dir_ / "cifrato.pdf", "-o", out});
     EXPECT_NE(r.err.find("Cannot sign the encrypted document"), std::string::npos) << r.err;
+    // Checking is not signing: its own words.
+    r = cli({"pdf", "verify", dir_ / "cifrato.pdf"});
+    EXPECT_NE(r.err.find("cifrato.pdf is encrypted: its signatures cannot be checked"),
+              std::string::npos)
+        << r.err;
+    EXPECT_EQ(r.err.find("Cannot sign"), std::string::npos) << r.err;
+  }
+  // Standard input that is empty, or not a PDF: said of standard input, not of the
+  // temporary copy it went through.
+  for (const std::string input : {"printf ''", "echo ciao"}) {
+    r = test::run_shell(input + " | TMPDIR='" + tmp_ + "' '" + test::cli_path() + "' --store '" +
+                        dir_ / "MY" + "' pdf sign - -o '" + out + "'");
+    EXPECT_EQ(r.exit_code, 1) << input;
+    EXPECT_NE(
+        r.err.find(input == "echo ciao"
+                       ? "tessarel: error: standard input is not a PDF document"
+                       : "tessarel: error: standard input is empty: it is not a PDF document"),
+        std::string::npos)
+        << r.err;
+    EXPECT_EQ(r.err.find(tmp_), std::string::npos) << r.err;
+    EXPECT_FALSE(std::filesystem::exists(out));
   }
   r = cli({"pdf", "sign", dir_ / "assente.pdf", "-o", out});
   EXPECT_EQ(r.exit_code, 1);
   r = cli({"pdf", "sign", in_, "-o", dir_ / "nessuna cartella/out.pdf"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("Cannot create file"), std::string::npos) << r.err;
+  // A store certificate whose key is gone.
+  for (auto& e : std::filesystem::directory_iterator(dir_ / "MY"))
+    if (e.path().extension() == ".key") std::filesystem::remove(e.path());
+  r = cli({"pdf", "sign", in_, "-o", out, "--cert", id_});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err, "tessarel: error: Certificate " + id_ +
+                       " not found, or its private key is not usable\n");
+  EXPECT_FALSE(std::filesystem::exists(out));
   EXPECT_EQ(test::read_file(in_), original_);
   EXPECT_TRUE(temp_folder_empty());
 }

@@ -336,6 +336,54 @@ TEST_F(EnvelopeCorpus, CountersignatureAndTimestampAreCheckedAgainstTheSignature
                             "-CAfile tsa.pem 2>/dev/null")
                 .exit_code,
             0);
+
+  // A token whose own signature was changed: its imprint still names the value.
+  TElSignedCMSMessage token;
+  token.Open(std::make_shared<asn1::FileSource>(p("value.tst")));
+  token.GetSignature(0)->FPKCS7Signer.EncryptedDigest.back() ^= 0x01;
+  test::write_file(p("forged.tst"), token.SaveToBytes());
+  EXPECT_NE(test::run_shell("cd '" + dir_->path() +
+                            "' && openssl ts -verify -data value.bin -in forged.tst -token_in "
+                            "-CAfile tsa.pem 2>/dev/null")
+                .exit_code,
+            0);
+  with("forged-stamp.p7m", counter_signer, "forged.tst");
+  r = VerifyEnvelope(p("forged-stamp.p7m"));
+  EXPECT_FALSE(r.valid);
+  EXPECT_TRUE(r.signers[0].timestamps[0].imprint_matches);
+  EXPECT_FALSE(r.signers[0].timestamps[0].signature_valid);
+
+  // What the command line says about each, and its exit code.
+  auto cli = [](const std::string& file) {
+    return test::run({test::cli_path(), "verify", p(file)});
+  };
+  auto out = cli("both.p7m");
+  EXPECT_EQ(out.exit_code, 0) << out.out;
+  const std::string stamp =
+      "  timestamp: " + VerifyEnvelope(p("both.p7m")).signers[0].timestamps[0].time +
+      " by CN=Autorita Marca Temporale: ";
+  EXPECT_NE(out.out.find(stamp + "imprint ok, signature ok\n"), std::string::npos) << out.out;
+  EXPECT_NE(
+      out.out.find("  countersignature: VALID\n    counter-signer 0: CN=Firmatario counter\n"),
+      std::string::npos)
+      << out.out;
+  out = cli("bad-counter.p7m");
+  EXPECT_EQ(out.exit_code, 1);
+  EXPECT_EQ(out.out.rfind("NOT VALID (", 0), 0u) << out.out;
+  EXPECT_NE(
+      out.out.find("  countersignature: NOT VALID\n    counter-signer 0: CN=Firmatario counter\n"),
+      std::string::npos)
+      << out.out;
+  EXPECT_NE(out.out.find(stamp + "imprint ok, signature ok\n"), std::string::npos) << out.out;
+  out = cli("bad-stamp.p7m");
+  EXPECT_EQ(out.exit_code, 1);
+  EXPECT_NE(out.out.find("  timestamp: "), std::string::npos) << out.out;
+  EXPECT_NE(out.out.find(": imprint FAILED, signature ok\n"), std::string::npos) << out.out;
+  EXPECT_NE(out.out.find("  countersignature: VALID\n"), std::string::npos) << out.out;
+  out = cli("forged-stamp.p7m");
+  EXPECT_EQ(out.exit_code, 1);
+  EXPECT_NE(out.out.find(stamp + "imprint ok, signature FAILED\n"), std::string::npos) << out.out;
+  EXPECT_NE(out.out.find("    problem: timestamp: "), std::string::npos) << out.out;
 }
 
 TEST_F(EnvelopeCorpus, AttributesOutOfDerOrderVerifyWithANote) {
@@ -390,6 +438,20 @@ TEST_F(EnvelopeCorpus, AttributesOutOfDerOrderVerifyWithANote) {
   EXPECT_FALSE(r.valid);
   EXPECT_FALSE(r.signers[0].signature_valid);
   EXPECT_TRUE(VerifyEnvelope(p("ordered.p7m")).signers[0].notes.empty());
+
+  // The command line says so under the signer, and only there.
+  auto cli = test::run({test::cli_path(), "verify", p("unordered.p7m")});
+  EXPECT_EQ(cli.exit_code, 0) << cli.out;
+  EXPECT_NE(cli.out.find("\n  note: signed attributes were not in DER order\n"), std::string::npos)
+      << cli.out;
+  for (const char* file : {"ordered.p7m", "unordered-as-stored.p7m"}) {
+    cli = test::run({test::cli_path(), "verify", p(file)});
+    EXPECT_EQ(cli.exit_code, 0) << file;
+    EXPECT_EQ(cli.out.find("note:"), std::string::npos) << cli.out;
+  }
+  cli = test::run({test::cli_path(), "verify", p("unordered-tampered.p7m")});
+  EXPECT_EQ(cli.exit_code, 1);
+  EXPECT_EQ(cli.out.find("not in DER order"), std::string::npos) << cli.out;
 }
 
 TEST_F(EnvelopeCorpus, AnAlgorithmNobodyKnowsIsUnsupportedNotFailed) {

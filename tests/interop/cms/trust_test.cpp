@@ -197,5 +197,132 @@ TEST_F(Trust, ValidityIsJudgedAtTheSigningTime) {
   EXPECT_FALSE(CheckCertificateTrust(leaf, {}, at, TrustOptions{}).checked);
 }
 
+// A signature timestamp from a trusted authority says when the signature existed: the
+// chain is judged at its time, not at the time the signer claims.
+TEST_F(Trust, AVerifiedTimestampSetsTheTimeTheChainIsJudgedAt) {
+  auto sh = [](const std::string& command) {
+    auto r = test::run_shell("cd '" + dir_->path() + "' && " + command);
+    ASSERT_EQ(r.exit_code, 0) << command << "\n" << r.err;
+  };
+  // An authority certified by the test root, as openssl ts needs it.
+  test::write_file(p("tsa.ext"), std::string("extendedKeyUsage=critical,timeStamping\n"));
+  test::write_file(p("tsa.cnf"),
+                   std::string("[ tsa ]\ndefault_tsa = t\n[ t ]\nserial = ./tsaserial\n"
+                               "signer_digest = sha256\ndefault_policy = 1.2.3.4.1\n"
+                               "digests = sha256\ness_cert_id_alg = sha256\n"));
+  sh("echo 01 > tsaserial && openssl req -new -newkey rsa:2048 -nodes -keyout tsa.key "
+     "-subj '/CN=Marca Temporale Prova' -out tsa.csr 2>/dev/null && openssl x509 -req -in "
+     "tsa.csr -CA 'Radice Prova.pem' -CAkey 'Radice Prova.key' -set_serial 9001 -days 30 "
+     "-extfile tsa.ext -out tsa.pem 2>/dev/null");
+  auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  // The signer's claimed time, and a timestamp token (made now) over the signature value.
+  sh("openssl req -x509 -newkey rsa:2048 -nodes -keyout tsa-self.key -out tsa-self.pem -days 30 "
+     "-subj '/CN=Marca Temporale Ignota' -addext 'extendedKeyUsage=critical,timeStamping' "
+     "2>/dev/null");
+  auto sign_at = [&](const std::string& name, const std::string& signer, std::chrono::hours ago,
+                     const std::string& tsa = "tsa") {
+    test::SignOptions o;
+    o.time = DateTimeFromSys(now - ago);
+    test::write_file(p(name + ".p7m"),
+                     test::SignBytes({'a', 't', 't', 'o'}, certs_->at(signer), o));
+    auto m = test::OpenBytes(test::read_bytes(p(name + ".p7m")));
+    test::write_file(p(name + ".value"), m->GetSignature(0)->FPKCS7Signer.EncryptedDigest);
+    sh("openssl ts -query -data '" + name + ".value' -sha256 -cert -no_nonce -out '" + name +
+       ".tsq' && openssl ts -reply -queryfile '" + name + ".tsq' -signer " + tsa + ".pem -inkey " +
+       tsa + ".key -config tsa.cnf -token_out -out '" + name + ".tst' 2>/dev/null");
+    m->GetSignature(0)->FPKCS7Signer.UnauthenticatedAttributes.push_back(
+        {cms_oid::kSignatureTimestamp, {test::read_bytes(p(name + ".tst"))}});
+    test::write_file(p(name + "-stamped.p7m"), m->SaveToBytes());
+  };
+  const std::string root = p("chain.pem");  // the root and the intermediate the envelopes lack
+  // Claimed long before the certificate existed: not trusted at that time, trusted at the
+  // timestamp's.
+  sign_at("early", "Firmatario Valido", std::chrono::hours(24 * 1000));
+  auto r = verify({p("early.p7m"), "--trust", root});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("  trusted: no (the certificate CN=Firmatario Valido was not yet valid at "),
+            std::string::npos)
+      << r.out;
+  r = verify({p("early-stamped.p7m"), "--trust", root});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_EQ(r.out.rfind("VALID, trusted (", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("signature ok, authority trusted: yes\n"), std::string::npos) << r.out;
+  r = verify({p("early-stamped.p7m"), "--trust", root, "--json"});
+  auto stamp_time = [](const std::string& json) {
+    const std::string key = "\"timestamps\": [{\"time\": \"";
+    auto at = json.find(key);
+    return at == std::string::npos ? std::string("(none)") : json.substr(at + key.size(), 20);
+  };
+  EXPECT_NE(r.out.find("\"checked_at\": \"" + stamp_time(r.out) +
+                       "\", \"chain\": [\"CN=Firmatario "
+                       "Valido\""),
+            std::string::npos)
+      << r.out;
+
+  // Claimed while the certificate was valid, stamped after it expired: the timestamp wins.
+  sign_at("late", "Firmatario Scaduto", std::chrono::hours(24 * 100));
+  r = verify({p("late.p7m"), "--trust", root});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  r = verify({p("late-stamped.p7m"), "--trust", root});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.out.rfind("VALID, NOT TRUSTED (", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("  trusted: no (the certificate CN=Firmatario Scaduto had expired at "),
+            std::string::npos)
+      << r.out;
+
+  // An authority that is not trusted says nothing about time: the claim counts again.
+  sign_at("unknown-tsa", "Firmatario Valido", std::chrono::hours(24 * 1000), "tsa-self");
+  r = verify({p("unknown-tsa-stamped.p7m"), "--trust", root});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("signature ok, authority trusted: no ("), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("  trusted: no (the certificate CN=Firmatario Valido was not yet valid at "),
+            std::string::npos)
+      << r.out;
+}
+
+// An issuer whose basic constraints say it is no CA cannot vouch for a signer, even with
+// the key usage for signing certificates and a chain to a trusted root.
+TEST_F(Trust, AnIssuerThatIsNotACaBreaksTheChain) {
+  auto sh = [](const std::string& command) {
+    auto r = test::run_shell("cd '" + dir_->path() + "' && " + command);
+    ASSERT_EQ(r.exit_code, 0) << command << "\n" << r.err;
+  };
+  test::write_file(p("leaf.ext"),
+                   std::string("keyUsage=critical,digitalSignature,nonRepudiation\n"));
+  for (const char* is_ca : {"TRUE", "FALSE"}) {
+    std::string ca = is_ca;
+    SCOPED_TRACE("CA:" + ca);
+    std::string office = "ufficio-" + ca, signer = "firmatario-" + ca;
+    test::write_file(p(office + ".ext"), "basicConstraints=critical,CA:" + ca +
+                                             "\nkeyUsage=critical,keyCertSign,digitalSignature\n");
+    sh("openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " + office +
+       ".key -subj '/CN=Ufficio CA " + ca + "' -out " + office +
+       ".csr 2>/dev/null && openssl x509 -req -in " + office +
+       ".csr -CA 'Radice Prova.pem' -CAkey 'Radice Prova.key' -set_serial 0x" +
+       (ca == "TRUE" ? "71" : "70") + " -days 30 -extfile " + office + ".ext -out " + office +
+       ".pem 2>/dev/null && openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+       "-keyout " +
+       signer + ".key -subj '/CN=Firmatario Sotto " + ca + "' -out " + signer +
+       ".csr 2>/dev/null && openssl x509 -req -in " + signer + ".csr -CA " + office +
+       ".pem -CAkey " + office + ".key -set_serial 0x72 -days 30 -extfile leaf.ext -out " + signer +
+       ".pem 2>/dev/null && openssl cms -sign -binary -nodetach -outform DER -in "
+       "data.txt -signer " +
+       signer + ".pem -inkey " + signer + ".key -certfile " + office + ".pem -out " + signer +
+       ".p7m");
+    auto r = verify({p(signer + ".p7m"), "--trust", p("Radice Prova.pem")});
+    if (ca == "TRUE") {
+      EXPECT_EQ(r.exit_code, 0) << r.out;
+      EXPECT_NE(r.out.find("  trusted: yes\n"), std::string::npos) << r.out;
+    } else {
+      EXPECT_EQ(r.exit_code, 1);
+      EXPECT_EQ(r.out.rfind("VALID, NOT TRUSTED (", 0), 0u) << r.out;
+      EXPECT_NE(r.out.find("  trusted: no (the certificate CN=Ufficio CA FALSE issues others but "
+                           "is not a CA certificate)\n"),
+                std::string::npos)
+          << r.out;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tessarel

@@ -5,8 +5,9 @@
 #include <filesystem>
 #include <regex>
 
-#include "../../archive/pdf/pdf_fixtures.h"
+#include "pdf_fixtures.h"
 #include "platform/crypto/pkcs12.h"
+#include "softhsm.h"
 #include "test_support.h"
 
 namespace tessarel {
@@ -111,6 +112,12 @@ TEST_F(PdfInterop, EveryProducerSignedTwiceIsValidForPdfsigQpdfAndUs) {
     std::string twice = dir_ / (kind + "-2.pdf");
     sign_twice(in, once, twice);
     std::string original = test::read_file(in);
+    if (kind == "gs-updated") {  // ghostscript's revision and the update after it
+      std::regex eof("%%EOF");
+      EXPECT_EQ(std::distance(std::sregex_iterator(original.begin(), original.end(), eof),
+                              std::sregex_iterator()),
+                2);
+    }
     std::string first = test::read_file(once);
     std::string second = test::read_file(twice);
     EXPECT_EQ(first.substr(0, original.size()), original) << kind;
@@ -228,6 +235,124 @@ TEST_F(PdfInterop, TamperingIsReportedByUsAndByPdfsig) {
   auto sigs = pdfsig(dir_ / "later.pdf");
   ASSERT_EQ(sigs.size(), 1u);
   EXPECT_FALSE(sigs[0].total);
+
+  // The catalog pointed at a new form object that brings an XFA form, which a reader shows
+  // instead of the signed pages: compared with the old form, whatever objects hold them.
+  test::write_file(dir_ / "xfa.pdf", pdf);
+  std::string root = test::show_object(dir_ / "xfa.pdf", "trailer");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(root, m, std::regex(R"(/Root (\d+) 0 R)"))) << root;
+  int root_number = std::stoi(m[1]);
+  std::string catalog = test::show_object(dir_ / "xfa.pdf", m[1]);
+  ASSERT_TRUE(std::regex_search(catalog, m, std::regex(R"(/AcroForm (\d+) 0 R)"))) << catalog;
+  std::string form = test::show_object(dir_ / "xfa.pdf", m[1]);
+  std::string xfa = "<xdp:xdp xmlns:xdp=\"http://ns.adobe.com/xdp/\"/>";
+  test::append_update(
+      dir_ / "xfa.pdf",
+      {{root_number,
+        std::regex_replace(catalog, std::regex(R"(/AcroForm \d+ 0 R)"), "/AcroForm 99 0 R")},
+       {98, "<</Length " + std::to_string(xfa.size()) + ">>\nstream\n" + xfa + "\nendstream"},
+       {99, form.substr(0, form.rfind(">>")) + "/XFA 98 0 R >>"}});
+  r = cli({"pdf", "verify", dir_ / "xfa.pdf"});
+  EXPECT_EQ(r.exit_code, 1) << r.out;
+  EXPECT_NE(r.out.find("the form dictionary was changed: /XFA"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("later revisions: CHANGED MORE"), std::string::npos) << r.out;
+
+  // A page whose annotation list is an object of its own gains a stamp over the text.
+  test::HandPdf h;
+  h.indirect_annots = true;
+  test::write_file(dir_ / "annots.pdf", test::hand_pdf(h));
+  ASSERT_EQ(cli({"pdf", "sign", dir_ / "annots.pdf", "--name", "Mario Rossi"}).exit_code, 0);
+  std::string annots = test::show_object(dir_ / "annots.pdf", "8");
+  ASSERT_EQ(annots.back(), ']') << annots;
+  test::append_update(
+      dir_ / "annots.pdf",
+      {{8, annots.substr(0, annots.size() - 1) + " 97 0 R ]"},
+       {97, "<</Type/Annot/Subtype/FreeText/Rect[0 0 595 842]/Contents(ANNULLATO)>>"}});
+  r = cli({"pdf", "verify", dir_ / "annots.pdf"});
+  EXPECT_EQ(r.exit_code, 1) << r.out;
+  EXPECT_NE(r.out.find("gained object 97 0"), std::string::npos) << r.out;
+}
+
+// Keys on a SoftHSM2 token (made in the test's folder): an RSA and a P-256 key sign PDF
+// documents that qpdf and pdfsig accept; a wrong or missing PIN leaves the input as it was
+// and writes no output.
+TEST_F(PdfInterop, TokenKeysSignDocumentsThatPdfsigAndQpdfAcceptAndAFailedLoginWritesNothing) {
+  if (!test::SoftHsm::available()) GTEST_SKIP() << "SoftHSM2 or pkcs11-tool is not installed";
+  test::SoftHsm hsm;
+  std::string store = hsm.add_token("Firma PDF");
+  test::CertParams rp, ep;
+  rp.cn = "Carlo Verdi";
+  ep.cn = "Elena Neri";
+  ep.kind = KeyKind::Ec;
+  ep.bits = 256;
+  test::TestCert rsa = test::make_cert(rp, ca_.get()), ec = test::make_cert(ep, ca_.get());
+  hsm.put_key("Firma PDF", rsa, "01", "rsa");
+  hsm.put_cert("Firma PDF", rsa.cert, "01", "rsa");
+  hsm.put_key("Firma PDF", ec, "02", "ec");
+  hsm.put_cert("Firma PDF", ec.cert, "02", "ec");
+  std::string pin = "--pin=file:" + hsm.pin_file();
+  auto token_cli = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {test::cli_path(), "--store", store});
+    return test::run(args, hsm.env());
+  };
+  std::string original = test::hand_pdf();
+  test::write_file(dir_ / "in.pdf", original);
+
+  struct Case {
+    const test::TestCert* signer;
+    bool pades;
+    const char* out;
+  };
+  for (const Case& c : {Case{&rsa, false, "rsa.pdf"}, Case{&ec, false, "ec.pdf"},
+                        Case{&ec, true, "ec-pades.pdf"}}) {
+    std::string out = dir_ / c.out;
+    std::vector<std::string> args = {pin,  "pdf", "sign",   dir_ / "in.pdf",
+                                     "-o", out,   "--cert", c.signer->cert.id()};
+    if (c.pades) args.push_back("--pades");
+    auto r = token_cli(args);
+    ASSERT_EQ(r.exit_code, 0) << c.out << ": " << r.err;
+    auto check = test::run({"qpdf", "--check", out});
+    EXPECT_EQ(check.exit_code, 0) << c.out << ": " << check.out << check.err;
+    auto sigs = pdfsig(out);
+    ASSERT_EQ(sigs.size(), 1u) << c.out;
+    EXPECT_EQ(sigs[0].validation, "Signature is Valid.") << c.out;
+    EXPECT_EQ(sigs[0].certificate, "Certificate is Trusted.") << c.out;
+    EXPECT_EQ(sigs[0].common_name, c.signer->cert.subject_cn()) << c.out;
+    EXPECT_EQ(sigs[0].type, c.pades ? "ETSI.CAdES.detached" : "adbe.pkcs7.detached") << c.out;
+    EXPECT_EQ(test::read_file(out).substr(0, original.size()), original) << c.out;
+  }
+
+  // A wrong PIN, then no PIN at all (no terminal to ask on): the document in place and the
+  // output named are both left as they were.
+  test::write_file(dir_ / "existing.pdf", "not touched");
+  std::string wrong = "--pin=file:" + hsm.pin_file("9999");
+  for (const std::string& how : {wrong, std::string("--ui=none")}) {
+    for (const std::string& out : {std::string(), dir_ / "new.pdf", dir_ / "existing.pdf"}) {
+      std::vector<std::string> args = {how,      "pdf",        "sign", dir_ / "in.pdf",
+                                       "--cert", rsa.cert.id()};
+      if (!out.empty()) args.insert(args.end(), {"-o", out});
+      auto r = token_cli(args);
+      EXPECT_EQ(r.exit_code, 1) << how << " " << out;
+      if (how == wrong) {
+        EXPECT_NE(r.err.find("Wrong PIN for the token \"Firma PDF\""), std::string::npos) << r.err;
+      } else {
+        EXPECT_NE(r.err.find("No PIN was given for the token \"Firma PDF\""), std::string::npos)
+            << r.err;
+        EXPECT_NE(r.err.find("Certificate " + rsa.cert.id() +
+                             " not found, or its private key is not usable"),
+                  std::string::npos)
+            << r.err;
+        EXPECT_EQ(r.err.find("Private key not found"), std::string::npos) << r.err;
+      }
+      EXPECT_EQ(test::read_file(dir_ / "in.pdf"), original);
+      EXPECT_FALSE(std::filesystem::exists(dir_ / "new.pdf"));
+      EXPECT_EQ(test::read_file(dir_ / "existing.pdf"), "not touched");
+    }
+  }
+  // Nothing half-written beside the outputs.
+  for (const auto& e : std::filesystem::directory_iterator(dir_.path()))
+    EXPECT_EQ(e.path().filename().string().find(".tmp"), std::string::npos) << e.path();
 }
 
 }  // namespace

@@ -74,6 +74,10 @@ TEST(Base64Source, EveryLayoutReadsBackTheSameBytes) {
         {64, "\n", "", "", false, true},            // padding left out
         {60, "\n", "", "", true, true},
         {0, "", "", "\n", true, true},
+        {76, "\n", "\xEF\xBB\xBF", "", true, true},        // an editor's byte-order mark
+        {64, "\r\n", "\xEF\xBB\xBF\r\n", "", true, true},  // the mark on a line of its own
+        {64, " \n", "", "", true, false},                  // lines ending in a space
+        {76, "\t\r\n", "\xEF\xBB\xBF", "", true, false},   // ... in a tab, after the mark
     };
     for (const auto& l : layouts) {
       std::string what = std::to_string(size) + " bytes, width " + std::to_string(l.width);

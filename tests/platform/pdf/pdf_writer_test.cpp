@@ -8,7 +8,7 @@
 #include <map>
 #include <regex>
 
-#include "../../archive/pdf/pdf_fixtures.h"
+#include "pdf_fixtures.h"
 #include "platform/pdf/pdf_document.h"
 #include "platform/pdf/pdf_text.h"
 #include "platform/pdf/pdf_update.h"
@@ -92,6 +92,68 @@ TEST(PdfText, WinAnsiAndStringSyntax) {
   // characters as surrogate pairs.
   EXPECT_EQ(pdf::text_string("è"), "<FEFF00E8>");
   EXPECT_EQ(pdf::text_string("a\xF0\x9F\x98\x80"), "<FEFF0061D83DDE00>");
+}
+
+// A document written with the given line end, its cross-reference table placed so that it
+// crosses the reader's 64 KiB window at `cross` bytes into the table.
+std::string document_with_line_ends(const std::string& eol, std::size_t cross) {
+  std::string header = "%PDF-1.4" + eol;
+  std::vector<std::string> bodies = {"<</Type/Catalog/Pages 2 0 R>>",
+                                     "<</Type/Pages/Kids[3 0 R]/Count 1>>",
+                                     "<</Type/Page/Parent 2 0 R/MediaBox[0 0 595 842]>>", ""};
+  auto layout = [&](std::size_t filler) {
+    bodies[3] = "<</Length " + std::to_string(filler) + ">>" + eol + "stream" + eol +
+                std::string(filler, 'x') + eol + "endstream";
+    std::string pdf = header;
+    std::vector<std::size_t> offsets;
+    for (std::size_t i = 0; i < bodies.size(); ++i) {
+      offsets.push_back(pdf.size());
+      pdf += std::to_string(i + 1) + " 0 obj" + eol + bodies[i] + eol + "endobj" + eol;
+    }
+    std::size_t xref = pdf.size();
+    // Table entries are 20 bytes: a one-byte line end takes a space before it.
+    std::string entry_end = eol.size() == 2 ? eol : " " + eol;
+    pdf += "xref" + eol + "0 5" + eol + "0000000000 65535 f" + entry_end;
+    for (std::size_t o : offsets) {
+      char e[16];
+      std::snprintf(e, sizeof e, "%010zu", o);
+      pdf += std::string(e) + " 00000 n" + entry_end;
+    }
+    pdf += "trailer" + eol + "<</Size 5/Root 1 0 R>>" + eol + "startxref" + eol +
+           std::to_string(xref) + eol + "%%EOF" + eol;
+    return std::make_pair(pdf, xref);
+  };
+  std::size_t xref = layout(0).second;
+  return layout(65536 - cross - xref).first;
+}
+
+TEST(PdfReader, LineEndsOfEveryKindAlsoAcrossTheReadingWindow) {
+  test::TempDir d;
+  for (const std::string eol : {"\n", "\r\n", "\r"}) {
+    for (std::size_t cross : {1, 4, 5, 6, 20, 31, 47}) {
+      std::string pdf = document_with_line_ends(eol, cross);
+      test::write_file(d / "lines.pdf", pdf);
+      std::string what = "line end " + std::to_string(eol.size()) + (eol == "\r" ? " CR" : "") +
+                         ", window crossed " + std::to_string(cross) + " bytes into the table";
+      try {
+        auto from_file = Document::open(d / "lines.pdf");
+        EXPECT_EQ(from_file->xref_kind(), pdf::XrefKind::Table) << what;
+        auto from_memory = Document::open_memory(reinterpret_cast<const std::uint8_t*>(pdf.data()),
+                                                 pdf.size(), "lines.pdf");
+        // A signature goes on the page both readings find, in updates of one shape (they
+        // differ only in the renewed identifier).
+        pdf::SignatureRequest r;
+        r.contents_size = 64;
+        auto a = pdf::prepare_signature(*from_file, r);
+        auto b = pdf::prepare_signature(*from_memory, r);
+        EXPECT_EQ(a.byte_range, b.byte_range) << what;
+        std::string update(a.update.begin(), a.update.end());
+        EXPECT_NE(update.find("/P 3 0 R"), std::string::npos) << what << "\n" << update;
+      } catch (const std::exception& e) {
+        ADD_FAILURE() << what << ": " << e.what();
+      }
+    }
+  }
 }
 
 TEST(PdfReader, RefusesDocumentsItCannotReadAndSaysWhy) {

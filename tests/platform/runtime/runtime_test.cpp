@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -136,6 +137,33 @@ TEST(Files, AtomicWriterLeavesOldFileUntilCommitAndNoTempBehind) {
     ++entries;
   }
   EXPECT_EQ(entries, 1);
+}
+
+// The holder of an archive that never got an index removes the lock file before letting go.
+// A process that was already waiting on that file must not think it holds the archive: the
+// next one would make a new lock file and get in beside it.
+TEST(Files, ALockWhoseFileWasRemovedIsTakenAgainOnTheFileThatIsThere) {
+  test::TempDir dir;
+  std::string path = dir / "index.xml.lock";
+  auto first = FileLock::Acquire(path, std::chrono::milliseconds(0));
+  ASSERT_TRUE(first);
+  std::atomic<bool> waiting{false};
+  std::unique_ptr<FileLock> second;
+  std::thread waiter(
+      [&] { second = FileLock::Acquire(path, std::chrono::seconds(20), [&] { waiting = true; }); });
+  while (!waiting)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  first.reset();
+  waiter.join();
+  ASSERT_TRUE(second);
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_FALSE(FileLock::Acquire(path, std::chrono::milliseconds(0))) << "two holders of one lock";
+  // The holder's own removal, and then the lock is free for the next one.
+  EXPECT_TRUE(second->remove_file());
+  second.reset();
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_TRUE(FileLock::Acquire(path, std::chrono::milliseconds(0)));
 }
 
 TEST(Files, ErrorsNameThePathAndTheReason) {

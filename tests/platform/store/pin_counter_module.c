@@ -5,7 +5,14 @@
  * forwards every call to the real SoftHSM2 module and only counts: consecutive wrong user
  * PINs are kept in the file named by PIN_COUNTER_STATE (so that successive processes see
  * them, as they would on a card), the limit is PIN_COUNTER_LIMIT (the retry count a
- * security officer would set). C_GetTokenInfo reports the PIN flags a card would. */
+ * security officer would set). C_GetTokenInfo reports the PIN flags a card would.
+ *
+ * With PIN_PAD set, the token also has a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH): a
+ * C_Login without a PIN stands for the user typing PIN_PAD on the reader's keypad. Every
+ * C_Login is recorded in the file PIN_LOGIN_LOG, one line each: "user" or "context", then
+ * "keypad" (no PIN passed) or "pin" (a PIN passed by the caller). The first
+ * PIN_LOGIN_GENERAL_ERRORS user logins of a process fail with CKR_GENERAL_ERROR without
+ * reaching SoftHSM2, as a token does while another process rewrites its state. */
 #include <dlfcn.h>
 #include <p11-kit/pkcs11.h>
 #include <stdio.h>
@@ -41,8 +48,34 @@ static void set_wrong_pins(int n) {
   }
 }
 
+static void log_login(CK_USER_TYPE user, CK_UTF8CHAR_PTR pin) {
+  const char* path = getenv("PIN_LOGIN_LOG");
+  FILE* f = path ? fopen(path, "a") : NULL;
+  if (f) {
+    fprintf(f, "%s %s\n",
+            user == CKU_CONTEXT_SPECIFIC ? "context"
+            : user == CKU_USER           ? "user"
+                                         : "so",
+            pin ? "pin" : "keypad");
+    fclose(f);
+  }
+}
+
 static CK_RV counting_login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin,
                             CK_ULONG len) {
+  log_login(user, pin);
+  static int general_errors = 0;
+  const char* fail = getenv("PIN_LOGIN_GENERAL_ERRORS");
+  if (user == CKU_USER && fail && general_errors < atoi(fail)) {
+    ++general_errors;
+    return CKR_GENERAL_ERROR;
+  }
+  const char* keypad = getenv("PIN_PAD");
+  if (keypad && !pin) {
+    /* What the user types on the reader. */
+    pin = (CK_UTF8CHAR_PTR)keypad;
+    len = (CK_ULONG)strlen(keypad);
+  }
   if (user != CKU_USER) return inner.C_Login(session, user, pin, len);
   int n = wrong_pins();
   if (n >= limit()) return CKR_PIN_LOCKED;
@@ -62,6 +95,7 @@ static CK_RV counting_token_info(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   if (n > 0) info->flags |= CKF_USER_PIN_COUNT_LOW;
   if (n == limit() - 1) info->flags |= CKF_USER_PIN_FINAL_TRY;
   if (n >= limit()) info->flags |= CKF_USER_PIN_LOCKED;
+  if (getenv("PIN_PAD")) info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
   return CKR_OK;
 }
 

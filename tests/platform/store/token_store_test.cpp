@@ -4,7 +4,10 @@
 // The tokens are made before the module is first loaded, in a temporary folder.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -16,6 +19,7 @@
 #include "platform/crypto/pkey.h"
 #include "platform/runtime/datetime.h"
 #include "softhsm.h"
+#include "tessarel/exports.h"
 #include "tessarel/tessarel.h"
 #include "test_support.h"
 
@@ -44,7 +48,7 @@ class TokenEnvironment : public ::testing::Environment {
     auto make = [&](const std::string& label, KeyKind kind, std::optional<test::TestCert>& tc,
                     std::string& uri, std::vector<std::string> extra = {}) {
       test::CertParams p;
-      p.cn = "Titolare " + label;
+      p.cn = "Societ\xC3\xA0 " + label;
       p.kind = kind;
       p.bits = kind == KeyKind::Ec ? 256 : 2048;
       tc = test::make_cert(p);
@@ -196,6 +200,11 @@ TEST_F(TokenStore, ATokenDeletedWhileTheProcessHoldsItsSessionIsReportedAndNothi
   EXPECT_TRUE(std::any_of(warnings.begin(), warnings.end(), [](const std::string& w) {
     return w.find("no token present matches pkcs11:token=Effimero") != std::string::npos;
   })) << (warnings.empty() ? "no warning" : warnings.back());
+  // Said once, although the store looks at the slots several times in the call.
+  std::vector<std::string> sorted = warnings;
+  std::sort(sorted.begin(), sorted.end());
+  auto twice = std::adjacent_find(sorted.begin(), sorted.end());
+  EXPECT_TRUE(twice == sorted.end()) << "repeated: " << *twice;
   EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7m"));
 }
 
@@ -231,6 +240,70 @@ TEST_F(TokenStore, AKeyThatWantsThePinForEverySignatureIsAskedEachTime) {
   }
   EXPECT_TRUE(fs::exists(dir_ / "a.txt.p7s"));
   EXPECT_FALSE(fs::exists(dir_ / "b.txt.p7s"));
+}
+
+TEST_F(TokenStore, AnIndexWhosePinIsRefusedAtTheCloseIsWrittenUnsignedAndSignedAtTheNextClose) {
+  // The P-256 key that wants the PIN for every signature: the user declines the one for the
+  // index, after the document was already signed and copied into the archive.
+  const Tokens& t = tokens();
+  set_store_location(t.always_uri);
+  auto answers = std::make_shared<int>(0);
+  auto decline = std::make_shared<int>(3);  // the login, the document, then the index
+  set_pin_provider([answers, decline](const std::string&) -> std::optional<std::string> {
+    if (++*answers == *decline) return std::nullopt;
+    return std::string("1234");
+  });
+  std::string id = t.always->cert.id();
+  std::string arch = dir_ / "archivio";
+  test::write_file(dir_ / "contratto.txt", "contratto\n");
+  std::unique_ptr<ISignEArchivia> engine(GetSignEArchivia());
+  engine->ApriIndice(arch, id, false);
+  engine->FirmaEArchiviaFile(dir_ / "contratto.txt", "", "Contratti", EncodeDateTime({2024, 5, 6}));
+  try {
+    engine->ChiudiIndice();
+    ADD_FAILURE() << "the index was signed without the PIN";
+  } catch (const EElXMLSecurityError& e) {
+    EXPECT_NE(std::string(e.what()).find("Errore durante la firma o Comando Annullato. (No PIN was "
+                                         "given for the token \"Sempre\""),
+              std::string::npos)
+        << e.what();
+  }
+  EXPECT_EQ(*answers, 3);
+  std::string index = arch + "/index.xml";
+  ASSERT_TRUE(fs::exists(index)) << "the archived document is listed nowhere";
+  std::string text = test::read_file(index);
+  EXPECT_NE(text.find("Contratti\\2024\\05\\contratto.txt.p7m"), std::string::npos) << text;
+  EXPECT_EQ(text.find("Signature"), std::string::npos) << "a partial signature was kept: " << text;
+  EXPECT_TRUE(fs::exists(arch + "/Contratti/2024/05/contratto.txt.p7m"));
+
+  // The same engine closes again once the PIN is given: ECDSA, accepted by xmlsec1.
+  engine->ChiudiIndice();
+  EXPECT_EQ(*answers, 5) << "the declined question ended the session: a login, then the signature";
+  std::string pem = test::write_pem(t.always->cert, dir_ / "sempre.pem");
+  auto x = test::run({"xmlsec1", "--verify", "--enabled-key-data", "x509", "--trusted-pem", pem,
+                      "--enabled-reference-uris", "empty", index});
+  EXPECT_EQ(x.exit_code, 0) << x.out << x.err;
+  EXPECT_NE(test::read_file(index).find("xmldsig-more#ecdsa-sha256"), std::string::npos);
+}
+
+TEST_F(TokenStore, TheCommonNameExportNamesATokenCertificateWithoutAskingForThePin) {
+  const Tokens& t = tokens();
+  pin("1234");
+  for (const auto* tc : {&*t.rsa, &*t.ec}) {
+    set_store_location(tc == &*t.rsa ? t.rsa_uri : t.ec_uri);
+    char* name = strdup("prima");
+    EXPECT_EQ(SelezionaCommonName(&name, tc->cert.id().c_str()), &name);
+    EXPECT_STREQ(name, tc->cert.subject_cn().c_str());
+    EXPECT_EQ(std::string(name).rfind("Societ\xC3\xA0 ", 0), 0u) << name;
+    // Another token's certificate is not in this store: the text stays.
+    const auto* other = tc == &*t.rsa ? &*t.ec : &*t.rsa;
+    SelezionaCommonName(&name, other->cert.id().c_str());
+    EXPECT_STREQ(name, tc->cert.subject_cn().c_str());
+    SelezionaCommonName(&name, "");
+    EXPECT_STREQ(name, tc->cert.subject_cn().c_str());
+    std::free(name);
+  }
+  EXPECT_EQ(*asked_, 0) << "certificates are public objects: no login";
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ std::string hybrid_pdf() {
 }
 
 std::vector<std::string> producer_kinds() {
-  return {"gs", "qpdf", "qpdf-stream", "linearized", "cairo", "pdfunite", "hybrid"};
+  return {"gs", "gs-updated", "qpdf", "qpdf-stream", "linearized", "cairo", "pdfunite", "hybrid"};
 }
 
 std::string produce_pdf(const std::string& kind, const std::string& dir) {
@@ -134,6 +134,19 @@ std::string produce_pdf(const std::string& kind, const std::string& dir) {
   if (kind == "gs") {
     std::string gs = ghostscript();
     if (gs.empty() || run({"cp", gs, out}).exit_code != 0) return "";
+    return out;
+  }
+  if (kind == "gs-updated") {
+    // Another program's incremental update already in the file: new document information,
+    // appended after ghostscript's table by a small writer of our own.
+    std::string gs = ghostscript();
+    if (gs.empty() || !have_program("qpdf") || run({"cp", gs, out}).exit_code != 0) return "";
+    std::smatch info;
+    std::string trailer = show_object(out, "trailer");
+    if (!std::regex_search(trailer, info, std::regex(R"(/Info (\d+) 0 R)"))) return "";
+    append_update(out, {{std::stoi(info[1]),
+                         "<</Title(Documento aggiornato)/Producer(script di prova)"
+                         "/ModDate(D:20240101120000Z)>>"}});
     return out;
   }
   if (kind == "qpdf" || kind == "qpdf-stream" || kind == "linearized") {
@@ -179,28 +192,46 @@ std::string produce_pdf(const std::string& kind, const std::string& dir) {
   throw std::invalid_argument("no producer " + kind);
 }
 
-void append_stream_update(const std::string& path, int number, const std::string& content) {
+void append_update(const std::string& path, const std::map<int, std::string>& bodies) {
   std::string pdf = read_file(path);
   std::smatch m;
   std::regex startxref(R"(startxref\s+(\d+)\s*%%EOF\s*$)");
   if (!std::regex_search(pdf, m, startxref)) throw std::runtime_error("no startxref in " + path);
   std::string prev = m[1];
-  auto trailer = run({"qpdf", "--show-object=trailer", path});
-  std::smatch root, size;
-  if (!std::regex_search(trailer.out, root, std::regex(R"(/Root (\d+ \d+ R))")) ||
-      !std::regex_search(trailer.out, size, std::regex(R"(/Size (\d+))")))
-    throw std::runtime_error("no trailer in " + path + ": " + trailer.out + trailer.err);
-  std::size_t at = pdf.size();
-  std::string body = std::to_string(number) + " 0 obj\n<</Length " +
-                     std::to_string(content.size()) + ">>\nstream\n" + content +
-                     "\nendstream\nendobj\n";
-  char entry[32];
-  std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", at);
-  std::string update = body + "xref\n" + std::to_string(number) + " 1\n" + entry +
-                       "trailer\n<</Size " + std::string(size[1]) + "/Root " +
-                       std::string(root[1]) + "/Prev " + prev + ">>\nstartxref\n" +
-                       std::to_string(at + body.size()) + "\n%%EOF\n";
+  std::string trailer = show_object(path, "trailer");
+  std::smatch root, size, info, id;
+  if (!std::regex_search(trailer, root, std::regex(R"(/Root (\d+ \d+ R))")) ||
+      !std::regex_search(trailer, size, std::regex(R"(/Size (\d+))")))
+    throw std::runtime_error("no trailer in " + path + ": " + trailer);
+  // The document information and identifier carry over, as writers of updates keep them.
+  std::string kept;
+  if (std::regex_search(trailer, info, std::regex(R"(/Info \d+ \d+ R)"))) kept += info[0];
+  if (std::regex_search(trailer, id, std::regex(R"(/ID \[[^\]]*\])"))) kept += id[0];
+  std::string update, xref = "xref\n";
+  int highest = std::stoi(size[1]) - 1;
+  for (const auto& [number, body] : bodies) {
+    char entry[32];
+    std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", pdf.size() + update.size());
+    xref += std::to_string(number) + " 1\n" + entry;
+    update += std::to_string(number) + " 0 obj\n" + body + "\nendobj\n";
+    highest = std::max(highest, number);
+  }
+  std::size_t at = pdf.size() + update.size();
+  update += xref + "trailer\n<</Size " + std::to_string(highest + 1) + "/Root " +
+            std::string(root[1]) + kept + "/Prev " + prev + ">>\nstartxref\n" + std::to_string(at) +
+            "\n%%EOF\n";
   write_file(path, pdf + update);
+}
+
+void append_stream_update(const std::string& path, int number, const std::string& content) {
+  append_update(path, {{number, "<</Length " + std::to_string(content.size()) + ">>\nstream\n" +
+                                    content + "\nendstream"}});
+}
+
+std::string show_object(const std::string& path, const std::string& object) {
+  auto r = run({"qpdf", "--show-object=" + object, path});
+  if (r.exit_code != 0) throw std::runtime_error("qpdf cannot show " + object + ": " + r.err);
+  return r.out.substr(0, r.out.find_last_not_of("\n") + 1);
 }
 
 int first_page_content_object(const std::string& path) {

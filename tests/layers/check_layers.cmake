@@ -1,0 +1,35 @@
+# Run by CTest: cmake -DBUILD_DIR=... -DSOURCE_DIR=... -P check_layers.cmake
+function(build target result output)
+  execute_process(COMMAND ${CMAKE_COMMAND} --build ${BUILD_DIR} --target ${target}
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  set(${result} ${rc} PARENT_SCOPE)
+  set(${output} "${out}" PARENT_SCOPE)
+endfunction()
+
+build(layer_probe_downward rc out)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "an include of a lower layer does not build:\n${out}")
+endif()
+build(layer_probe_upward rc out)
+if(rc EQUAL 0)
+  message(FATAL_ERROR "an include of a higher layer compiled")
+endif()
+if(NOT out MATCHES "archive/archive_paths.h.*(No such file|file not found)")
+  message(FATAL_ERROR "the upward include failed for another reason:\n${out}")
+endif()
+
+# Only the platform layers use the outside libraries, and no include climbs out of its
+# folder by a relative path (which would get round the layer views).
+file(GLOB_RECURSE sources ${SOURCE_DIR}/src/*.cpp ${SOURCE_DIR}/src/*.h)
+foreach(f ${sources})
+  file(STRINGS ${f} lines REGEX "^#include")
+  file(RELATIVE_PATH rel ${SOURCE_DIR} ${f})
+  foreach(line ${lines})
+    if(line MATCHES "#include \"\\.\\./")
+      message(SEND_ERROR "${rel}: relative include climbs out of its folder: ${line}")
+    endif()
+    if(NOT rel MATCHES "^src/(platform|qt)/" AND line MATCHES "#include <(openssl|libxml|qpdf|p11-kit|pkcs11)")
+      message(SEND_ERROR "${rel}: only the platform layers use ${CMAKE_MATCH_1}: ${line}")
+    endif()
+  endforeach()
+endforeach()
