@@ -250,44 +250,67 @@ bool TSignEArchivia::FirmaPdf(const std::string& fname, const std::string& fname
   return result;
 }
 
-PdfSignResult SignPdf(const std::string& input, const std::string& output,
-                      const PdfSignOptions& options) {
-  std::string dest = output.empty() ? input : output;
-  // What the output may not be written over: the files this signing reads, the document
-  // itself (unless it is signed in place) and, when the key comes from it, the store.
+namespace {
+
+// What the output may not be written over: the files this signing reads, the document
+// itself (unless it is signed in place) and, when the key comes from it, the store.
+std::vector<GuardedInput> guarded_inputs(const std::string& input, const std::string& output,
+                                         const PdfSignOptions& options, CertStore* store) {
   std::vector<GuardedInput> guarded = options.inputs;
   if (!output.empty())
     guarded.push_back(
         {input, "the document being signed; leave the output out to sign it in place"});
-  std::shared_ptr<CertStore> store;
-  if (options.pfx.empty()) {
-    store = personal_store();
+  if (store)
     for (auto& f : store->files())
       guarded.push_back({f, "a file of the certificate store " + store->location()});
-  }
+  return guarded;
+}
+
+PdfSigner signer_from_store(CertStore& store, const std::string& cert_id) {
+  std::vector<Certificate> all = store.certificates();
+  auto it = all.begin();
+  if (!cert_id.empty())
+    it = std::find_if(all.begin(), all.end(),
+                      [&](const Certificate& c) { return c.id() == cert_id; });
+  if (it == all.end())
+    throw Exception(cert_id.empty()
+                        ? "the personal store " + store.location() + " holds no certificate"
+                        : "certificate " + cert_id + " is not in the personal store");
+  std::unique_ptr<SigningKey> key = store.signing_key(*it);
+  // Said before any copy is made, and as plainly as when files are signed (a token whose
+  // PIN was not given has said so already).
+  if (!key)
+    throw Exception("Certificate " + it->id() + " not found, or its private key is not usable");
+  return PdfSigner{*it, std::move(key), {}};
+}
+
+// Percent lines while the document is digested, each percentage once.
+std::function<bool(std::uint64_t, std::uint64_t)> hashing_progress() {
+  int last = -1;
+  return [last](std::uint64_t done, std::uint64_t total) mutable {
+    int percent = total ? static_cast<int>(done * 100 / total) : 100;
+    if (percent != last) currentUi().progress_text("hashing " + std::to_string(percent) + "%");
+    last = percent;
+    return true;
+  };
+}
+
+}  // namespace
+
+PdfSignResult SignPdf(const std::string& input, const std::string& output,
+                      const PdfSignOptions& options) {
+  std::string dest = output.empty() ? input : output;
+  std::shared_ptr<CertStore> store;
+  if (options.pfx.empty()) store = personal_store();
+  std::vector<GuardedInput> guarded = guarded_inputs(input, output, options, store.get());
   RefuseOutputOntoInputs(dest, guarded);
 
   // The certificate first: a wrong password or identifier costs no copy of the document.
   std::optional<PdfSigner> signer;
-  if (!options.pfx.empty()) {
+  if (!options.pfx.empty())
     signer = from_pfx(options.pfx, options.pfx_password);
-  } else {
-    std::vector<Certificate> all = store->certificates();
-    auto it = all.begin();
-    if (!options.cert_id.empty())
-      it = std::find_if(all.begin(), all.end(),
-                        [&](const Certificate& c) { return c.id() == options.cert_id; });
-    if (it == all.end())
-      throw Exception(options.cert_id.empty()
-                          ? "the personal store " + store->location() + " holds no certificate"
-                          : "certificate " + options.cert_id + " is not in the personal store");
-    std::unique_ptr<SigningKey> key = store->signing_key(*it);
-    // Said before any copy is made, and as plainly as when files are signed (a token whose
-    // PIN was not given has said so already).
-    if (!key)
-      throw Exception("Certificate " + it->id() + " not found, or its private key is not usable");
-    signer = PdfSigner{*it, std::move(key), {}};
-  }
+  else
+    signer = signer_from_store(*store, options.cert_id);
   // A regular output is signed as a copy made beside it and renamed over it at the end: one
   // copy of the document instead of two, and readers of the output see the old file or the
   // signed one, never a part. Any other output (a device, a FIFO, a hard-linked file) gets
@@ -315,15 +338,7 @@ PdfSignResult SignPdf(const std::string& input, const std::string& output,
   PdfSignatureSettings settings =
       settings_for(options.reason, options.name, options.invisible, signer->cert);
   settings.pades = options.pades;
-  if (options.progress) {
-    int last = -1;
-    settings.progress = [last](std::uint64_t done, std::uint64_t total) mutable {
-      int percent = total ? static_cast<int>(done * 100 / total) : 100;
-      if (percent != last) currentUi().progress_text("hashing " + std::to_string(percent) + "%");
-      last = percent;
-      return true;
-    };
-  }
+  if (options.progress) settings.progress = hashing_progress();
   PdfSignResult result;
   result.field = SignPdfDocument(*doc, temp, *signer, settings);
   result.signer = signer->cert.subject_text();
