@@ -492,10 +492,12 @@ int run_child(const std::string& dir, const std::string& mode) {
 
   // The host leaves while a worker thread still waits for a dialog: the dialog is closed,
   // and the process ends normally, with nothing of the GUI thread destroyed elsewhere.
-  auto* worker_ui = new std::shared_ptr<Ui>(make_ui("qt"));  // outlives the exit
+  // Outlives the exit; held by a global so that the leak check sees it is meant.
+  static std::shared_ptr<Ui>* worker_ui = nullptr;
+  worker_ui = new std::shared_ptr<Ui>(make_ui("qt"));
   std::atomic<bool> open{false};
   answer_next([&open](QDialog*) { open = true; });
-  std::thread([worker_ui] {
+  std::thread([] {
     TPasswordRequestForm left_open;
     (*worker_ui)->password(left_open);
   }).detach();

@@ -275,8 +275,10 @@ std::vector<ModuleEntry> configured_modules() {
   // Loaded once; p11-kit's list is kept so that the modules stay mapped for the process.
   static std::once_flag once;
   static std::vector<ModuleEntry> entries;
+  static CK_FUNCTION_LIST** loaded = nullptr;
   std::call_once(once, [] {
     CK_FUNCTION_LIST** list = p11_kit_modules_load(nullptr, P11_KIT_MODULE_UNMANAGED);
+    loaded = list;
     if (!list) {
       const char* m = p11_kit_message();
       warn(std::string("PKCS#11: p11-kit lists no modules") + (m ? std::string(": ") + m : ""));
