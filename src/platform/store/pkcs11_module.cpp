@@ -275,7 +275,7 @@ std::vector<ModuleEntry> configured_modules() {
   // Loaded once; p11-kit's list is kept so that the modules stay mapped for the process.
   static std::once_flag once;
   static std::vector<ModuleEntry> entries;
-  static CK_FUNCTION_LIST** loaded = nullptr;
+  [[maybe_unused]] static CK_FUNCTION_LIST** loaded = nullptr;  // kept for the process
   std::call_once(once, [] {
     CK_FUNCTION_LIST** list = p11_kit_modules_load(nullptr, P11_KIT_MODULE_UNMANAGED);
     loaded = list;
