@@ -271,14 +271,17 @@ CK_SLOT_INFO Module::slot_info(CK_SLOT_ID slot) const {
   return info;
 }
 
+// p11-kit's list of the configured modules, kept for the life of the process. A global
+// with linkage, so that the store is neither optimised away nor taken for a leak.
+CK_FUNCTION_LIST** kept_module_list = nullptr;
+
 std::vector<ModuleEntry> configured_modules() {
   // Loaded once; p11-kit's list is kept so that the modules stay mapped for the process.
   static std::once_flag once;
   static std::vector<ModuleEntry> entries;
-  [[maybe_unused]] static CK_FUNCTION_LIST** loaded = nullptr;  // kept for the process
   std::call_once(once, [] {
     CK_FUNCTION_LIST** list = p11_kit_modules_load(nullptr, P11_KIT_MODULE_UNMANAGED);
-    loaded = list;
+    kept_module_list = list;
     if (!list) {
       const char* m = p11_kit_message();
       warn(std::string("PKCS#11: p11-kit lists no modules") + (m ? std::string(": ") + m : ""));
