@@ -958,7 +958,7 @@ void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
       auto sig = std::make_unique<TElCMSSignature>(this);
       ReadSignerInfo(src, si, sig->FPKCS7Signer);
       sig->FState = TSBCMSSignatureState::cssSigned;
-      sig->FSigningOptions = 0x0137;
+      sig->FSigningOptions = kReadSignatureOptions;
       sig->FillProperties();
       FSignatures.push_back(std::move(sig));
     }

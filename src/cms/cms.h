@@ -64,6 +64,31 @@ enum TSBCMSSigningOption : std::uint16_t {
   csoAnnexKArchiveTimestampV2Mode = 1 << 8,
 };
 
+// The option sets in use, by what they are for.
+// A new signature, until its signer sets its own.
+inline constexpr std::uint16_t kDefaultSigningOptions =
+    csoInsertMessageDigests | csoInsertSigningTime | csoInsertContentType |
+    csoIncludeCertToMessage | csoIncludeCertToAttributes | csoForceSigningCertificateV2Usage |
+    csoAnnexKArchiveTimestampV2Mode;
+// A signature read from an envelope.
+inline constexpr std::uint16_t kReadSignatureOptions =
+    csoInsertMessageDigests | csoInsertSigningTime | csoInsertContentType |
+    csoIncludeCertToMessage | csoIncludeCertToAttributes | csoAnnexKArchiveTimestampV2Mode;
+// Attached and detached CAdES-BES envelopes (batch signing) and the CMS value of a PDF
+// signature that is not PAdES: the signing time as GeneralizedTime, the certificate in the
+// message and in a signing-certificate-v2 attribute.
+inline constexpr std::uint16_t kCadesBesSigningOptions =
+    csoInsertMessageDigests | csoInsertSigningTime | csoInsertContentType |
+    csoUseGeneralizedTimeFormat | csoIncludeCertToMessage | csoIncludeCertToAttributes |
+    csoForceSigningCertificateV2Usage;
+// The CMS value of a PAdES baseline PDF signature: no signing time, which lives in the
+// signature dictionary (/M) instead.
+inline constexpr std::uint16_t kPadesSigningOptions =
+    csoInsertMessageDigests | csoInsertContentType | csoIncludeCertToMessage |
+    csoIncludeCertToAttributes | csoForceSigningCertificateV2Usage;
+static_assert(kDefaultSigningOptions == 0x01B7 && kReadSignatureOptions == 0x0137 &&
+              kCadesBesSigningOptions == 0x00BF && kPadesSigningOptions == 0x00B5);
+
 enum class TSBCMSSignatureState { cssSigned = 0, cssUnsigned = 1 };
 enum class TSBCMSSigningCertificateType {
   sctESSSigningCertificate = 0,
@@ -162,7 +187,7 @@ class TElCMSSignature {
   TElSignedCMSMessage* FSubject;
   TSBCMSSignatureState FState = TSBCMSSignatureState::cssUnsigned;
   std::int32_t FPublicKeyAlgorithm = 0x7FFF;
-  std::uint16_t FSigningOptions = 0x01B7;
+  std::uint16_t FSigningOptions = kDefaultSigningOptions;
   Bytes FContentType;         // OID content octets; empty means id-data
   DateTime FSigningTime = 0;  // days since 1899-12-30, UTC
   TElCMSSigningCertificate FSigningCertificate;
