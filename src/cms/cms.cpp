@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/asn1/ber_reader.h"
 #include "platform/asn1/der.h"
 #include "platform/crypto/digest.h"
 #include "platform/runtime/datetime.h"
@@ -66,25 +67,13 @@ Bytes encode_signing_time(DateTime t, bool generalized) {
                    reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
 }
 
-const BerNode& child(const BerNode& n, std::size_t i, const char* what) {
-  if (!n.constructed || i >= n.children.size())
-    throw asn1::BerError(asn1::kBerUnexpected, n.offset, std::string("missing ") + what);
-  return n.children[i];
-}
-
-void expect(const BerNode& n, std::uint8_t cls, std::uint32_t number, bool constructed,
-            const char* what) {
-  if (n.tag_class != cls || n.tag_number != number || n.constructed != constructed)
-    throw asn1::BerError(asn1::kBerUnexpected, n.offset, std::string(what) + " expected");
-}
-
+// Attribute ::= SEQUENCE { attrType OBJECT IDENTIFIER, attrValues SET OF ANY }
 TElPKCS7Attribute read_attribute(const ByteSource& src, const BerNode& n) {
-  expect(n, 0, 16, true, "an Attribute SEQUENCE");
+  asn1::BerReader attribute(src, n, asn1::kSequence, "an Attribute SEQUENCE");
   TElPKCS7Attribute a;
-  a.oid = asn1::ReadOid(src, child(n, 0, "attribute type"));
-  const BerNode& set = child(n, 1, "attribute values");
-  expect(set, 0, 17, true, "a SET of attribute values");
-  for (const auto& v : set.children) {
+  a.oid = attribute.read_oid("attribute type");
+  asn1::BerReader values = attribute.start_set("attribute values", "a SET of attribute values");
+  for (const auto& v : values.node().children) {
     if (v.total_length() > (16u << 20))
       throw asn1::BerError(asn1::kBerUnexpected, v.offset, "attribute value too large");
     a.values.push_back(asn1::ElementBytes(src, v));
@@ -293,7 +282,7 @@ bool ReadPssParams(const Bytes& params, DigestAlgorithm& hash, DigestAlgorithm& 
   if (params.empty()) return true;
   try {
     Parsed p(params);
-    if (!p.root.is_universal(16)) return p.root.is_universal(asn1::kNull);
+    if (!p.root.is_universal(asn1::kTagSequence)) return p.root.is_universal(asn1::kNull);
     for (const auto& f : p.root.children) {
       if (!f.is_context(0) && !f.is_context(1) && !f.is_context(2) && !f.is_context(3))
         return false;
@@ -526,36 +515,37 @@ void TElCMSSignature::CompleteSign(const Certificate& cert, const SigningKey* ke
 
 namespace {
 
+// ESSCertID ::= SEQUENCE { certHash OCTET STRING, issuerSerial IssuerSerial OPTIONAL };
+// ESSCertIDv2 starts with an optional hashAlgorithm (SHA-256 when absent).
+TElCMSSignerIdentifier read_ess_cert_id(const ByteSource& src, const BerNode& n, bool v2) {
+  asn1::BerReader cert_id(src, n, asn1::kSequence, "ESSCertID");
+  TElCMSSignerIdentifier id;
+  id.FSignerIdentifierType =
+      v2 ? TSBCMSSignerIdentifierType::sitESSCertIDV2 : TSBCMSSignerIdentifierType::sitESSCertID;
+  id.FHash.FHashAlgorithm = v2 ? DigestAlgorithm::SHA256 : DigestAlgorithm::SHA1;
+  if (v2) {
+    if (const BerNode* alg = cert_id.read_optional(asn1::kSequence))
+      id.FHash.FHashAlgorithm =
+          crypto::digest_from_oid(asn1::BerReader(src, *alg).read_oid("hash algorithm"));
+  }
+  id.FHash.FHashValue =
+      asn1::ContentBytes(src, cert_id.next(asn1::kOctetString, "certHash", "certHash"));
+  if (cert_id.more()) {
+    asn1::BerReader issuer_serial = cert_id.start_sequence("IssuerSerial", "IssuerSerial");
+    id.FIssuer = asn1::ElementBytes(src, issuer_serial.next("issuer"));
+    id.FSerialNumber = asn1::ReadIntegerBytes(src, issuer_serial.next("serial"));
+  }
+  return id;
+}
+
+// SigningCertificate(V2) ::= SEQUENCE { certs SEQUENCE OF ESSCertID(v2), policies OPTIONAL }
 bool decode_signing_certificate(const Bytes& value, bool v2, TElCMSSigningCertificate& out) {
   try {
     Parsed p(value);
-    const BerNode& root = p.root;
-    expect(root, 0, 16, true, "SigningCertificate");
-    const BerNode& certs = child(root, 0, "certs");
-    expect(certs, 0, 16, true, "certs");
-    for (const auto& c : certs.children) {
-      expect(c, 0, 16, true, "ESSCertID");
-      TElCMSSignerIdentifier id;
-      id.FSignerIdentifierType = v2 ? TSBCMSSignerIdentifierType::sitESSCertIDV2
-                                    : TSBCMSSignerIdentifierType::sitESSCertID;
-      std::size_t i = 0;
-      id.FHash.FHashAlgorithm = v2 ? DigestAlgorithm::SHA256 : DigestAlgorithm::SHA1;
-      if (v2 && child(c, 0, "certHash").is_universal(16)) {
-        id.FHash.FHashAlgorithm = crypto::digest_from_oid(
-            asn1::ReadOid(p.src, child(c.children[0], 0, "hash algorithm")));
-        i = 1;
-      }
-      const BerNode& hash = child(c, i, "certHash");
-      expect(hash, 0, asn1::kOctetString, false, "certHash");
-      id.FHash.FHashValue = asn1::ContentBytes(p.src, hash);
-      if (i + 1 < c.children.size()) {
-        const BerNode& is = c.children[i + 1];
-        expect(is, 0, 16, true, "IssuerSerial");
-        id.FIssuer = asn1::ElementBytes(p.src, child(is, 0, "issuer"));
-        id.FSerialNumber = asn1::ReadIntegerBytes(p.src, child(is, 1, "serial"));
-      }
-      out.FCertIDs.push_back(id);
-    }
+    asn1::BerReader signing_certificate(p.src, p.root, asn1::kSequence, "SigningCertificate");
+    asn1::BerReader certs = signing_certificate.start_sequence("certs", "certs");
+    for (const auto& c : certs.node().children)
+      out.FCertIDs.push_back(read_ess_cert_id(p.src, c, v2));
     if (out.FCertIDs.empty()) return false;
     out.FValue = value;
     out.FSigningCertificateType = v2 ? TSBCMSSigningCertificateType::sctESSSigningCertificateV2
@@ -803,13 +793,21 @@ std::string load_error_text(int code, const std::string& reason) {
   return "Failed to load CMS message, error " + std::to_string(code) + ": " + reason;
 }
 
+// ContentInfo ::= SEQUENCE { contentType OBJECT IDENTIFIER, content [0] EXPLICIT ANY }:
+// reads the type into type and leaves the reader at the content.
+asn1::BerReader read_content_type(const ByteSource& src, const BerNode& root, std::string& type) {
+  asn1::BerReader content_info(src, root, asn1::kSequence, "a ContentInfo SEQUENCE");
+  type = content_info.read_oid("content type");
+  return content_info;
+}
+
 // What the BER reader says about bytes that are no envelope, for the second line of the error.
 std::string parse_failure(const ByteSource& src) {
   try {
     if (src.size() == 0) return load_error_text(asn1::kBerTruncated, "the data is empty");
     BerNode root = asn1::ParseBer(src);
-    expect(root, 0, 16, true, "a ContentInfo SEQUENCE");
-    asn1::ReadOid(src, child(root, 0, "content type"));
+    std::string type;
+    read_content_type(src, root, type);
   } catch (const asn1::BerError& e) {
     return load_error_text(e.code(), e.what());
   } catch (const EInOutError& e) {
@@ -869,11 +867,13 @@ std::shared_ptr<const ByteSource> TElSignedCMSMessage::ContentSource() const {
   return std::make_shared<ContentView>(*FContent);
 }
 
-void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
-  Clear();
-  EnvelopeInput input;
+namespace {
+
+// The binary envelope under any text layers; input that is no envelope at all says what it
+// is, and the BER reader's view of it follows on the second line.
+EnvelopeInput unwrap(const std::shared_ptr<const ByteSource>& source) {
   try {
-    input = UnwrapEnvelopeInput(source);
+    return UnwrapEnvelopeInput(source);
   } catch (const NotAnEnvelope& e) {
     throw EElCMSError(e.sentence() + "\n" +
                       (e.detail().empty() ? parse_failure(*source)
@@ -881,140 +881,192 @@ void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
   } catch (const EInOutError& e) {
     throw EElCMSError(load_error_text(asn1::kBerTruncated, e.what()));
   }
-  FInputForm.wrappings = input.wrappings;
-  // Text that decoded to something that is no envelope says so first.
-  std::string first_line;
-  if (!input.wrappings.empty())
-    first_line = input.wrappings.front().rfind("PEM", 0) == 0
-                     ? "PEM text that does not decode to an envelope\n"
-                     : "Base64 text that does not decode to an envelope\n";
-  auto fail = [&](int code, const std::string& reason) {
-    throw EElCMSError(first_line + load_error_text(code, reason));
-  };
-  const ByteSource& src = *input.binary;
-  asn1::BerEncodingInfo encoding;
-  BerNode root;
+}
+
+// Text that decoded to something that is no envelope says so before the load error.
+std::string text_failure_line(const std::vector<std::string>& wrappings) {
+  if (wrappings.empty()) return "";
+  return wrappings.front().rfind("PEM", 0) == 0
+             ? "PEM text that does not decode to an envelope\n"
+             : "Base64 text that does not decode to an envelope\n";
+}
+
+[[noreturn]] void raise_load_error(const std::string& first_line, int code,
+                                   const std::string& reason) {
+  throw EElCMSError(first_line + load_error_text(code, reason));
+}
+
+// Runs read; what the BER reader or the source raises becomes the load error.
+template <typename Read>
+auto as_load_error(const std::string& first_line, Read read) {
   try {
-    if (src.size() == 0) throw asn1::BerError(asn1::kBerTruncated, 0, "the data is empty");
-    root = asn1::ParseBer(src, 0, {}, &encoding);
+    return read();
   } catch (const asn1::BerError& e) {
-    fail(e.code(), e.what());
+    raise_load_error(first_line, e.code(), e.what());
   } catch (const EInOutError& e) {
-    fail(asn1::kBerTruncated, e.what());
+    raise_load_error(first_line, asn1::kBerTruncated, e.what());
   }
-  FInputForm.ber = !encoding.der();
-  std::string content_type;
+}
+
+// The ContentInfo's reader, after its content type (in type). Data that parses but is no
+// ContentInfo is named as ASN.1 data unless it came as text.
+asn1::BerReader open_content_info(const ByteSource& src, const BerNode& root,
+                                  std::string first_line, std::string& type) {
   try {
-    expect(root, 0, 16, true, "a ContentInfo SEQUENCE");
-    content_type = asn1::ReadOid(src, child(root, 0, "content type"));
+    return read_content_type(src, root, type);
   } catch (const asn1::BerError& e) {
     if (first_line.empty()) first_line = "this is ASN.1 data, not a CMS envelope\n";
-    fail(e.code(), e.what());
+    raise_load_error(first_line, e.code(), e.what());
   }
+}
+
+// EncapsulatedContentInfo ::= SEQUENCE { eContentType OBJECT IDENTIFIER,
+//   eContent [0] EXPLICIT OCTET STRING OPTIONAL }
+// The content stays in the source: the message keeps the byte ranges of its segments.
+void read_encapsulated_content(asn1::BerReader encap, TElSignedCMSMessage& m,
+                               const std::shared_ptr<const ByteSource>& binary) {
+  const ByteSource& src = encap.source();
+  const BerNode& type = encap.next("eContentType");
+  asn1::ReadOid(src, type);
+  m.FContentType = asn1::ContentBytes(src, type);
+  m.FContent = std::make_unique<TElCMSContent>();
+  m.FEContentPresent = encap.more();
+  if (!m.FEContentPresent) return;
+  const BerNode& octets =
+      encap.start(asn1::context_constructed(0), "eContent", "[0] eContent").next("eContent");
+  if (!octets.is_universal(asn1::kOctetString))
+    throw asn1::BerError(asn1::kBerUnexpected, octets.offset, "eContent is not an OCTET STRING");
+  std::vector<asn1::Range> ranges;
+  asn1::ContentRanges(octets, ranges);
+  for (const auto& r : ranges)
+    m.FContent->Add(binary, r.offset, r.length);
+}
+
+void read_certificates(const ByteSource& src, const BerNode& certificates,
+                       std::vector<Bytes>& out) {
+  for (const auto& c : certificates.children) {
+    if (c.total_length() > (16u << 20))
+      throw asn1::BerError(asn1::kBerUnexpected, c.offset, "certificate too large");
+    out.push_back(asn1::ElementBytes(src, c));
+  }
+}
+
+// SignedData ::= SEQUENCE { version, digestAlgorithms SET OF AlgorithmIdentifier,
+//   encapContentInfo, certificates [0] IMPLICIT OPTIONAL, crls [1] IMPLICIT OPTIONAL,
+//   signerInfos SET OF SignerInfo }
+void read_signed_data(asn1::BerReader sd, TElSignedCMSMessage& m,
+                      const std::shared_ptr<const ByteSource>& binary) {
+  const ByteSource& src = sd.source();
+  m.FContentVersion = static_cast<std::int32_t>(sd.read_small_integer("version"));
+  asn1::BerReader algs = sd.start_set("digestAlgorithms", "digestAlgorithms SET");
+  for (const auto& a : algs.node().children)
+    m.FDigestAlgorithms.push_back(asn1::BerReader(src, a).read_oid("digest algorithm"));
+  read_encapsulated_content(sd.start_sequence("encapContentInfo", "encapContentInfo SEQUENCE"), m,
+                            binary);
+  if (const BerNode* certificates = sd.read_optional(asn1::context_constructed(0)))
+    read_certificates(src, *certificates, m.FCertificates);
+  sd.read_optional(asn1::context_constructed(1));  // CRLs are not used
+  asn1::BerReader signers = sd.start_set("signerInfos", "signerInfos SET");
+  for (const auto& si : signers.node().children) {
+    auto sig = std::make_unique<TElCMSSignature>(&m);
+    ReadSignerInfo(src, si, sig->FPKCS7Signer);
+    sig->FState = TSBCMSSignatureState::cssSigned;
+    sig->FSigningOptions = kReadSignatureOptions;
+    sig->FillProperties();
+    m.FSignatures.push_back(std::move(sig));
+  }
+}
+
+}  // namespace
+
+void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
+  Clear();
+  EnvelopeInput input = unwrap(source);
+  FInputForm.wrappings = input.wrappings;
+  const std::string first_line = text_failure_line(input.wrappings);
+  const ByteSource& src = *input.binary;
+  asn1::BerEncodingInfo encoding;
+  BerNode root = as_load_error(first_line, [&] {
+    if (src.size() == 0) throw asn1::BerError(asn1::kBerTruncated, 0, "the data is empty");
+    return asn1::ParseBer(src, 0, {}, &encoding);
+  });
+  FInputForm.ber = !encoding.der();
+  std::string content_type;
+  asn1::BerReader content_info = open_content_info(src, root, first_line, content_type);
   if (content_type != cms_oid::kSignedData) throw EElCMSError("No signed data found");
-  try {
-    const BerNode& explicit0 = child(root, 1, "content");
-    expect(explicit0, 2, 0, true, "[0] content");
-    const BerNode& sd = child(explicit0, 0, "SignedData");
-    expect(sd, 0, 16, true, "a SignedData SEQUENCE");
-    FContentVersion =
-        static_cast<std::int32_t>(asn1::ReadSmallInteger(src, child(sd, 0, "version")));
-    const BerNode& algs = child(sd, 1, "digestAlgorithms");
-    expect(algs, 0, 17, true, "digestAlgorithms SET");
-    for (const auto& a : algs.children)
-      FDigestAlgorithms.push_back(asn1::ReadOid(src, child(a, 0, "digest algorithm")));
-    const BerNode& encap = child(sd, 2, "encapContentInfo");
-    expect(encap, 0, 16, true, "encapContentInfo SEQUENCE");
-    const BerNode& etype = child(encap, 0, "eContentType");
-    asn1::ReadOid(src, etype);
-    FContentType = asn1::ContentBytes(src, etype);
-    FContent = std::make_unique<TElCMSContent>();
-    FEContentPresent = encap.children.size() > 1;
-    if (FEContentPresent) {
-      const BerNode& e0 = encap.children[1];
-      expect(e0, 2, 0, true, "[0] eContent");
-      const BerNode& octets = child(e0, 0, "eContent");
-      if (!octets.is_universal(asn1::kOctetString))
-        throw asn1::BerError(asn1::kBerUnexpected, octets.offset,
-                             "eContent is not an OCTET STRING");
-      std::vector<asn1::Range> ranges;
-      asn1::ContentRanges(octets, ranges);
-      for (const auto& r : ranges)
-        FContent->Add(input.binary, r.offset, r.length);
-    }
-    std::size_t i = 3;
-    if (i < sd.children.size() && sd.children[i].is_context(0)) {
-      for (const auto& c : sd.children[i].children) {
-        if (c.total_length() > (16u << 20))
-          throw asn1::BerError(asn1::kBerUnexpected, c.offset, "certificate too large");
-        FCertificates.push_back(asn1::ElementBytes(src, c));
-      }
-      ++i;
-    }
-    if (i < sd.children.size() && sd.children[i].is_context(1)) ++i;  // CRLs are not used
-    const BerNode& signers = child(sd, i, "signerInfos");
-    expect(signers, 0, 17, true, "signerInfos SET");
-    for (const auto& si : signers.children) {
-      auto sig = std::make_unique<TElCMSSignature>(this);
-      ReadSignerInfo(src, si, sig->FPKCS7Signer);
-      sig->FState = TSBCMSSignatureState::cssSigned;
-      sig->FSigningOptions = kReadSignatureOptions;
-      sig->FillProperties();
-      FSignatures.push_back(std::move(sig));
-    }
-  } catch (const asn1::BerError& e) {
-    fail(e.code(), e.what());
-  } catch (const EInOutError& e) {
-    fail(asn1::kBerTruncated, e.what());
-  }
+  as_load_error(first_line, [&] {
+    read_signed_data(content_info.start(asn1::context_constructed(0), "content", "[0] content")
+                         .start_sequence("SignedData", "a SignedData SEQUENCE"),
+                     *this, input.binary);
+  });
   FStream = std::move(input.binary);
   FDetached = FContent->Size() == 0;
 }
 
-void ReadSignerInfo(const ByteSource& src, const BerNode& si, TElPKCS7Signer& s) {
-  expect(si, 0, 16, true, "a SignerInfo SEQUENCE");
-  std::size_t k = 0;
-  s.Version = static_cast<int>(asn1::ReadSmallInteger(src, child(si, k++, "version")));
-  const BerNode& sid = child(si, k++, "sid");
-  if (sid.is_universal(16)) {
-    s.Issuer = asn1::ElementBytes(src, child(sid, 0, "issuer"));
-    s.SerialNumber = asn1::ReadIntegerBytes(src, child(sid, 1, "serialNumber"));
+namespace {
+
+// SignerIdentifier ::= CHOICE { issuerAndSerialNumber SEQUENCE { issuer Name,
+//   serialNumber INTEGER }, subjectKeyIdentifier [0] OCTET STRING }
+void read_signer_identifier(const ByteSource& src, const BerNode& sid, TElPKCS7Signer& s) {
+  if (sid.is_universal(asn1::kTagSequence)) {
+    asn1::BerReader issuer_and_serial(src, sid);
+    s.Issuer = asn1::ElementBytes(src, issuer_and_serial.next("issuer"));
+    s.SerialNumber = asn1::ReadIntegerBytes(src, issuer_and_serial.next("serialNumber"));
   } else if (sid.is_context(0)) {
     s.SubjectKeyIdentifier = asn1::ContentBytes(src, sid, 1024);
   } else {
     throw asn1::BerError(asn1::kBerUnexpected, sid.offset, "signer identifier expected");
   }
-  const BerNode& dalg = child(si, k++, "digestAlgorithm");
-  s.DigestAlgorithm = asn1::ReadOid(src, child(dalg, 0, "digest algorithm"));
-  if (dalg.children.size() > 1) s.DigestAlgorithmParams = asn1::ElementBytes(src, dalg.children[1]);
-  const BerNode* next = &child(si, k++, "signatureAlgorithm");
-  if (next->is_context(0)) {
-    if (next->total_length() > (16u << 20))
-      throw asn1::BerError(asn1::kBerUnexpected, next->offset, "signed attributes too large");
-    s.AuthenticatedAttributes = read_attributes(src, *next);
-    std::vector<Bytes> der;
-    for (const auto& c : next->children)
-      der.push_back(asn1::ToDer(src, c));
-    Bytes der_set = asn1::der_set_of(std::move(der), asn1::kSet);
-    if (next->indefinite) {
-      // No signer hashes an indefinite length: the DER form is the only candidate.
-      s.AuthenticatedAttributesPlain = der_set;
-    } else {
-      s.AuthenticatedAttributesPlain = asn1::ElementBytes(src, *next);
-      s.AuthenticatedAttributesPlain[0] = asn1::kSet;
-      if (der_set != s.AuthenticatedAttributesPlain) s.AuthenticatedAttributesDer = der_set;
-    }
-    next = &child(si, k++, "signatureAlgorithm");
+}
+
+// AlgorithmIdentifier ::= SEQUENCE { algorithm OBJECT IDENTIFIER, parameters ANY OPTIONAL }
+void read_algorithm(const ByteSource& src, const BerNode& n, const char* name, std::string& oid,
+                    Bytes& params) {
+  asn1::BerReader algorithm(src, n);
+  oid = algorithm.read_oid(name);
+  if (algorithm.more()) params = asn1::ElementBytes(src, algorithm.next(name));
+}
+
+// The signed attributes as read, and the bytes their signature covers: as stored (with the
+// SET tag in place of [0]) and, when that differs, as DER.
+void read_signed_attributes(const ByteSource& src, const BerNode& n, TElPKCS7Signer& s) {
+  if (n.total_length() > (16u << 20))
+    throw asn1::BerError(asn1::kBerUnexpected, n.offset, "signed attributes too large");
+  s.AuthenticatedAttributes = read_attributes(src, n);
+  std::vector<Bytes> der;
+  for (const auto& c : n.children)
+    der.push_back(asn1::ToDer(src, c));
+  Bytes der_set = asn1::der_set_of(std::move(der), asn1::kSet);
+  if (n.indefinite) {
+    // No signer hashes an indefinite length: the DER form is the only candidate.
+    s.AuthenticatedAttributesPlain = der_set;
+  } else {
+    s.AuthenticatedAttributesPlain = asn1::ElementBytes(src, n);
+    s.AuthenticatedAttributesPlain[0] = asn1::kSet;
+    if (der_set != s.AuthenticatedAttributesPlain) s.AuthenticatedAttributesDer = der_set;
   }
-  s.DigestEncryptionAlgorithm = asn1::ReadOid(src, child(*next, 0, "signature algorithm"));
-  if (next->children.size() > 1)
-    s.DigestEncryptionAlgorithmParams = asn1::ElementBytes(src, next->children[1]);
-  const BerNode& value = child(si, k++, "signature");
+}
+
+}  // namespace
+
+// SignerInfo ::= SEQUENCE { version, sid, digestAlgorithm, signedAttrs [0] IMPLICIT OPTIONAL,
+//   signatureAlgorithm, signature OCTET STRING, unsignedAttrs [1] IMPLICIT OPTIONAL }
+void ReadSignerInfo(const ByteSource& src, const BerNode& si, TElPKCS7Signer& s) {
+  asn1::BerReader signer_info(src, si, asn1::kSequence, "a SignerInfo SEQUENCE");
+  s.Version = static_cast<int>(signer_info.read_small_integer("version"));
+  read_signer_identifier(src, signer_info.next("sid"), s);
+  read_algorithm(src, signer_info.next("digestAlgorithm"), "digest algorithm", s.DigestAlgorithm,
+                 s.DigestAlgorithmParams);
+  if (const BerNode* signed_attrs = signer_info.read_optional(asn1::context_constructed(0)))
+    read_signed_attributes(src, *signed_attrs, s);
+  read_algorithm(src, signer_info.next("signatureAlgorithm"), "signature algorithm",
+                 s.DigestEncryptionAlgorithm, s.DigestEncryptionAlgorithmParams);
+  const BerNode& value = signer_info.next("signature");
   if (!value.is_universal(asn1::kOctetString))
     throw asn1::BerError(asn1::kBerUnexpected, value.offset, "signature value expected");
   s.EncryptedDigest = asn1::ContentBytes(src, value, 1 << 16);
-  if (k < si.children.size() && si.children[k].is_context(1))
-    s.UnauthenticatedAttributes = read_attributes(src, si.children[k]);
+  if (const BerNode* unsigned_attrs = signer_info.read_optional(asn1::context_constructed(1)))
+    s.UnauthenticatedAttributes = read_attributes(src, *unsigned_attrs);
 }
 
 }  // namespace tessarel
