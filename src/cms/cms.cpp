@@ -341,6 +341,192 @@ DigestAlgorithm TElCMSSignature::GetDigestAlgorithm() const {
   return DigestAlgorithmOfOid(FPKCS7Signer.DigestAlgorithm);
 }
 
+namespace {
+
+// The algorithm code an error names when the digest OID maps to no hash.
+constexpr int kUnknownAlgorithm = 0x7FFF;
+
+// The signer's certificate and its chain join the message's certificates, each once.
+void include_certificates(std::vector<Bytes>& certificates, const Certificate& cert,
+                          const std::vector<Certificate>& chain) {
+  auto add = [&](const Certificate& c) {
+    if (std::find(certificates.begin(), certificates.end(), c.der()) == certificates.end())
+      certificates.push_back(c.der());
+  };
+  add(cert);
+  for (const auto& c : chain)
+    add(c);
+}
+
+// The signing-certificate property naming cert: ESS for a SHA-1 fingerprint, ESS v2 when
+// the options force it, the other-signing-certificate form otherwise.
+void set_signing_certificate(TElCMSSigningCertificate& sc, const Certificate& cert,
+                             DigestAlgorithm fingerprint, std::uint16_t options) {
+  sc.Clear();
+  TElCMSSignerIdentifier id;
+  id.FSerialNumber = cert.serial();
+  id.FHash.FHashAlgorithm = fingerprint;
+  if (fingerprint == DigestAlgorithm::SHA1) {
+    id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertID;
+    sc.FSigningCertificateType = TSBCMSSigningCertificateType::sctESSSigningCertificate;
+  } else if (options & csoForceSigningCertificateV2Usage) {
+    id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertIDV2;
+    sc.FSigningCertificateType = TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
+  } else {
+    id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitOtherCertID;
+    sc.FSigningCertificateType = TSBCMSSigningCertificateType::sctOtherSigningCertificate;
+  }
+  id.FHash.FHashValue = cert.fingerprint(fingerprint);
+  // GeneralNames holding one directoryName: [4] EXPLICIT Name.
+  id.FIssuer =
+      asn1::tlv(asn1::kSequence, asn1::tlv(asn1::context_constructed(4), cert.issuer_der()));
+  sc.FCertIDs.push_back(id);
+  sc.FIncluded = true;
+  sc.FSigned = true;
+}
+
+// SigningCertificate(V2) ::= SEQUENCE { certs SEQUENCE OF ESSCertID(v2) }; an ESSCertIDv2
+// leaves out its hash algorithm when it is SHA-256, the default.
+Bytes encode_signing_certificate(const TElCMSSigningCertificate& sc) {
+  Bytes ids;
+  for (const auto& id : sc.FCertIDs) {
+    Bytes c;
+    bool v2 = id.FSignerIdentifierType == TSBCMSSignerIdentifierType::sitESSCertIDV2;
+    if (!v2 && id.FHash.FHashValue.size() != 20) throw EElCMSError("Invalid hash value");
+    if (v2 && id.FHash.FHashAlgorithm != DigestAlgorithm::SHA256)
+      append(c, algorithm_identifier(crypto::digest_oid(id.FHash.FHashAlgorithm), {}));
+    append(c, asn1::tlv(asn1::kOctetString, id.FHash.FHashValue));
+    Bytes issuer_serial = id.FIssuer;
+    append(issuer_serial, asn1::tlv(asn1::kInteger, id.FSerialNumber));
+    append(c, asn1::tlv(asn1::kSequence, issuer_serial));
+    append(ids, asn1::tlv(asn1::kSequence, c));
+  }
+  return asn1::tlv(asn1::kSequence, asn1::tlv(asn1::kSequence, ids));
+}
+
+// The signed attributes the options ask for, replacing whatever the signer held: signing
+// time, content type, signing certificate, then the signer's own (DER sorts them).
+void build_signed_attributes(TElCMSSignature& s) {
+  auto& attrs = s.FPKCS7Signer.AuthenticatedAttributes;
+  attrs.clear();
+  const std::uint16_t options = s.FSigningOptions;
+  if (options & csoInsertSigningTime)
+    attrs.push_back(
+        {cms_oid::kSigningTime,
+         {encode_signing_time(s.FSigningTime, (options & csoUseGeneralizedTimeFormat) != 0)}});
+  if (options & csoInsertContentType)
+    attrs.push_back(
+        {cms_oid::kContentType,
+         {asn1::tlv(asn1::kObjectIdentifier,
+                    s.FContentType.empty() ? oid_content(cms_oid::kData) : s.FContentType)}});
+  TElCMSSigningCertificate& sc = s.FSigningCertificate;
+  if (sc.FIncluded &&
+      sc.FSigningCertificateType != TSBCMSSigningCertificateType::sctOtherSigningCertificate) {
+    sc.FValue = encode_signing_certificate(sc);
+    bool v2 =
+        sc.FSigningCertificateType == TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
+    attrs.push_back(
+        {v2 ? cms_oid::kSigningCertificateV2 : cms_oid::kSigningCertificate, {sc.FValue}});
+  }
+  for (const auto& a : s.FCustomSignedAttributes)
+    attrs.push_back(a);
+  s.FPKCS7Signer.RecalculateAuthenticatedAttributes();
+}
+
+// What the key signs: with signed attributes, the digest of their DER encoding, the
+// content's digest among them (replacing a messageDigest the signer brought); without,
+// the content's digest itself.
+Bytes encode_signed_attributes(TElCMSSignature& s, const Bytes& content_digest,
+                               DigestAlgorithm digest_alg) {
+  auto& attrs = s.FPKCS7Signer.AuthenticatedAttributes;
+  if (attrs.empty() && !(s.FSigningOptions & csoInsertMessageDigests)) return content_digest;
+  TElPKCS7Attribute md{cms_oid::kMessageDigest, {asn1::tlv(asn1::kOctetString, content_digest)}};
+  auto existing = std::find_if(attrs.begin(), attrs.end(),
+                               [](const auto& a) { return a.oid == cms_oid::kMessageDigest; });
+  if (existing != attrs.end())
+    *existing = md;
+  else
+    attrs.push_back(md);
+  s.FPKCS7Signer.RecalculateAuthenticatedAttributes();
+  return crypto::digest(digest_alg, s.FPKCS7Signer.AuthenticatedAttributesPlain);
+}
+
+// Keys of kinds this signer does not write, and DSA keys with another hash than their size
+// calls for, are refused.
+void check_key(const SigningKey& key, DigestAlgorithm digest_alg) {
+  KeyKind kind = key.kind();
+  if (kind == KeyKind::Dsa) {
+    DigestAlgorithm dsa_hash = key.bits() <= 1024 ? DigestAlgorithm::SHA1 : DigestAlgorithm::SHA256;
+    if (digest_alg != dsa_hash) throw EElCMSError("Invalid hash algorithm");
+  }
+  if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss && kind != KeyKind::Ec &&
+      kind != KeyKind::Dsa)
+    throw EElCMSError("Unsupported algorithm: " + std::to_string(static_cast<int>(kind)));
+}
+
+// An RSA-PSS key (its certificate says id-RSASSA-PSS) signs only with PSS, with the
+// parameters its certificate fixes; an RSA key does when asked to. Without parameters:
+// MGF1 with the digest algorithm and a salt as long as the digest.
+void sign_pss(TElPKCS7Signer& signer, const Certificate& cert, const SigningKey& key, KeyKind kind,
+              DigestAlgorithm digest_alg, const Bytes& to_sign) {
+  DigestAlgorithm hash = digest_alg, mgf = digest_alg;
+  int salt = static_cast<int>(crypto::digest_size(digest_alg));
+  if (kind == KeyKind::RsaPss) {
+    Parsed spki(cert.public_key_der());
+    const BerNode& alg = spki.root.children.at(0);
+    if (alg.children.size() > 1 && !alg.children[1].is_universal(asn1::kNull)) {
+      if (!ReadPssParams(asn1::ElementBytes(spki.src, alg.children[1]), hash, mgf, salt))
+        throw EElCMSError("Invalid RSASSA-PSS parameters in the certificate");
+      if (hash != digest_alg) throw EElCMSError("Invalid hash algorithm");
+    }
+  }
+  signer.EncryptedDigest = key.sign_digest_pss(digest_alg, to_sign, mgf, salt);
+  signer.DigestEncryptionAlgorithm = cms_oid::kRsaPss;
+  signer.DigestEncryptionAlgorithmParams = EncodePssParams(hash, mgf, salt);
+}
+
+// ecdsa-with-SHA* of the digest algorithm; empty when there is none.
+std::string ecdsa_signature_oid(DigestAlgorithm digest_alg) {
+  static const std::pair<DigestAlgorithm, const char*> kEcdsa[] = {
+      {DigestAlgorithm::SHA1, "1.2.840.10045.4.1"},
+      {DigestAlgorithm::SHA224, "1.2.840.10045.4.3.1"},
+      {DigestAlgorithm::SHA256, "1.2.840.10045.4.3.2"},
+      {DigestAlgorithm::SHA384, "1.2.840.10045.4.3.3"},
+      {DigestAlgorithm::SHA512, "1.2.840.10045.4.3.4"}};
+  for (const auto& [d, o] : kEcdsa)
+    if (d == digest_alg) return o;
+  return "";
+}
+
+// PKCS#1 v1.5 for RSA keys, a DER Dss-Sig-Value for DSA and ECDSA keys.
+void sign_without_pss(TElPKCS7Signer& signer, const SigningKey& key, KeyKind kind,
+                      DigestAlgorithm digest_alg, const Bytes& to_sign) {
+  if (kind == KeyKind::Rsa) {
+    signer.EncryptedDigest = key.sign_digest(digest_alg, to_sign);
+    signer.DigestEncryptionAlgorithm = cms_oid::kRsaEncryption;
+    signer.DigestEncryptionAlgorithmParams = {asn1::kNull, 0x00};
+  } else if (kind == KeyKind::Dsa) {
+    signer.EncryptedDigest = key.sign_digest(digest_alg, to_sign);
+    signer.DigestEncryptionAlgorithm = cms_oid::kDsa;
+    signer.DigestEncryptionAlgorithmParams.clear();
+  } else {
+    signer.DigestEncryptionAlgorithm = ecdsa_signature_oid(digest_alg);
+    if (signer.DigestEncryptionAlgorithm.empty()) throw EElCMSError("Invalid hash algorithm");
+    signer.DigestEncryptionAlgorithmParams.clear();
+    signer.EncryptedDigest = key.sign_digest(digest_alg, to_sign);
+  }
+}
+
+// The signer named by issuer and serial number (SignerInfo version 1).
+void set_signer_identifier(TElPKCS7Signer& signer, const Certificate& cert) {
+  signer.Version = 1;
+  signer.SubjectKeyIdentifier.clear();
+  signer.SerialNumber = cert.serial();
+  signer.Issuer = cert.issuer_der();
+}
+
+}  // namespace
+
 void TElCMSSignature::Sign(const Certificate& cert, const SigningKey* key,
                            const std::vector<Certificate>& chain) {
   Bytes to_sign = PrepareSign(cert, key, chain);
@@ -352,111 +538,19 @@ Bytes TElCMSSignature::PrepareSign(const Certificate& cert, const SigningKey* ke
   if (!key) throw EElCMSError("Private key not found");
   TElSignedCMSMessage* message = FSubject;
   if (!message) throw EElCMSError("The signature belongs to no message");
-
-  if (FSigningOptions & csoIncludeCertToMessage) {
-    auto add = [&](const Certificate& c) {
-      if (std::find(message->FCertificates.begin(), message->FCertificates.end(), c.der()) ==
-          message->FCertificates.end())
-        message->FCertificates.push_back(c.der());
-    };
-    add(cert);
-    for (const auto& c : chain)
-      add(c);
-  }
-
-  if (FSigningOptions & csoIncludeCertToAttributes) {
-    FSigningCertificate.Clear();
-    TElCMSSignerIdentifier id;
-    id.FSerialNumber = cert.serial();
-    id.FHash.FHashAlgorithm = FFingerprintAlgorithm;
-    if (FFingerprintAlgorithm == DigestAlgorithm::SHA1) {
-      id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertID;
-      FSigningCertificate.FSigningCertificateType =
-          TSBCMSSigningCertificateType::sctESSSigningCertificate;
-    } else if (FSigningOptions & csoForceSigningCertificateV2Usage) {
-      id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertIDV2;
-      FSigningCertificate.FSigningCertificateType =
-          TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
-    } else {
-      id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitOtherCertID;
-      FSigningCertificate.FSigningCertificateType =
-          TSBCMSSigningCertificateType::sctOtherSigningCertificate;
-    }
-    id.FHash.FHashValue = cert.fingerprint(FFingerprintAlgorithm);
-    // GeneralNames holding one directoryName: [4] EXPLICIT Name.
-    id.FIssuer =
-        asn1::tlv(asn1::kSequence, asn1::tlv(asn1::context_constructed(4), cert.issuer_der()));
-    FSigningCertificate.FCertIDs.push_back(id);
-    FSigningCertificate.FIncluded = true;
-    FSigningCertificate.FSigned = true;
-  }
-
-  // Signed attributes, replacing whatever the signer held.
-  auto& attrs = FPKCS7Signer.AuthenticatedAttributes;
-  attrs.clear();
-  if (FSigningOptions & csoInsertSigningTime)
-    attrs.push_back({cms_oid::kSigningTime,
-                     {encode_signing_time(FSigningTime,
-                                          (FSigningOptions & csoUseGeneralizedTimeFormat) != 0)}});
-  if (FSigningOptions & csoInsertContentType)
-    attrs.push_back(
-        {cms_oid::kContentType,
-         {asn1::tlv(asn1::kObjectIdentifier,
-                    FContentType.empty() ? oid_content(cms_oid::kData) : FContentType)}});
-  if (FSigningCertificate.FIncluded &&
-      FSigningCertificate.FSigningCertificateType !=
-          TSBCMSSigningCertificateType::sctOtherSigningCertificate) {
-    Bytes ids;
-    for (const auto& id : FSigningCertificate.FCertIDs) {
-      Bytes c;
-      bool v2 = id.FSignerIdentifierType == TSBCMSSignerIdentifierType::sitESSCertIDV2;
-      if (!v2 && id.FHash.FHashValue.size() != 20) throw EElCMSError("Invalid hash value");
-      if (v2 && id.FHash.FHashAlgorithm != DigestAlgorithm::SHA256)
-        append(c, algorithm_identifier(crypto::digest_oid(id.FHash.FHashAlgorithm), {}));
-      append(c, asn1::tlv(asn1::kOctetString, id.FHash.FHashValue));
-      Bytes issuer_serial = id.FIssuer;
-      append(issuer_serial, asn1::tlv(asn1::kInteger, id.FSerialNumber));
-      append(c, asn1::tlv(asn1::kSequence, issuer_serial));
-      append(ids, asn1::tlv(asn1::kSequence, c));
-    }
-    FSigningCertificate.FValue = asn1::tlv(asn1::kSequence, asn1::tlv(asn1::kSequence, ids));
-    bool v2 = FSigningCertificate.FSigningCertificateType ==
-              TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
-    attrs.push_back({v2 ? cms_oid::kSigningCertificateV2 : cms_oid::kSigningCertificate,
-                     {FSigningCertificate.FValue}});
-  }
-  for (const auto& a : FCustomSignedAttributes)
-    attrs.push_back(a);
-  FPKCS7Signer.RecalculateAuthenticatedAttributes();
+  if (FSigningOptions & csoIncludeCertToMessage)
+    include_certificates(message->FCertificates, cert, chain);
+  if (FSigningOptions & csoIncludeCertToAttributes)
+    set_signing_certificate(FSigningCertificate, cert, FFingerprintAlgorithm, FSigningOptions);
+  build_signed_attributes(*this);
 
   DigestAlgorithm digest_alg = GetDigestAlgorithm();
   if (digest_alg == DigestAlgorithm::Unknown)
-    throw EElCMSError("Unsupported algorithm: " + std::to_string(0x7FFF));
+    throw EElCMSError("Unsupported algorithm: " + std::to_string(kUnknownAlgorithm));
   Bytes content_digest = DigestContent(message->FContent.get(), digest_alg, OnProgress);
-
-  Bytes to_sign = content_digest;
-  if (!attrs.empty() || (FSigningOptions & csoInsertMessageDigests)) {
-    TElPKCS7Attribute md{cms_oid::kMessageDigest, {asn1::tlv(asn1::kOctetString, content_digest)}};
-    auto existing = std::find_if(attrs.begin(), attrs.end(),
-                                 [](const auto& a) { return a.oid == cms_oid::kMessageDigest; });
-    if (existing != attrs.end())
-      *existing = md;
-    else
-      attrs.push_back(md);
-    FPKCS7Signer.RecalculateAuthenticatedAttributes();
-    to_sign = crypto::digest(digest_alg, FPKCS7Signer.AuthenticatedAttributesPlain);
-  }
+  Bytes to_sign = encode_signed_attributes(*this, content_digest, digest_alg);
   FMessageDigest = content_digest;
-
-  KeyKind kind = key->kind();
-  if (kind == KeyKind::Dsa) {
-    DigestAlgorithm dsa_hash =
-        key->bits() <= 1024 ? DigestAlgorithm::SHA1 : DigestAlgorithm::SHA256;
-    if (digest_alg != dsa_hash) throw EElCMSError("Invalid hash algorithm");
-  }
-  if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss && kind != KeyKind::Ec &&
-      kind != KeyKind::Dsa)
-    throw EElCMSError("Unsupported algorithm: " + std::to_string(static_cast<int>(kind)));
+  check_key(*key, digest_alg);
   return to_sign;
 }
 
@@ -465,51 +559,11 @@ void TElCMSSignature::CompleteSign(const Certificate& cert, const SigningKey* ke
   if (!key) throw EElCMSError("Private key not found");
   DigestAlgorithm digest_alg = GetDigestAlgorithm();
   KeyKind kind = key->kind();
-
-  // An RSA-PSS key (its certificate says id-RSASSA-PSS) signs only with PSS, with the
-  // parameters its certificate fixes; an RSA key does when asked to. Without parameters:
-  // MGF1 with the digest algorithm and a salt as long as the digest.
-  if (kind == KeyKind::RsaPss || (FUsePSS && kind == KeyKind::Rsa)) {
-    DigestAlgorithm hash = digest_alg, mgf = digest_alg;
-    int salt = static_cast<int>(crypto::digest_size(digest_alg));
-    if (kind == KeyKind::RsaPss) {
-      Parsed spki(cert.public_key_der());
-      const BerNode& alg = spki.root.children.at(0);
-      if (alg.children.size() > 1 && !alg.children[1].is_universal(asn1::kNull)) {
-        if (!ReadPssParams(asn1::ElementBytes(spki.src, alg.children[1]), hash, mgf, salt))
-          throw EElCMSError("Invalid RSASSA-PSS parameters in the certificate");
-        if (hash != digest_alg) throw EElCMSError("Invalid hash algorithm");
-      }
-    }
-    FPKCS7Signer.EncryptedDigest = key->sign_digest_pss(digest_alg, to_sign, mgf, salt);
-    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kRsaPss;
-    FPKCS7Signer.DigestEncryptionAlgorithmParams = EncodePssParams(hash, mgf, salt);
-  } else if (kind == KeyKind::Rsa) {
-    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kRsaEncryption;
-    FPKCS7Signer.DigestEncryptionAlgorithmParams = {asn1::kNull, 0x00};
-  } else if (kind == KeyKind::Dsa) {
-    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kDsa;
-    FPKCS7Signer.DigestEncryptionAlgorithmParams.clear();
-  } else {
-    static const std::pair<DigestAlgorithm, const char*> kEcdsa[] = {
-        {DigestAlgorithm::SHA1, "1.2.840.10045.4.1"},
-        {DigestAlgorithm::SHA224, "1.2.840.10045.4.3.1"},
-        {DigestAlgorithm::SHA256, "1.2.840.10045.4.3.2"},
-        {DigestAlgorithm::SHA384, "1.2.840.10045.4.3.3"},
-        {DigestAlgorithm::SHA512, "1.2.840.10045.4.3.4"}};
-    FPKCS7Signer.DigestEncryptionAlgorithm.clear();
-    for (const auto& [d, o] : kEcdsa)
-      if (d == digest_alg) FPKCS7Signer.DigestEncryptionAlgorithm = o;
-    if (FPKCS7Signer.DigestEncryptionAlgorithm.empty()) throw EElCMSError("Invalid hash algorithm");
-    FPKCS7Signer.DigestEncryptionAlgorithmParams.clear();
-    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-  }
-  FPKCS7Signer.Version = 1;
-  FPKCS7Signer.SubjectKeyIdentifier.clear();
-  FPKCS7Signer.SerialNumber = cert.serial();
-  FPKCS7Signer.Issuer = cert.issuer_der();
+  if (kind == KeyKind::RsaPss || (FUsePSS && kind == KeyKind::Rsa))
+    sign_pss(FPKCS7Signer, cert, *key, kind, digest_alg, to_sign);
+  else
+    sign_without_pss(FPKCS7Signer, *key, kind, digest_alg, to_sign);
+  set_signer_identifier(FPKCS7Signer, cert);
   FState = TSBCMSSignatureState::cssSigned;
 }
 
