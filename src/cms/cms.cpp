@@ -753,6 +753,32 @@ void TElSignedCMSMessage::SaveToFile(int out_fd, const std::string& out_name) {
   SaveParts(write_all, copy_range);
 }
 
+namespace {
+
+// The content's pieces in order: memory as it is, streams copied inside the kernel when
+// copy_range can, otherwise read through one buffer.
+void write_content(const TElCMSContent& content,
+                   const std::function<void(const std::uint8_t*, std::size_t)>& sink,
+                   const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range) {
+  Bytes buffer;
+  for (const auto& s : content.sources()) {
+    if (!s.stream) {
+      if (s.size) sink(s.memory, static_cast<std::size_t>(s.size));
+      continue;
+    }
+    if (copy_range && s.stream->fd() >= 0 && copy_range(s.stream->fd(), s.offset, s.size)) continue;
+    buffer.resize(1 << 20);
+    for (std::uint64_t at = 0; at < s.size;) {
+      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), s.size - at));
+      s.stream->read(s.offset + at, buffer.data(), n);
+      sink(buffer.data(), n);
+      at += n;
+    }
+  }
+}
+
+}  // namespace
+
 void TElSignedCMSMessage::SaveParts(
     const std::function<void(const std::uint8_t*, std::size_t)>& sink,
     const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range) {
@@ -811,25 +837,7 @@ void TElSignedCMSMessage::SaveParts(
     append(prefix, octet_header);
   }
   sink(prefix.data(), prefix.size());
-  if (with_content) {
-    Bytes buffer;
-    for (const auto& s : FContent->sources()) {
-      if (!s.stream) {
-        if (s.size) sink(s.memory, static_cast<std::size_t>(s.size));
-        continue;
-      }
-      if (copy_range && s.stream->fd() >= 0 && copy_range(s.stream->fd(), s.offset, s.size))
-        continue;
-      buffer.resize(1 << 20);
-      for (std::uint64_t at = 0; at < s.size;) {
-        std::size_t n =
-            static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), s.size - at));
-        s.stream->read(s.offset + at, buffer.data(), n);
-        sink(buffer.data(), n);
-        at += n;
-      }
-    }
-  }
+  if (with_content) write_content(*FContent, sink, copy_range);
   Bytes suffix = certs_der;
   append(suffix, signers_der);
   sink(suffix.data(), suffix.size());
