@@ -69,10 +69,7 @@ void configure(TElCMSSignature* s, DateTime signing_time, bool pades) {
   s->SetDigestAlgorithm(DigestAlgorithm::SHA256);
   s->FUsePSS = false;
   // PAdES baseline: the time lives in the signature dictionary (/M), never in the CMS value.
-  s->FSigningOptions =
-      pades ? (csoInsertMessageDigests | csoInsertContentType | csoIncludeCertToMessage |
-               csoIncludeCertToAttributes | csoForceSigningCertificateV2Usage)
-            : 0x00BF;
+  s->FSigningOptions = pades ? kPadesSigningOptions : kCadesBesSigningOptions;
   s->FSigningTime = signing_time;
   s->FContentType.clear();
 }

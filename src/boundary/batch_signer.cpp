@@ -108,7 +108,7 @@ void SetBatchSignerSettings(TElCMSSignature& sig) {
   sig.FFingerprintAlgorithm = DigestAlgorithm::SHA256;
   sig.SetDigestAlgorithm(DigestAlgorithm::SHA256);
   sig.FUsePSS = false;
-  sig.FSigningOptions = 0x00BF;
+  sig.FSigningOptions = kCadesBesSigningOptions;
   sig.FSigningTime = UTCNow();
   sig.FContentType = asn1::encode_oid(cms_oid::kData);
 }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/asn1/ber_reader.h"
 #include "platform/asn1/der.h"
 #include "platform/crypto/digest.h"
 #include "platform/runtime/datetime.h"
@@ -66,25 +67,13 @@ Bytes encode_signing_time(DateTime t, bool generalized) {
                    reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
 }
 
-const BerNode& child(const BerNode& n, std::size_t i, const char* what) {
-  if (!n.constructed || i >= n.children.size())
-    throw asn1::BerError(asn1::kBerUnexpected, n.offset, std::string("missing ") + what);
-  return n.children[i];
-}
-
-void expect(const BerNode& n, std::uint8_t cls, std::uint32_t number, bool constructed,
-            const char* what) {
-  if (n.tag_class != cls || n.tag_number != number || n.constructed != constructed)
-    throw asn1::BerError(asn1::kBerUnexpected, n.offset, std::string(what) + " expected");
-}
-
+// Attribute ::= SEQUENCE { attrType OBJECT IDENTIFIER, attrValues SET OF ANY }
 TElPKCS7Attribute read_attribute(const ByteSource& src, const BerNode& n) {
-  expect(n, 0, 16, true, "an Attribute SEQUENCE");
+  asn1::BerReader attribute(src, n, asn1::kSequence, "an Attribute SEQUENCE");
   TElPKCS7Attribute a;
-  a.oid = asn1::ReadOid(src, child(n, 0, "attribute type"));
-  const BerNode& set = child(n, 1, "attribute values");
-  expect(set, 0, 17, true, "a SET of attribute values");
-  for (const auto& v : set.children) {
+  a.oid = attribute.read_oid("attribute type");
+  asn1::BerReader values = attribute.start_set("attribute values", "a SET of attribute values");
+  for (const auto& v : values.node().children) {
     if (v.total_length() > (16u << 20))
       throw asn1::BerError(asn1::kBerUnexpected, v.offset, "attribute value too large");
     a.values.push_back(asn1::ElementBytes(src, v));
@@ -293,7 +282,7 @@ bool ReadPssParams(const Bytes& params, DigestAlgorithm& hash, DigestAlgorithm& 
   if (params.empty()) return true;
   try {
     Parsed p(params);
-    if (!p.root.is_universal(16)) return p.root.is_universal(asn1::kNull);
+    if (!p.root.is_universal(asn1::kTagSequence)) return p.root.is_universal(asn1::kNull);
     for (const auto& f : p.root.children) {
       if (!f.is_context(0) && !f.is_context(1) && !f.is_context(2) && !f.is_context(3))
         return false;
@@ -352,6 +341,192 @@ DigestAlgorithm TElCMSSignature::GetDigestAlgorithm() const {
   return DigestAlgorithmOfOid(FPKCS7Signer.DigestAlgorithm);
 }
 
+namespace {
+
+// The algorithm code an error names when the digest OID maps to no hash.
+constexpr int kUnknownAlgorithm = 0x7FFF;
+
+// The signer's certificate and its chain join the message's certificates, each once.
+void include_certificates(std::vector<Bytes>& certificates, const Certificate& cert,
+                          const std::vector<Certificate>& chain) {
+  auto add = [&](const Certificate& c) {
+    if (std::find(certificates.begin(), certificates.end(), c.der()) == certificates.end())
+      certificates.push_back(c.der());
+  };
+  add(cert);
+  for (const auto& c : chain)
+    add(c);
+}
+
+// The signing-certificate property naming cert: ESS for a SHA-1 fingerprint, ESS v2 when
+// the options force it, the other-signing-certificate form otherwise.
+void set_signing_certificate(TElCMSSigningCertificate& sc, const Certificate& cert,
+                             DigestAlgorithm fingerprint, std::uint16_t options) {
+  sc.Clear();
+  TElCMSSignerIdentifier id;
+  id.FSerialNumber = cert.serial();
+  id.FHash.FHashAlgorithm = fingerprint;
+  if (fingerprint == DigestAlgorithm::SHA1) {
+    id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertID;
+    sc.FSigningCertificateType = TSBCMSSigningCertificateType::sctESSSigningCertificate;
+  } else if (options & csoForceSigningCertificateV2Usage) {
+    id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertIDV2;
+    sc.FSigningCertificateType = TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
+  } else {
+    id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitOtherCertID;
+    sc.FSigningCertificateType = TSBCMSSigningCertificateType::sctOtherSigningCertificate;
+  }
+  id.FHash.FHashValue = cert.fingerprint(fingerprint);
+  // GeneralNames holding one directoryName: [4] EXPLICIT Name.
+  id.FIssuer =
+      asn1::tlv(asn1::kSequence, asn1::tlv(asn1::context_constructed(4), cert.issuer_der()));
+  sc.FCertIDs.push_back(id);
+  sc.FIncluded = true;
+  sc.FSigned = true;
+}
+
+// SigningCertificate(V2) ::= SEQUENCE { certs SEQUENCE OF ESSCertID(v2) }; an ESSCertIDv2
+// leaves out its hash algorithm when it is SHA-256, the default.
+Bytes encode_signing_certificate(const TElCMSSigningCertificate& sc) {
+  Bytes ids;
+  for (const auto& id : sc.FCertIDs) {
+    Bytes c;
+    bool v2 = id.FSignerIdentifierType == TSBCMSSignerIdentifierType::sitESSCertIDV2;
+    if (!v2 && id.FHash.FHashValue.size() != 20) throw EElCMSError("Invalid hash value");
+    if (v2 && id.FHash.FHashAlgorithm != DigestAlgorithm::SHA256)
+      append(c, algorithm_identifier(crypto::digest_oid(id.FHash.FHashAlgorithm), {}));
+    append(c, asn1::tlv(asn1::kOctetString, id.FHash.FHashValue));
+    Bytes issuer_serial = id.FIssuer;
+    append(issuer_serial, asn1::tlv(asn1::kInteger, id.FSerialNumber));
+    append(c, asn1::tlv(asn1::kSequence, issuer_serial));
+    append(ids, asn1::tlv(asn1::kSequence, c));
+  }
+  return asn1::tlv(asn1::kSequence, asn1::tlv(asn1::kSequence, ids));
+}
+
+// The signed attributes the options ask for, replacing whatever the signer held: signing
+// time, content type, signing certificate, then the signer's own (DER sorts them).
+void build_signed_attributes(TElCMSSignature& s) {
+  auto& attrs = s.FPKCS7Signer.AuthenticatedAttributes;
+  attrs.clear();
+  const std::uint16_t options = s.FSigningOptions;
+  if (options & csoInsertSigningTime)
+    attrs.push_back(
+        {cms_oid::kSigningTime,
+         {encode_signing_time(s.FSigningTime, (options & csoUseGeneralizedTimeFormat) != 0)}});
+  if (options & csoInsertContentType)
+    attrs.push_back(
+        {cms_oid::kContentType,
+         {asn1::tlv(asn1::kObjectIdentifier,
+                    s.FContentType.empty() ? oid_content(cms_oid::kData) : s.FContentType)}});
+  TElCMSSigningCertificate& sc = s.FSigningCertificate;
+  if (sc.FIncluded &&
+      sc.FSigningCertificateType != TSBCMSSigningCertificateType::sctOtherSigningCertificate) {
+    sc.FValue = encode_signing_certificate(sc);
+    bool v2 =
+        sc.FSigningCertificateType == TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
+    attrs.push_back(
+        {v2 ? cms_oid::kSigningCertificateV2 : cms_oid::kSigningCertificate, {sc.FValue}});
+  }
+  for (const auto& a : s.FCustomSignedAttributes)
+    attrs.push_back(a);
+  s.FPKCS7Signer.RecalculateAuthenticatedAttributes();
+}
+
+// What the key signs: with signed attributes, the digest of their DER encoding, the
+// content's digest among them (replacing a messageDigest the signer brought); without,
+// the content's digest itself.
+Bytes encode_signed_attributes(TElCMSSignature& s, const Bytes& content_digest,
+                               DigestAlgorithm digest_alg) {
+  auto& attrs = s.FPKCS7Signer.AuthenticatedAttributes;
+  if (attrs.empty() && !(s.FSigningOptions & csoInsertMessageDigests)) return content_digest;
+  TElPKCS7Attribute md{cms_oid::kMessageDigest, {asn1::tlv(asn1::kOctetString, content_digest)}};
+  auto existing = std::find_if(attrs.begin(), attrs.end(),
+                               [](const auto& a) { return a.oid == cms_oid::kMessageDigest; });
+  if (existing != attrs.end())
+    *existing = md;
+  else
+    attrs.push_back(md);
+  s.FPKCS7Signer.RecalculateAuthenticatedAttributes();
+  return crypto::digest(digest_alg, s.FPKCS7Signer.AuthenticatedAttributesPlain);
+}
+
+// Keys of kinds this signer does not write, and DSA keys with another hash than their size
+// calls for, are refused.
+void check_key(const SigningKey& key, DigestAlgorithm digest_alg) {
+  KeyKind kind = key.kind();
+  if (kind == KeyKind::Dsa) {
+    DigestAlgorithm dsa_hash = key.bits() <= 1024 ? DigestAlgorithm::SHA1 : DigestAlgorithm::SHA256;
+    if (digest_alg != dsa_hash) throw EElCMSError("Invalid hash algorithm");
+  }
+  if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss && kind != KeyKind::Ec &&
+      kind != KeyKind::Dsa)
+    throw EElCMSError("Unsupported algorithm: " + std::to_string(static_cast<int>(kind)));
+}
+
+// An RSA-PSS key (its certificate says id-RSASSA-PSS) signs only with PSS, with the
+// parameters its certificate fixes; an RSA key does when asked to. Without parameters:
+// MGF1 with the digest algorithm and a salt as long as the digest.
+void sign_pss(TElPKCS7Signer& signer, const Certificate& cert, const SigningKey& key, KeyKind kind,
+              DigestAlgorithm digest_alg, const Bytes& to_sign) {
+  DigestAlgorithm hash = digest_alg, mgf = digest_alg;
+  int salt = static_cast<int>(crypto::digest_size(digest_alg));
+  if (kind == KeyKind::RsaPss) {
+    Parsed spki(cert.public_key_der());
+    const BerNode& alg = spki.root.children.at(0);
+    if (alg.children.size() > 1 && !alg.children[1].is_universal(asn1::kNull)) {
+      if (!ReadPssParams(asn1::ElementBytes(spki.src, alg.children[1]), hash, mgf, salt))
+        throw EElCMSError("Invalid RSASSA-PSS parameters in the certificate");
+      if (hash != digest_alg) throw EElCMSError("Invalid hash algorithm");
+    }
+  }
+  signer.EncryptedDigest = key.sign_digest_pss(digest_alg, to_sign, mgf, salt);
+  signer.DigestEncryptionAlgorithm = cms_oid::kRsaPss;
+  signer.DigestEncryptionAlgorithmParams = EncodePssParams(hash, mgf, salt);
+}
+
+// ecdsa-with-SHA* of the digest algorithm; empty when there is none.
+std::string ecdsa_signature_oid(DigestAlgorithm digest_alg) {
+  static const std::pair<DigestAlgorithm, const char*> kEcdsa[] = {
+      {DigestAlgorithm::SHA1, "1.2.840.10045.4.1"},
+      {DigestAlgorithm::SHA224, "1.2.840.10045.4.3.1"},
+      {DigestAlgorithm::SHA256, "1.2.840.10045.4.3.2"},
+      {DigestAlgorithm::SHA384, "1.2.840.10045.4.3.3"},
+      {DigestAlgorithm::SHA512, "1.2.840.10045.4.3.4"}};
+  for (const auto& [d, o] : kEcdsa)
+    if (d == digest_alg) return o;
+  return "";
+}
+
+// PKCS#1 v1.5 for RSA keys, a DER Dss-Sig-Value for DSA and ECDSA keys.
+void sign_without_pss(TElPKCS7Signer& signer, const SigningKey& key, KeyKind kind,
+                      DigestAlgorithm digest_alg, const Bytes& to_sign) {
+  if (kind == KeyKind::Rsa) {
+    signer.EncryptedDigest = key.sign_digest(digest_alg, to_sign);
+    signer.DigestEncryptionAlgorithm = cms_oid::kRsaEncryption;
+    signer.DigestEncryptionAlgorithmParams = {asn1::kNull, 0x00};
+  } else if (kind == KeyKind::Dsa) {
+    signer.EncryptedDigest = key.sign_digest(digest_alg, to_sign);
+    signer.DigestEncryptionAlgorithm = cms_oid::kDsa;
+    signer.DigestEncryptionAlgorithmParams.clear();
+  } else {
+    signer.DigestEncryptionAlgorithm = ecdsa_signature_oid(digest_alg);
+    if (signer.DigestEncryptionAlgorithm.empty()) throw EElCMSError("Invalid hash algorithm");
+    signer.DigestEncryptionAlgorithmParams.clear();
+    signer.EncryptedDigest = key.sign_digest(digest_alg, to_sign);
+  }
+}
+
+// The signer named by issuer and serial number (SignerInfo version 1).
+void set_signer_identifier(TElPKCS7Signer& signer, const Certificate& cert) {
+  signer.Version = 1;
+  signer.SubjectKeyIdentifier.clear();
+  signer.SerialNumber = cert.serial();
+  signer.Issuer = cert.issuer_der();
+}
+
+}  // namespace
+
 void TElCMSSignature::Sign(const Certificate& cert, const SigningKey* key,
                            const std::vector<Certificate>& chain) {
   Bytes to_sign = PrepareSign(cert, key, chain);
@@ -363,111 +538,19 @@ Bytes TElCMSSignature::PrepareSign(const Certificate& cert, const SigningKey* ke
   if (!key) throw EElCMSError("Private key not found");
   TElSignedCMSMessage* message = FSubject;
   if (!message) throw EElCMSError("The signature belongs to no message");
-
-  if (FSigningOptions & csoIncludeCertToMessage) {
-    auto add = [&](const Certificate& c) {
-      if (std::find(message->FCertificates.begin(), message->FCertificates.end(), c.der()) ==
-          message->FCertificates.end())
-        message->FCertificates.push_back(c.der());
-    };
-    add(cert);
-    for (const auto& c : chain)
-      add(c);
-  }
-
-  if (FSigningOptions & csoIncludeCertToAttributes) {
-    FSigningCertificate.Clear();
-    TElCMSSignerIdentifier id;
-    id.FSerialNumber = cert.serial();
-    id.FHash.FHashAlgorithm = FFingerprintAlgorithm;
-    if (FFingerprintAlgorithm == DigestAlgorithm::SHA1) {
-      id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertID;
-      FSigningCertificate.FSigningCertificateType =
-          TSBCMSSigningCertificateType::sctESSSigningCertificate;
-    } else if (FSigningOptions & csoForceSigningCertificateV2Usage) {
-      id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitESSCertIDV2;
-      FSigningCertificate.FSigningCertificateType =
-          TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
-    } else {
-      id.FSignerIdentifierType = TSBCMSSignerIdentifierType::sitOtherCertID;
-      FSigningCertificate.FSigningCertificateType =
-          TSBCMSSigningCertificateType::sctOtherSigningCertificate;
-    }
-    id.FHash.FHashValue = cert.fingerprint(FFingerprintAlgorithm);
-    // GeneralNames holding one directoryName: [4] EXPLICIT Name.
-    id.FIssuer =
-        asn1::tlv(asn1::kSequence, asn1::tlv(asn1::context_constructed(4), cert.issuer_der()));
-    FSigningCertificate.FCertIDs.push_back(id);
-    FSigningCertificate.FIncluded = true;
-    FSigningCertificate.FSigned = true;
-  }
-
-  // Signed attributes, replacing whatever the signer held.
-  auto& attrs = FPKCS7Signer.AuthenticatedAttributes;
-  attrs.clear();
-  if (FSigningOptions & csoInsertSigningTime)
-    attrs.push_back({cms_oid::kSigningTime,
-                     {encode_signing_time(FSigningTime,
-                                          (FSigningOptions & csoUseGeneralizedTimeFormat) != 0)}});
-  if (FSigningOptions & csoInsertContentType)
-    attrs.push_back(
-        {cms_oid::kContentType,
-         {asn1::tlv(asn1::kObjectIdentifier,
-                    FContentType.empty() ? oid_content(cms_oid::kData) : FContentType)}});
-  if (FSigningCertificate.FIncluded &&
-      FSigningCertificate.FSigningCertificateType !=
-          TSBCMSSigningCertificateType::sctOtherSigningCertificate) {
-    Bytes ids;
-    for (const auto& id : FSigningCertificate.FCertIDs) {
-      Bytes c;
-      bool v2 = id.FSignerIdentifierType == TSBCMSSignerIdentifierType::sitESSCertIDV2;
-      if (!v2 && id.FHash.FHashValue.size() != 20) throw EElCMSError("Invalid hash value");
-      if (v2 && id.FHash.FHashAlgorithm != DigestAlgorithm::SHA256)
-        append(c, algorithm_identifier(crypto::digest_oid(id.FHash.FHashAlgorithm), {}));
-      append(c, asn1::tlv(asn1::kOctetString, id.FHash.FHashValue));
-      Bytes issuer_serial = id.FIssuer;
-      append(issuer_serial, asn1::tlv(asn1::kInteger, id.FSerialNumber));
-      append(c, asn1::tlv(asn1::kSequence, issuer_serial));
-      append(ids, asn1::tlv(asn1::kSequence, c));
-    }
-    FSigningCertificate.FValue = asn1::tlv(asn1::kSequence, asn1::tlv(asn1::kSequence, ids));
-    bool v2 = FSigningCertificate.FSigningCertificateType ==
-              TSBCMSSigningCertificateType::sctESSSigningCertificateV2;
-    attrs.push_back({v2 ? cms_oid::kSigningCertificateV2 : cms_oid::kSigningCertificate,
-                     {FSigningCertificate.FValue}});
-  }
-  for (const auto& a : FCustomSignedAttributes)
-    attrs.push_back(a);
-  FPKCS7Signer.RecalculateAuthenticatedAttributes();
+  if (FSigningOptions & csoIncludeCertToMessage)
+    include_certificates(message->FCertificates, cert, chain);
+  if (FSigningOptions & csoIncludeCertToAttributes)
+    set_signing_certificate(FSigningCertificate, cert, FFingerprintAlgorithm, FSigningOptions);
+  build_signed_attributes(*this);
 
   DigestAlgorithm digest_alg = GetDigestAlgorithm();
   if (digest_alg == DigestAlgorithm::Unknown)
-    throw EElCMSError("Unsupported algorithm: " + std::to_string(0x7FFF));
+    throw EElCMSError("Unsupported algorithm: " + std::to_string(kUnknownAlgorithm));
   Bytes content_digest = DigestContent(message->FContent.get(), digest_alg, OnProgress);
-
-  Bytes to_sign = content_digest;
-  if (!attrs.empty() || (FSigningOptions & csoInsertMessageDigests)) {
-    TElPKCS7Attribute md{cms_oid::kMessageDigest, {asn1::tlv(asn1::kOctetString, content_digest)}};
-    auto existing = std::find_if(attrs.begin(), attrs.end(),
-                                 [](const auto& a) { return a.oid == cms_oid::kMessageDigest; });
-    if (existing != attrs.end())
-      *existing = md;
-    else
-      attrs.push_back(md);
-    FPKCS7Signer.RecalculateAuthenticatedAttributes();
-    to_sign = crypto::digest(digest_alg, FPKCS7Signer.AuthenticatedAttributesPlain);
-  }
+  Bytes to_sign = encode_signed_attributes(*this, content_digest, digest_alg);
   FMessageDigest = content_digest;
-
-  KeyKind kind = key->kind();
-  if (kind == KeyKind::Dsa) {
-    DigestAlgorithm dsa_hash =
-        key->bits() <= 1024 ? DigestAlgorithm::SHA1 : DigestAlgorithm::SHA256;
-    if (digest_alg != dsa_hash) throw EElCMSError("Invalid hash algorithm");
-  }
-  if (kind != KeyKind::Rsa && kind != KeyKind::RsaPss && kind != KeyKind::Ec &&
-      kind != KeyKind::Dsa)
-    throw EElCMSError("Unsupported algorithm: " + std::to_string(static_cast<int>(kind)));
+  check_key(*key, digest_alg);
   return to_sign;
 }
 
@@ -476,86 +559,47 @@ void TElCMSSignature::CompleteSign(const Certificate& cert, const SigningKey* ke
   if (!key) throw EElCMSError("Private key not found");
   DigestAlgorithm digest_alg = GetDigestAlgorithm();
   KeyKind kind = key->kind();
-
-  // An RSA-PSS key (its certificate says id-RSASSA-PSS) signs only with PSS, with the
-  // parameters its certificate fixes; an RSA key does when asked to. Without parameters:
-  // MGF1 with the digest algorithm and a salt as long as the digest.
-  if (kind == KeyKind::RsaPss || (FUsePSS && kind == KeyKind::Rsa)) {
-    DigestAlgorithm hash = digest_alg, mgf = digest_alg;
-    int salt = static_cast<int>(crypto::digest_size(digest_alg));
-    if (kind == KeyKind::RsaPss) {
-      Parsed spki(cert.public_key_der());
-      const BerNode& alg = spki.root.children.at(0);
-      if (alg.children.size() > 1 && !alg.children[1].is_universal(asn1::kNull)) {
-        if (!ReadPssParams(asn1::ElementBytes(spki.src, alg.children[1]), hash, mgf, salt))
-          throw EElCMSError("Invalid RSASSA-PSS parameters in the certificate");
-        if (hash != digest_alg) throw EElCMSError("Invalid hash algorithm");
-      }
-    }
-    FPKCS7Signer.EncryptedDigest = key->sign_digest_pss(digest_alg, to_sign, mgf, salt);
-    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kRsaPss;
-    FPKCS7Signer.DigestEncryptionAlgorithmParams = EncodePssParams(hash, mgf, salt);
-  } else if (kind == KeyKind::Rsa) {
-    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kRsaEncryption;
-    FPKCS7Signer.DigestEncryptionAlgorithmParams = {asn1::kNull, 0x00};
-  } else if (kind == KeyKind::Dsa) {
-    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-    FPKCS7Signer.DigestEncryptionAlgorithm = cms_oid::kDsa;
-    FPKCS7Signer.DigestEncryptionAlgorithmParams.clear();
-  } else {
-    static const std::pair<DigestAlgorithm, const char*> kEcdsa[] = {
-        {DigestAlgorithm::SHA1, "1.2.840.10045.4.1"},
-        {DigestAlgorithm::SHA224, "1.2.840.10045.4.3.1"},
-        {DigestAlgorithm::SHA256, "1.2.840.10045.4.3.2"},
-        {DigestAlgorithm::SHA384, "1.2.840.10045.4.3.3"},
-        {DigestAlgorithm::SHA512, "1.2.840.10045.4.3.4"}};
-    FPKCS7Signer.DigestEncryptionAlgorithm.clear();
-    for (const auto& [d, o] : kEcdsa)
-      if (d == digest_alg) FPKCS7Signer.DigestEncryptionAlgorithm = o;
-    if (FPKCS7Signer.DigestEncryptionAlgorithm.empty()) throw EElCMSError("Invalid hash algorithm");
-    FPKCS7Signer.DigestEncryptionAlgorithmParams.clear();
-    FPKCS7Signer.EncryptedDigest = key->sign_digest(digest_alg, to_sign);
-  }
-  FPKCS7Signer.Version = 1;
-  FPKCS7Signer.SubjectKeyIdentifier.clear();
-  FPKCS7Signer.SerialNumber = cert.serial();
-  FPKCS7Signer.Issuer = cert.issuer_der();
+  if (kind == KeyKind::RsaPss || (FUsePSS && kind == KeyKind::Rsa))
+    sign_pss(FPKCS7Signer, cert, *key, kind, digest_alg, to_sign);
+  else
+    sign_without_pss(FPKCS7Signer, *key, kind, digest_alg, to_sign);
+  set_signer_identifier(FPKCS7Signer, cert);
   FState = TSBCMSSignatureState::cssSigned;
 }
 
 namespace {
 
+// ESSCertID ::= SEQUENCE { certHash OCTET STRING, issuerSerial IssuerSerial OPTIONAL };
+// ESSCertIDv2 starts with an optional hashAlgorithm (SHA-256 when absent).
+TElCMSSignerIdentifier read_ess_cert_id(const ByteSource& src, const BerNode& n, bool v2) {
+  asn1::BerReader cert_id(src, n, asn1::kSequence, "ESSCertID");
+  TElCMSSignerIdentifier id;
+  id.FSignerIdentifierType =
+      v2 ? TSBCMSSignerIdentifierType::sitESSCertIDV2 : TSBCMSSignerIdentifierType::sitESSCertID;
+  id.FHash.FHashAlgorithm = v2 ? DigestAlgorithm::SHA256 : DigestAlgorithm::SHA1;
+  if (v2) {
+    if (const BerNode* alg = cert_id.read_optional(asn1::kSequence))
+      id.FHash.FHashAlgorithm =
+          crypto::digest_from_oid(asn1::BerReader(src, *alg).read_oid("hash algorithm"));
+  }
+  id.FHash.FHashValue =
+      asn1::ContentBytes(src, cert_id.next(asn1::kOctetString, "certHash", "certHash"));
+  if (cert_id.more()) {
+    asn1::BerReader issuer_serial = cert_id.start_sequence("IssuerSerial", "IssuerSerial");
+    id.FIssuer = asn1::ElementBytes(src, issuer_serial.next("issuer"));
+    id.FSerialNumber = asn1::ReadIntegerBytes(src, issuer_serial.next("serial"));
+  }
+  return id;
+}
+
+// SigningCertificate(V2) ::= SEQUENCE { certs SEQUENCE OF ESSCertID(v2), policies OPTIONAL }
 bool decode_signing_certificate(const Bytes& value, bool v2, TElCMSSigningCertificate& out) {
   try {
     Parsed p(value);
-    const BerNode& root = p.root;
-    expect(root, 0, 16, true, "SigningCertificate");
-    const BerNode& certs = child(root, 0, "certs");
-    expect(certs, 0, 16, true, "certs");
-    for (const auto& c : certs.children) {
-      expect(c, 0, 16, true, "ESSCertID");
-      TElCMSSignerIdentifier id;
-      id.FSignerIdentifierType = v2 ? TSBCMSSignerIdentifierType::sitESSCertIDV2
-                                    : TSBCMSSignerIdentifierType::sitESSCertID;
-      std::size_t i = 0;
-      id.FHash.FHashAlgorithm = v2 ? DigestAlgorithm::SHA256 : DigestAlgorithm::SHA1;
-      if (v2 && child(c, 0, "certHash").is_universal(16)) {
-        id.FHash.FHashAlgorithm = crypto::digest_from_oid(
-            asn1::ReadOid(p.src, child(c.children[0], 0, "hash algorithm")));
-        i = 1;
-      }
-      const BerNode& hash = child(c, i, "certHash");
-      expect(hash, 0, asn1::kOctetString, false, "certHash");
-      id.FHash.FHashValue = asn1::ContentBytes(p.src, hash);
-      if (i + 1 < c.children.size()) {
-        const BerNode& is = c.children[i + 1];
-        expect(is, 0, 16, true, "IssuerSerial");
-        id.FIssuer = asn1::ElementBytes(p.src, child(is, 0, "issuer"));
-        id.FSerialNumber = asn1::ReadIntegerBytes(p.src, child(is, 1, "serial"));
-      }
-      out.FCertIDs.push_back(id);
-    }
+    asn1::BerReader signing_certificate(p.src, p.root, asn1::kSequence, "SigningCertificate");
+    asn1::BerReader certs = signing_certificate.start_sequence("certs", "certs");
+    for (const auto& c : certs.node().children)
+      out.FCertIDs.push_back(read_ess_cert_id(p.src, c, v2));
     if (out.FCertIDs.empty()) return false;
     out.FValue = value;
     out.FSigningCertificateType = v2 ? TSBCMSSigningCertificateType::sctESSSigningCertificateV2
@@ -709,6 +753,32 @@ void TElSignedCMSMessage::SaveToFile(int out_fd, const std::string& out_name) {
   SaveParts(write_all, copy_range);
 }
 
+namespace {
+
+// The content's pieces in order: memory as it is, streams copied inside the kernel when
+// copy_range can, otherwise read through one buffer.
+void write_content(const TElCMSContent& content,
+                   const std::function<void(const std::uint8_t*, std::size_t)>& sink,
+                   const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range) {
+  Bytes buffer;
+  for (const auto& s : content.sources()) {
+    if (!s.stream) {
+      if (s.size) sink(s.memory, static_cast<std::size_t>(s.size));
+      continue;
+    }
+    if (copy_range && s.stream->fd() >= 0 && copy_range(s.stream->fd(), s.offset, s.size)) continue;
+    buffer.resize(1 << 20);
+    for (std::uint64_t at = 0; at < s.size;) {
+      std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), s.size - at));
+      s.stream->read(s.offset + at, buffer.data(), n);
+      sink(buffer.data(), n);
+      at += n;
+    }
+  }
+}
+
+}  // namespace
+
 void TElSignedCMSMessage::SaveParts(
     const std::function<void(const std::uint8_t*, std::size_t)>& sink,
     const std::function<bool(int, std::uint64_t, std::uint64_t)>& copy_range) {
@@ -767,25 +837,7 @@ void TElSignedCMSMessage::SaveParts(
     append(prefix, octet_header);
   }
   sink(prefix.data(), prefix.size());
-  if (with_content) {
-    Bytes buffer;
-    for (const auto& s : FContent->sources()) {
-      if (!s.stream) {
-        if (s.size) sink(s.memory, static_cast<std::size_t>(s.size));
-        continue;
-      }
-      if (copy_range && s.stream->fd() >= 0 && copy_range(s.stream->fd(), s.offset, s.size))
-        continue;
-      buffer.resize(1 << 20);
-      for (std::uint64_t at = 0; at < s.size;) {
-        std::size_t n =
-            static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), s.size - at));
-        s.stream->read(s.offset + at, buffer.data(), n);
-        sink(buffer.data(), n);
-        at += n;
-      }
-    }
-  }
+  if (with_content) write_content(*FContent, sink, copy_range);
   Bytes suffix = certs_der;
   append(suffix, signers_der);
   sink(suffix.data(), suffix.size());
@@ -803,13 +855,21 @@ std::string load_error_text(int code, const std::string& reason) {
   return "Failed to load CMS message, error " + std::to_string(code) + ": " + reason;
 }
 
+// ContentInfo ::= SEQUENCE { contentType OBJECT IDENTIFIER, content [0] EXPLICIT ANY }:
+// reads the type into type and leaves the reader at the content.
+asn1::BerReader read_content_type(const ByteSource& src, const BerNode& root, std::string& type) {
+  asn1::BerReader content_info(src, root, asn1::kSequence, "a ContentInfo SEQUENCE");
+  type = content_info.read_oid("content type");
+  return content_info;
+}
+
 // What the BER reader says about bytes that are no envelope, for the second line of the error.
 std::string parse_failure(const ByteSource& src) {
   try {
     if (src.size() == 0) return load_error_text(asn1::kBerTruncated, "the data is empty");
     BerNode root = asn1::ParseBer(src);
-    expect(root, 0, 16, true, "a ContentInfo SEQUENCE");
-    asn1::ReadOid(src, child(root, 0, "content type"));
+    std::string type;
+    read_content_type(src, root, type);
   } catch (const asn1::BerError& e) {
     return load_error_text(e.code(), e.what());
   } catch (const EInOutError& e) {
@@ -869,11 +929,13 @@ std::shared_ptr<const ByteSource> TElSignedCMSMessage::ContentSource() const {
   return std::make_shared<ContentView>(*FContent);
 }
 
-void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
-  Clear();
-  EnvelopeInput input;
+namespace {
+
+// The binary envelope under any text layers; input that is no envelope at all says what it
+// is, and the BER reader's view of it follows on the second line.
+EnvelopeInput unwrap(const std::shared_ptr<const ByteSource>& source) {
   try {
-    input = UnwrapEnvelopeInput(source);
+    return UnwrapEnvelopeInput(source);
   } catch (const NotAnEnvelope& e) {
     throw EElCMSError(e.sentence() + "\n" +
                       (e.detail().empty() ? parse_failure(*source)
@@ -881,140 +943,192 @@ void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
   } catch (const EInOutError& e) {
     throw EElCMSError(load_error_text(asn1::kBerTruncated, e.what()));
   }
-  FInputForm.wrappings = input.wrappings;
-  // Text that decoded to something that is no envelope says so first.
-  std::string first_line;
-  if (!input.wrappings.empty())
-    first_line = input.wrappings.front().rfind("PEM", 0) == 0
-                     ? "PEM text that does not decode to an envelope\n"
-                     : "Base64 text that does not decode to an envelope\n";
-  auto fail = [&](int code, const std::string& reason) {
-    throw EElCMSError(first_line + load_error_text(code, reason));
-  };
-  const ByteSource& src = *input.binary;
-  asn1::BerEncodingInfo encoding;
-  BerNode root;
+}
+
+// Text that decoded to something that is no envelope says so before the load error.
+std::string text_failure_line(const std::vector<std::string>& wrappings) {
+  if (wrappings.empty()) return "";
+  return wrappings.front().rfind("PEM", 0) == 0
+             ? "PEM text that does not decode to an envelope\n"
+             : "Base64 text that does not decode to an envelope\n";
+}
+
+[[noreturn]] void raise_load_error(const std::string& first_line, int code,
+                                   const std::string& reason) {
+  throw EElCMSError(first_line + load_error_text(code, reason));
+}
+
+// Runs read; what the BER reader or the source raises becomes the load error.
+template <typename Read>
+auto as_load_error(const std::string& first_line, Read read) {
   try {
-    if (src.size() == 0) throw asn1::BerError(asn1::kBerTruncated, 0, "the data is empty");
-    root = asn1::ParseBer(src, 0, {}, &encoding);
+    return read();
   } catch (const asn1::BerError& e) {
-    fail(e.code(), e.what());
+    raise_load_error(first_line, e.code(), e.what());
   } catch (const EInOutError& e) {
-    fail(asn1::kBerTruncated, e.what());
+    raise_load_error(first_line, asn1::kBerTruncated, e.what());
   }
-  FInputForm.ber = !encoding.der();
-  std::string content_type;
+}
+
+// The ContentInfo's reader, after its content type (in type). Data that parses but is no
+// ContentInfo is named as ASN.1 data unless it came as text.
+asn1::BerReader open_content_info(const ByteSource& src, const BerNode& root,
+                                  std::string first_line, std::string& type) {
   try {
-    expect(root, 0, 16, true, "a ContentInfo SEQUENCE");
-    content_type = asn1::ReadOid(src, child(root, 0, "content type"));
+    return read_content_type(src, root, type);
   } catch (const asn1::BerError& e) {
     if (first_line.empty()) first_line = "this is ASN.1 data, not a CMS envelope\n";
-    fail(e.code(), e.what());
+    raise_load_error(first_line, e.code(), e.what());
   }
+}
+
+// EncapsulatedContentInfo ::= SEQUENCE { eContentType OBJECT IDENTIFIER,
+//   eContent [0] EXPLICIT OCTET STRING OPTIONAL }
+// The content stays in the source: the message keeps the byte ranges of its segments.
+void read_encapsulated_content(asn1::BerReader encap, TElSignedCMSMessage& m,
+                               const std::shared_ptr<const ByteSource>& binary) {
+  const ByteSource& src = encap.source();
+  const BerNode& type = encap.next("eContentType");
+  asn1::ReadOid(src, type);
+  m.FContentType = asn1::ContentBytes(src, type);
+  m.FContent = std::make_unique<TElCMSContent>();
+  m.FEContentPresent = encap.more();
+  if (!m.FEContentPresent) return;
+  const BerNode& octets =
+      encap.start(asn1::context_constructed(0), "eContent", "[0] eContent").next("eContent");
+  if (!octets.is_universal(asn1::kOctetString))
+    throw asn1::BerError(asn1::kBerUnexpected, octets.offset, "eContent is not an OCTET STRING");
+  std::vector<asn1::Range> ranges;
+  asn1::ContentRanges(octets, ranges);
+  for (const auto& r : ranges)
+    m.FContent->Add(binary, r.offset, r.length);
+}
+
+void read_certificates(const ByteSource& src, const BerNode& certificates,
+                       std::vector<Bytes>& out) {
+  for (const auto& c : certificates.children) {
+    if (c.total_length() > (16u << 20))
+      throw asn1::BerError(asn1::kBerUnexpected, c.offset, "certificate too large");
+    out.push_back(asn1::ElementBytes(src, c));
+  }
+}
+
+// SignedData ::= SEQUENCE { version, digestAlgorithms SET OF AlgorithmIdentifier,
+//   encapContentInfo, certificates [0] IMPLICIT OPTIONAL, crls [1] IMPLICIT OPTIONAL,
+//   signerInfos SET OF SignerInfo }
+void read_signed_data(asn1::BerReader sd, TElSignedCMSMessage& m,
+                      const std::shared_ptr<const ByteSource>& binary) {
+  const ByteSource& src = sd.source();
+  m.FContentVersion = static_cast<std::int32_t>(sd.read_small_integer("version"));
+  asn1::BerReader algs = sd.start_set("digestAlgorithms", "digestAlgorithms SET");
+  for (const auto& a : algs.node().children)
+    m.FDigestAlgorithms.push_back(asn1::BerReader(src, a).read_oid("digest algorithm"));
+  read_encapsulated_content(sd.start_sequence("encapContentInfo", "encapContentInfo SEQUENCE"), m,
+                            binary);
+  if (const BerNode* certificates = sd.read_optional(asn1::context_constructed(0)))
+    read_certificates(src, *certificates, m.FCertificates);
+  sd.read_optional(asn1::context_constructed(1));  // CRLs are not used
+  asn1::BerReader signers = sd.start_set("signerInfos", "signerInfos SET");
+  for (const auto& si : signers.node().children) {
+    auto sig = std::make_unique<TElCMSSignature>(&m);
+    ReadSignerInfo(src, si, sig->FPKCS7Signer);
+    sig->FState = TSBCMSSignatureState::cssSigned;
+    sig->FSigningOptions = kReadSignatureOptions;
+    sig->FillProperties();
+    m.FSignatures.push_back(std::move(sig));
+  }
+}
+
+}  // namespace
+
+void TElSignedCMSMessage::Open(std::shared_ptr<const ByteSource> source) {
+  Clear();
+  EnvelopeInput input = unwrap(source);
+  FInputForm.wrappings = input.wrappings;
+  const std::string first_line = text_failure_line(input.wrappings);
+  const ByteSource& src = *input.binary;
+  asn1::BerEncodingInfo encoding;
+  BerNode root = as_load_error(first_line, [&] {
+    if (src.size() == 0) throw asn1::BerError(asn1::kBerTruncated, 0, "the data is empty");
+    return asn1::ParseBer(src, 0, {}, &encoding);
+  });
+  FInputForm.ber = !encoding.der();
+  std::string content_type;
+  asn1::BerReader content_info = open_content_info(src, root, first_line, content_type);
   if (content_type != cms_oid::kSignedData) throw EElCMSError("No signed data found");
-  try {
-    const BerNode& explicit0 = child(root, 1, "content");
-    expect(explicit0, 2, 0, true, "[0] content");
-    const BerNode& sd = child(explicit0, 0, "SignedData");
-    expect(sd, 0, 16, true, "a SignedData SEQUENCE");
-    FContentVersion =
-        static_cast<std::int32_t>(asn1::ReadSmallInteger(src, child(sd, 0, "version")));
-    const BerNode& algs = child(sd, 1, "digestAlgorithms");
-    expect(algs, 0, 17, true, "digestAlgorithms SET");
-    for (const auto& a : algs.children)
-      FDigestAlgorithms.push_back(asn1::ReadOid(src, child(a, 0, "digest algorithm")));
-    const BerNode& encap = child(sd, 2, "encapContentInfo");
-    expect(encap, 0, 16, true, "encapContentInfo SEQUENCE");
-    const BerNode& etype = child(encap, 0, "eContentType");
-    asn1::ReadOid(src, etype);
-    FContentType = asn1::ContentBytes(src, etype);
-    FContent = std::make_unique<TElCMSContent>();
-    FEContentPresent = encap.children.size() > 1;
-    if (FEContentPresent) {
-      const BerNode& e0 = encap.children[1];
-      expect(e0, 2, 0, true, "[0] eContent");
-      const BerNode& octets = child(e0, 0, "eContent");
-      if (!octets.is_universal(asn1::kOctetString))
-        throw asn1::BerError(asn1::kBerUnexpected, octets.offset,
-                             "eContent is not an OCTET STRING");
-      std::vector<asn1::Range> ranges;
-      asn1::ContentRanges(octets, ranges);
-      for (const auto& r : ranges)
-        FContent->Add(input.binary, r.offset, r.length);
-    }
-    std::size_t i = 3;
-    if (i < sd.children.size() && sd.children[i].is_context(0)) {
-      for (const auto& c : sd.children[i].children) {
-        if (c.total_length() > (16u << 20))
-          throw asn1::BerError(asn1::kBerUnexpected, c.offset, "certificate too large");
-        FCertificates.push_back(asn1::ElementBytes(src, c));
-      }
-      ++i;
-    }
-    if (i < sd.children.size() && sd.children[i].is_context(1)) ++i;  // CRLs are not used
-    const BerNode& signers = child(sd, i, "signerInfos");
-    expect(signers, 0, 17, true, "signerInfos SET");
-    for (const auto& si : signers.children) {
-      auto sig = std::make_unique<TElCMSSignature>(this);
-      ReadSignerInfo(src, si, sig->FPKCS7Signer);
-      sig->FState = TSBCMSSignatureState::cssSigned;
-      sig->FSigningOptions = 0x0137;
-      sig->FillProperties();
-      FSignatures.push_back(std::move(sig));
-    }
-  } catch (const asn1::BerError& e) {
-    fail(e.code(), e.what());
-  } catch (const EInOutError& e) {
-    fail(asn1::kBerTruncated, e.what());
-  }
+  as_load_error(first_line, [&] {
+    read_signed_data(content_info.start(asn1::context_constructed(0), "content", "[0] content")
+                         .start_sequence("SignedData", "a SignedData SEQUENCE"),
+                     *this, input.binary);
+  });
   FStream = std::move(input.binary);
   FDetached = FContent->Size() == 0;
 }
 
-void ReadSignerInfo(const ByteSource& src, const BerNode& si, TElPKCS7Signer& s) {
-  expect(si, 0, 16, true, "a SignerInfo SEQUENCE");
-  std::size_t k = 0;
-  s.Version = static_cast<int>(asn1::ReadSmallInteger(src, child(si, k++, "version")));
-  const BerNode& sid = child(si, k++, "sid");
-  if (sid.is_universal(16)) {
-    s.Issuer = asn1::ElementBytes(src, child(sid, 0, "issuer"));
-    s.SerialNumber = asn1::ReadIntegerBytes(src, child(sid, 1, "serialNumber"));
+namespace {
+
+// SignerIdentifier ::= CHOICE { issuerAndSerialNumber SEQUENCE { issuer Name,
+//   serialNumber INTEGER }, subjectKeyIdentifier [0] OCTET STRING }
+void read_signer_identifier(const ByteSource& src, const BerNode& sid, TElPKCS7Signer& s) {
+  if (sid.is_universal(asn1::kTagSequence)) {
+    asn1::BerReader issuer_and_serial(src, sid);
+    s.Issuer = asn1::ElementBytes(src, issuer_and_serial.next("issuer"));
+    s.SerialNumber = asn1::ReadIntegerBytes(src, issuer_and_serial.next("serialNumber"));
   } else if (sid.is_context(0)) {
     s.SubjectKeyIdentifier = asn1::ContentBytes(src, sid, 1024);
   } else {
     throw asn1::BerError(asn1::kBerUnexpected, sid.offset, "signer identifier expected");
   }
-  const BerNode& dalg = child(si, k++, "digestAlgorithm");
-  s.DigestAlgorithm = asn1::ReadOid(src, child(dalg, 0, "digest algorithm"));
-  if (dalg.children.size() > 1) s.DigestAlgorithmParams = asn1::ElementBytes(src, dalg.children[1]);
-  const BerNode* next = &child(si, k++, "signatureAlgorithm");
-  if (next->is_context(0)) {
-    if (next->total_length() > (16u << 20))
-      throw asn1::BerError(asn1::kBerUnexpected, next->offset, "signed attributes too large");
-    s.AuthenticatedAttributes = read_attributes(src, *next);
-    std::vector<Bytes> der;
-    for (const auto& c : next->children)
-      der.push_back(asn1::ToDer(src, c));
-    Bytes der_set = asn1::der_set_of(std::move(der), asn1::kSet);
-    if (next->indefinite) {
-      // No signer hashes an indefinite length: the DER form is the only candidate.
-      s.AuthenticatedAttributesPlain = der_set;
-    } else {
-      s.AuthenticatedAttributesPlain = asn1::ElementBytes(src, *next);
-      s.AuthenticatedAttributesPlain[0] = asn1::kSet;
-      if (der_set != s.AuthenticatedAttributesPlain) s.AuthenticatedAttributesDer = der_set;
-    }
-    next = &child(si, k++, "signatureAlgorithm");
+}
+
+// AlgorithmIdentifier ::= SEQUENCE { algorithm OBJECT IDENTIFIER, parameters ANY OPTIONAL }
+void read_algorithm(const ByteSource& src, const BerNode& n, const char* name, std::string& oid,
+                    Bytes& params) {
+  asn1::BerReader algorithm(src, n);
+  oid = algorithm.read_oid(name);
+  if (algorithm.more()) params = asn1::ElementBytes(src, algorithm.next(name));
+}
+
+// The signed attributes as read, and the bytes their signature covers: as stored (with the
+// SET tag in place of [0]) and, when that differs, as DER.
+void read_signed_attributes(const ByteSource& src, const BerNode& n, TElPKCS7Signer& s) {
+  if (n.total_length() > (16u << 20))
+    throw asn1::BerError(asn1::kBerUnexpected, n.offset, "signed attributes too large");
+  s.AuthenticatedAttributes = read_attributes(src, n);
+  std::vector<Bytes> der;
+  for (const auto& c : n.children)
+    der.push_back(asn1::ToDer(src, c));
+  Bytes der_set = asn1::der_set_of(std::move(der), asn1::kSet);
+  if (n.indefinite) {
+    // No signer hashes an indefinite length: the DER form is the only candidate.
+    s.AuthenticatedAttributesPlain = der_set;
+  } else {
+    s.AuthenticatedAttributesPlain = asn1::ElementBytes(src, n);
+    s.AuthenticatedAttributesPlain[0] = asn1::kSet;
+    if (der_set != s.AuthenticatedAttributesPlain) s.AuthenticatedAttributesDer = der_set;
   }
-  s.DigestEncryptionAlgorithm = asn1::ReadOid(src, child(*next, 0, "signature algorithm"));
-  if (next->children.size() > 1)
-    s.DigestEncryptionAlgorithmParams = asn1::ElementBytes(src, next->children[1]);
-  const BerNode& value = child(si, k++, "signature");
+}
+
+}  // namespace
+
+// SignerInfo ::= SEQUENCE { version, sid, digestAlgorithm, signedAttrs [0] IMPLICIT OPTIONAL,
+//   signatureAlgorithm, signature OCTET STRING, unsignedAttrs [1] IMPLICIT OPTIONAL }
+void ReadSignerInfo(const ByteSource& src, const BerNode& si, TElPKCS7Signer& s) {
+  asn1::BerReader signer_info(src, si, asn1::kSequence, "a SignerInfo SEQUENCE");
+  s.Version = static_cast<int>(signer_info.read_small_integer("version"));
+  read_signer_identifier(src, signer_info.next("sid"), s);
+  read_algorithm(src, signer_info.next("digestAlgorithm"), "digest algorithm", s.DigestAlgorithm,
+                 s.DigestAlgorithmParams);
+  if (const BerNode* signed_attrs = signer_info.read_optional(asn1::context_constructed(0)))
+    read_signed_attributes(src, *signed_attrs, s);
+  read_algorithm(src, signer_info.next("signatureAlgorithm"), "signature algorithm",
+                 s.DigestEncryptionAlgorithm, s.DigestEncryptionAlgorithmParams);
+  const BerNode& value = signer_info.next("signature");
   if (!value.is_universal(asn1::kOctetString))
     throw asn1::BerError(asn1::kBerUnexpected, value.offset, "signature value expected");
   s.EncryptedDigest = asn1::ContentBytes(src, value, 1 << 16);
-  if (k < si.children.size() && si.children[k].is_context(1))
-    s.UnauthenticatedAttributes = read_attributes(src, si.children[k]);
+  if (const BerNode* unsigned_attrs = signer_info.read_optional(asn1::context_constructed(1)))
+    s.UnauthenticatedAttributes = read_attributes(src, *unsigned_attrs);
 }
 
 }  // namespace tessarel

@@ -38,7 +38,6 @@ inline constexpr const char* kRsaEncryption = "1.2.840.113549.1.1.1";
 inline constexpr const char* kRsaPss = "1.2.840.113549.1.1.10";
 inline constexpr const char* kMgf1 = "1.2.840.113549.1.1.8";
 inline constexpr const char* kDsa = "1.2.840.10040.4.1";
-inline constexpr const char* kEcPublicKey = "1.2.840.10045.2.1";
 }  // namespace cms_oid
 
 // RSASSA-PSS-params (RFC 4055). Reading fills in the defaults of absent fields (SHA-1, MGF1
@@ -64,6 +63,31 @@ enum TSBCMSSigningOption : std::uint16_t {
   csoAnnexKArchiveTimestampV2Mode = 1 << 8,
 };
 
+// The option sets in use, by what they are for.
+// A new signature, until its signer sets its own.
+inline constexpr std::uint16_t kDefaultSigningOptions =
+    csoInsertMessageDigests | csoInsertSigningTime | csoInsertContentType |
+    csoIncludeCertToMessage | csoIncludeCertToAttributes | csoForceSigningCertificateV2Usage |
+    csoAnnexKArchiveTimestampV2Mode;
+// A signature read from an envelope.
+inline constexpr std::uint16_t kReadSignatureOptions =
+    csoInsertMessageDigests | csoInsertSigningTime | csoInsertContentType |
+    csoIncludeCertToMessage | csoIncludeCertToAttributes | csoAnnexKArchiveTimestampV2Mode;
+// Attached and detached CAdES-BES envelopes (batch signing) and the CMS value of a PDF
+// signature that is not PAdES: the signing time as GeneralizedTime, the certificate in the
+// message and in a signing-certificate-v2 attribute.
+inline constexpr std::uint16_t kCadesBesSigningOptions =
+    csoInsertMessageDigests | csoInsertSigningTime | csoInsertContentType |
+    csoUseGeneralizedTimeFormat | csoIncludeCertToMessage | csoIncludeCertToAttributes |
+    csoForceSigningCertificateV2Usage;
+// The CMS value of a PAdES baseline PDF signature: no signing time, which lives in the
+// signature dictionary (/M) instead.
+inline constexpr std::uint16_t kPadesSigningOptions =
+    csoInsertMessageDigests | csoInsertContentType | csoIncludeCertToMessage |
+    csoIncludeCertToAttributes | csoForceSigningCertificateV2Usage;
+static_assert(kDefaultSigningOptions == 0x01B7 && kReadSignatureOptions == 0x0137 &&
+              kCadesBesSigningOptions == 0x00BF && kPadesSigningOptions == 0x00B5);
+
 enum class TSBCMSSignatureState { cssSigned = 0, cssUnsigned = 1 };
 enum class TSBCMSSigningCertificateType {
   sctESSSigningCertificate = 0,
@@ -74,7 +98,6 @@ enum class TSBCMSSignerIdentifierType { sitESSCertID = 0, sitOtherCertID = 1, si
 
 struct TElCMSHash {
   DigestAlgorithm FHashAlgorithm = DigestAlgorithm::SHA256;
-  Bytes FHashAlgorithmParams;
   Bytes FHashValue;
 };
 
@@ -145,7 +168,6 @@ class TElCMSContent {
   // Copies up to size bytes from the logical offset; returns how many were copied.
   std::size_t Read(std::uint8_t* buffer, std::size_t size, std::uint64_t offset) const;
   const std::vector<Source>& sources() const { return FSources; }
-  bool FContentIsHash = false;
 
  private:
   std::vector<Source> FSources;
@@ -161,8 +183,7 @@ class TElCMSSignature {
   TElPKCS7Signer FPKCS7Signer;
   TElSignedCMSMessage* FSubject;
   TSBCMSSignatureState FState = TSBCMSSignatureState::cssUnsigned;
-  std::int32_t FPublicKeyAlgorithm = 0x7FFF;
-  std::uint16_t FSigningOptions = 0x01B7;
+  std::uint16_t FSigningOptions = kDefaultSigningOptions;
   Bytes FContentType;         // OID content octets; empty means id-data
   DateTime FSigningTime = 0;  // days since 1899-12-30, UTC
   TElCMSSigningCertificate FSigningCertificate;
@@ -170,7 +191,6 @@ class TElCMSSignature {
   std::vector<TElPKCS7Attribute> FCustomSignedAttributes;
   std::vector<TElPKCS7Attribute> FCustomUnsignedAttributes;
   bool FUsePSS = false;
-  bool FUseCachedDigests = false;
   DigestAlgorithm FFingerprintAlgorithm = DigestAlgorithm::SHA1;
   // Called with (processed, total) while the content is hashed; false stops the signing.
   std::function<bool(std::uint64_t, std::uint64_t)> OnProgress;
@@ -234,7 +254,6 @@ class TElSignedCMSMessage {
   bool FEContentPresent = false;
   Bytes FContentType;  // eContentType, OID content octets
   std::int32_t FContentVersion = 0;
-  bool FUseUndefSize = true;
   std::vector<Bytes> FCertificates;  // each certificate's encoding
   // The certificates that parse as X.509, in order.
   std::vector<Certificate> Certificates() const;

@@ -62,6 +62,68 @@ TEST(CmsBadInput, WrongTagsLengthsAndNestingAreNamed) {
   EXPECT_EQ(open_error(enveloped), "No signed data found");
 }
 
+// Each SignedData field with another tag than its definition gives is named, at the offset
+// of the element at fault; a field missing at the end is named at the element that ends.
+TEST(CmsBadInput, EachDamagedSignedDataFieldIsNamedWhereItIs) {
+  const Bytes env = test::SignBytes({'f'}, signer());
+  asn1::MemorySource src(env);
+  const asn1::BerNode root = asn1::ParseBer(src);
+  const asn1::BerNode& sd = root.children.at(1).children.at(0);
+  const asn1::BerNode& encap = sd.children.at(2);
+  const asn1::BerNode& si = sd.children.at(4).children.at(0);
+  auto load_error = [](const std::string& what, std::uint64_t offset) {
+    return "Failed to load CMS message, error 8: " + what + " (at offset " +
+           std::to_string(offset) + ")";
+  };
+  struct Damage {
+    const asn1::BerNode& at;
+    std::uint8_t tag;
+    const char* message;
+  };
+  const Damage damages[] = {
+      {root.children[1], 0xA1, "[0] content expected"},
+      {sd, 0x31, "a SignedData SEQUENCE expected"},
+      {sd.children[1], 0x30, "digestAlgorithms SET expected"},
+      {encap, 0x31, "encapContentInfo SEQUENCE expected"},
+      {encap.children.at(1), 0xA1, "[0] eContent expected"},
+      {encap.children[1].children.at(0), 0x0C, "eContent is not an OCTET STRING"},
+      {sd.children[4], 0x30, "signerInfos SET expected"},
+      {si, 0x31, "a SignerInfo SEQUENCE expected"},
+      {si.children.at(1), 0x31, "signer identifier expected"},
+      {si.children.at(3).children.at(0), 0x31, "an Attribute SEQUENCE expected"},
+      {si.children.at(5), 0x0C, "signature value expected"},
+  };
+  for (const Damage& d : damages) {
+    Bytes damaged = env;
+    damaged[d.at.offset] = d.tag;
+    EXPECT_EQ(open_error(damaged), load_error(d.message, d.at.offset));
+  }
+
+  Bytes signed_data_oid = asn1::tlv(0x06, asn1::encode_oid("1.2.840.113549.1.7.2"));
+  EXPECT_EQ(open_error(asn1::tlv(0x30, signed_data_oid)), load_error("missing content", 0));
+  Bytes no_signers = asn1::tlv(0x02, Bytes{1});
+  for (const Bytes& field :
+       {asn1::tlv(0x31, Bytes{}),
+        asn1::tlv(0x30, asn1::tlv(0x06, asn1::encode_oid("1.2.840.113549.1.7.1")))})
+    no_signers.insert(no_signers.end(), field.begin(), field.end());
+  Bytes content = asn1::tlv(0xA0, asn1::tlv(0x30, no_signers));
+  Bytes truncated = signed_data_oid;
+  truncated.insert(truncated.end(), content.begin(), content.end());
+  truncated = asn1::tlv(0x30, truncated);
+  asn1::MemorySource truncated_src(truncated);
+  EXPECT_EQ(open_error(truncated),
+            load_error("missing signerInfos",
+                       asn1::ParseBer(truncated_src).children.at(1).children.at(0).offset));
+
+  // certificates [0] turned into crls [1]: skipped as CRLs are; the signer is still read.
+  Bytes as_crls = env;
+  as_crls[sd.children.at(3).offset] = 0xA1;
+  auto m = test::OpenBytes(as_crls);
+  EXPECT_TRUE(m->FCertificates.empty());
+  ASSERT_EQ(m->SignatureCount(), 1);
+  EXPECT_EQ(m->GetSignature(0)->FPKCS7Signer.SerialNumber, signer().cert.serial());
+}
+
 TEST(CmsBadInput, NoSignerNoCertificateAndUnknownDigestAreReported) {
   TElSignedCMSMessage empty;
   Bytes data{'e'};

@@ -85,9 +85,9 @@ class Parser {
     }
     if (info_) {
       if (n.indefinite) info_->indefinite_lengths = true;
-      bool string_type =
-          n.tag_number == 3 || n.tag_number == 4 ||
-          (n.tag_number >= 12 && n.tag_number <= 30 && n.tag_number != 16 && n.tag_number != 17);
+      bool string_type = n.tag_number == 3 || n.tag_number == 4 ||
+                         (n.tag_number >= 12 && n.tag_number <= 30 &&
+                          n.tag_number != kTagSequence && n.tag_number != kTagSet);
       if (n.constructed && n.tag_class == 0 && string_type) info_->constructed_strings = true;
     }
     n.content_offset = pos;
@@ -176,9 +176,9 @@ Bytes to_der(const ByteSource& source, const BerNode& n, std::uint64_t max) {
   if (n.total_length() > max)
     throw BerError(kBerUnexpected, n.offset, "element too large to re-encode");
   bool string_type =
-      n.tag_class == 0 &&
-      (n.tag_number == 3 || n.tag_number == 4 ||
-       (n.tag_number >= 12 && n.tag_number <= 30 && n.tag_number != 16 && n.tag_number != 17));
+      n.tag_class == 0 && (n.tag_number == 3 || n.tag_number == 4 ||
+                           (n.tag_number >= 12 && n.tag_number <= 30 &&
+                            n.tag_number != kTagSequence && n.tag_number != kTagSet));
   Bytes content;
   bool constructed = n.constructed && !string_type;
   if (!n.constructed || string_type) {
@@ -204,7 +204,7 @@ Bytes to_der(const ByteSource& source, const BerNode& n, std::uint64_t max) {
     std::vector<Bytes> children;
     for (const auto& c : n.children)
       children.push_back(to_der(source, c, max));
-    if (n.tag_class == 0 && n.tag_number == 17) {
+    if (n.is_universal(kTagSet)) {
       Bytes set = der_set_of(std::move(children));
       return set;
     }

@@ -92,6 +92,11 @@ struct BerLimits {
   std::size_t max_elements = std::size_t{1} << 22;
 };
 
+// Universal tag numbers of SEQUENCE and SET, for BerNode::is_universal (der.h's kSequence
+// and kSet are their identifier octets, with the constructed bit).
+inline constexpr std::uint32_t kTagSequence = 16;
+inline constexpr std::uint32_t kTagSet = 17;
+
 struct BerNode {
   std::uint8_t tag_class = 0;  // 0 universal, 1 application, 2 context-specific, 3 private
   bool constructed = false;

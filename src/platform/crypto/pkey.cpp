@@ -30,13 +30,13 @@ KeyKind key_kind(const EVP_PKEY* key) {
   }
 }
 
+namespace {
 EvpPkeyPtr certificate_public_key(const Certificate& cert) {
   EVP_PKEY* key = X509_get_pubkey(x509_of(cert));
   if (!key) throw_openssl("Cannot read the certificate's public key");
   return EvpPkeyPtr(key);
 }
 
-namespace {
 Bytes spki_of(EVP_PKEY* key) {
   int len = i2d_PUBKEY(key, nullptr);
   if (len <= 0) throw_openssl("Cannot encode public key");
@@ -72,13 +72,6 @@ void configure(EVP_PKEY_CTX* ctx, EVP_PKEY* key, DigestAlgorithm alg, bool pss,
 
 PublicKey PublicKey::from_certificate(const Certificate& cert) {
   return PublicKey(certificate_public_key(cert));
-}
-
-PublicKey PublicKey::from_spki_der(const Bytes& spki) {
-  const unsigned char* p = spki.data();
-  EVP_PKEY* key = d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.size()));
-  if (!key) throw_openssl("Not a valid public key");
-  return PublicKey(EvpPkeyPtr(key));
 }
 
 int PublicKey::bits() const {
@@ -248,10 +241,6 @@ Bytes PrivateKey::to_pkcs8_der() const {
   }
   PKCS8_PRIV_KEY_INFO_free(info);
   return out;
-}
-
-Bytes PrivateKey::public_spki_der() const {
-  return spki_of(key_.get());
 }
 
 bool PrivateKey::matches(const Certificate& cert) const {

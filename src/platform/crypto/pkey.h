@@ -14,7 +14,6 @@ KeyKind key_kind(const EVP_PKEY* key);
 class PublicKey {
  public:
   static PublicKey from_certificate(const Certificate& cert);
-  static PublicKey from_spki_der(const Bytes& spki);
   explicit PublicKey(EvpPkeyPtr key) : key_(std::move(key)) {}
   PublicKey(PublicKey&&) noexcept = default;
   PublicKey& operator=(PublicKey&&) noexcept = default;
@@ -62,7 +61,6 @@ class PrivateKey {
   int bits() const;
   // Unencrypted PKCS#8 DER. The caller wipes it when done.
   Bytes to_pkcs8_der() const;
-  Bytes public_spki_der() const;
   // True when this key is the private half of the certificate's public key.
   bool matches(const Certificate& cert) const;
 
@@ -93,8 +91,5 @@ PrivateKeyParts private_key_parts(const PrivateKey& key);
 // order, as XML signatures and PKCS#11 tokens carry them. Both throw on a malformed value.
 Bytes dss_signature_to_plain(const Bytes& der, std::size_t half);
 Bytes dss_signature_from_plain(const Bytes& plain);
-
-// EVP_PKEY of a certificate's public key (new reference).
-EvpPkeyPtr certificate_public_key(const Certificate& cert);
 
 }  // namespace tessarel::crypto

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <istream>
 #include <memory>
 #include <vector>
 
@@ -270,32 +270,11 @@ OutputFile::~OutputFile() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-void OutputFile::write(const void* data, std::size_t n) {
-  write_all(fd_, data, n, path_);
-}
-
-void OutputFile::sync() {
-  if (::fsync(fd_) != 0) throw_io("writing", path_, errno);
-}
-
 void OutputFile::close() {
   if (fd_ < 0) return;
   int fd = fd_;
   fd_ = -1;
   if (::close(fd) != 0) throw_io("writing", path_, errno);
-}
-
-mode_t CurrentUmask() {
-  static const mode_t mask = [] {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-      if (line.rfind("Umask:", 0) == 0)
-        return static_cast<mode_t>(std::strtol(line.c_str() + 6, nullptr, 8));
-    }
-    return static_cast<mode_t>(022);
-  }();
-  return mask;
 }
 
 AtomicFileWriter::AtomicFileWriter(const std::string& target, mode_t mode) : target_(target) {
@@ -468,12 +447,6 @@ Bytes ReadStream(std::istream& in) {
 std::string ReadFileText(const std::string& path) {
   Bytes b = ReadFileBytes(path);
   return std::string(b.begin(), b.end());
-}
-
-void WriteFileBytes(const std::string& path, const Bytes& data) {
-  OutputFile out(path);
-  out.write(data);
-  out.close();
 }
 
 void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, mode_t mode) {

@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -98,7 +98,7 @@ class InputFile {
   int fd_ = -1;
 };
 
-// A file created (or truncated) for writing.
+// A file created (or truncated) for writing through its descriptor.
 class OutputFile {
  public:
   // EFCreateError naming the path and the reason when the file cannot be created.
@@ -107,10 +107,6 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
-  // EInOutError (with the reason, e.g. no space left) when the write fails.
-  void write(const void* data, std::size_t n);
-  void write(const Bytes& data) { write(data.data(), data.size()); }
-  void sync();
   void close();
   const std::string& path() const { return path_; }
   int fd() const { return fd_; }
@@ -139,7 +135,6 @@ class AtomicFileWriter {
   const std::string& temp_path() const { return temp_; }
   // The temporary file's descriptor, for writers that copy inside the kernel.
   int fd() const { return fd_; }
-  const std::string& target() const { return target_; }
 
  private:
   std::string target_;
@@ -190,7 +185,6 @@ Bytes ReadFileBytes(const std::string& path);
 // Everything left in a stream.
 Bytes ReadStream(std::istream& in);
 std::string ReadFileText(const std::string& path);
-void WriteFileBytes(const std::string& path, const Bytes& data);
 void WriteFileAtomic(const std::string& path, const void* data, std::size_t n, mode_t mode = 0666);
 // Copies every byte of source onto dest (created or truncated). Times and modes are not
 // carried over.
@@ -206,7 +200,5 @@ bool CopyRange(int in_fd, std::uint64_t offset, std::uint64_t length, int out_fd
 std::string MakeTempFile(const std::string& prefix = "tessarel");
 // fsync of a folder, so a rename in it is durable.
 void SyncDirectory(const std::string& dir);
-// The process umask, read without changing it.
-mode_t CurrentUmask();
 
 }  // namespace tessarel

@@ -115,6 +115,42 @@ TEST_F(CmsInterop, OurDetachedEnvelopeVerifiesWithTheDataSupplied) {
   EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
 }
 
+// The signing-certificate attribute for each fingerprint algorithm: ESS for SHA-1, ESS v2
+// otherwise, with its hash algorithm written unless it is SHA-256. OpenSSL's CAdES check
+// hashes the signer's certificate with that algorithm and compares; reading it back gives
+// the same property.
+TEST_F(CmsInterop, TheSigningCertificateOfEveryFingerprintAlgorithmPassesTheCadesCheck) {
+  Bytes data{'e', 's', 's'};
+  for (DigestAlgorithm fp : {DigestAlgorithm::SHA1, DigestAlgorithm::SHA256,
+                             DigestAlgorithm::SHA384, DigestAlgorithm::SHA512}) {
+    TElSignedCMSMessage m;
+    m.CreateNew(data.data(), data.size());
+    TElCMSSignature* s = m.GetSignature(m.AddSignature());
+    s->FFingerprintAlgorithm = fp;
+    s->SetDigestAlgorithm(DigestAlgorithm::SHA256);
+    s->FSigningOptions = kCadesBesSigningOptions;
+    test::KeyOf key(tc_->key);
+    s->Sign(tc_->cert, &key);
+    Bytes envelope = m.SaveToBytes();
+    std::string file = p("ess-" + crypto::digest_name(fp) + ".p7m");
+    test::write_file(file, envelope);
+    auto r = test::run({"openssl", "cms", "-verify", "-cades", "-binary", "-inform", "DER", "-in",
+                        file, "-CAfile", p("cert.pem"), "-purpose", "any", "-out", "/dev/null"});
+    EXPECT_EQ(r.exit_code, 0) << file << ": " << r.err;
+
+    auto opened = test::OpenBytes(envelope);
+    const TElCMSSigningCertificate& read = opened->GetSignature(0)->FSigningCertificate;
+    EXPECT_EQ(read.FSigningCertificateType,
+              fp == DigestAlgorithm::SHA1
+                  ? TSBCMSSigningCertificateType::sctESSSigningCertificate
+                  : TSBCMSSigningCertificateType::sctESSSigningCertificateV2);
+    ASSERT_EQ(read.FCertIDs.size(), 1u);
+    EXPECT_EQ(read.FCertIDs[0].FHash.FHashAlgorithm, fp);
+    EXPECT_EQ(read.FCertIDs[0].FHash.FHashValue, tc_->cert.fingerprint(fp));
+    EXPECT_EQ(read.FCertIDs[0].FSerialNumber, tc_->cert.serial());
+  }
+}
+
 TEST_F(CmsInterop, EnvelopesOfOtherProducersOpenExtractAndVerify) {
   struct Producer {
     std::string name;
