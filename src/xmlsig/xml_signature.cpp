@@ -278,108 +278,135 @@ void TElXMLSigner::GenerateSignature() {
   generated_ = true;
 }
 
-void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
-  if (!target) security_error(kMissingElement);
-  if (!generated_) GenerateSignature();
-  const Certificate& cert = *FKeyData->FCertificate;
+namespace {
 
-  ElementPlan signed_info{"SignedInfo", {}, "", {}};
-  signed_info.children.push_back({"CanonicalizationMethod",
-                                  {{"Algorithm", CanonicalizationURI(FCanonicalizationMethod)}},
-                                  "",
-                                  {}});
-  signed_info.children.push_back(
-      {"SignatureMethod", {{"Algorithm", SignatureMethodURI(FSignatureMethod)}}, "", {}});
-  for (auto& ref : FReferences->FReferences) {
-    ElementPlan r{"Reference", {}, "", {}};
-    if (ref->FHasURI) r.attributes.push_back({"URI", ref->FURI});
-    if (!ref->FTransformChain.FTransforms.empty()) {
-      ElementPlan transforms{"Transforms", {}, "", {}};
-      for (const auto& t : ref->FTransformChain.FTransforms)
-        transforms.children.push_back(
-            {"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
-      r.children.push_back(transforms);
-    }
-    r.children.push_back(
-        {"DigestMethod", {{"Algorithm", DigestMethodURI(ref->FDigestMethod)}}, "", {}});
-    r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref->FDigestValue), {}});
-    signed_info.children.push_back(r);
+ElementPlan reference_plan(const TElXMLReference& ref) {
+  ElementPlan r{"Reference", {}, "", {}};
+  if (ref.FHasURI) r.attributes.push_back({"URI", ref.FURI});
+  if (!ref.FTransformChain.FTransforms.empty()) {
+    ElementPlan transforms{"Transforms", {}, "", {}};
+    for (const auto& t : ref.FTransformChain.FTransforms)
+      transforms.children.push_back(
+          {"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
+    r.children.push_back(transforms);
   }
+  r.children.push_back(
+      {"DigestMethod", {{"Algorithm", DigestMethodURI(ref.FDigestMethod)}}, "", {}});
+  r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref.FDigestValue), {}});
+  return r;
+}
+
+// The digest values are the references' digests so far: Save writes the final ones once the
+// signature stands where it will stay.
+ElementPlan signed_info_plan(int canonicalization, TElXMLSignatureMethod method,
+                             const TElXMLReferenceList& references) {
+  ElementPlan signed_info{"SignedInfo", {}, "", {}};
+  signed_info.children.push_back(
+      {"CanonicalizationMethod", {{"Algorithm", CanonicalizationURI(canonicalization)}}, "", {}});
+  signed_info.children.push_back(
+      {"SignatureMethod", {{"Algorithm", SignatureMethodURI(method)}}, "", {}});
+  for (const auto& ref : references.FReferences)
+    signed_info.children.push_back(reference_plan(*ref));
+  return signed_info;
+}
+
+// The public key in the clear, for the kinds that have a KeyValue form (RSA, DSA).
+std::optional<ElementPlan> key_value_plan(const Certificate& cert, const crypto::PublicKey& pub) {
+  if (cert.key_kind() == KeyKind::Rsa)
+    return ElementPlan{"KeyValue",
+                       {},
+                       "",
+                       {{"RSAKeyValue",
+                         {},
+                         "",
+                         {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
+                          {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}};
+  if (cert.key_kind() == KeyKind::Dsa)
+    return ElementPlan{"KeyValue",
+                       {},
+                       "",
+                       {{"DSAKeyValue",
+                         {},
+                         "",
+                         {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
+                          {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
+                          {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
+                          {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}};
+  return std::nullopt;
+}
+
+// The parts of the certificate that params asks for; no children when it asks for none.
+ElementPlan x509_data_plan(const Certificate& cert, unsigned params) {
+  ElementPlan x509{"X509Data", {}, "", {}};
+  if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
+    x509.children.push_back({"X509IssuerSerial",
+                             {},
+                             "",
+                             {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
+                              {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
+  if ((params & TElXMLKeyInfoX509Data::xkidX509SKI) && !cert.subject_key_identifier().empty())
+    x509.children.push_back(
+        {"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
+  if (params & TElXMLKeyInfoX509Data::xkidX509SubjectName)
+    x509.children.push_back({"X509SubjectName", {}, DistinguishedNameText(cert.subject()), {}});
+  if (params & TElXMLKeyInfoX509Data::xkidX509Certificate)
+    x509.children.push_back({"X509Certificate", {}, crypto::base64_encode(cert.der()), {}});
+  return x509;
+}
+
+// No children when there is neither a key name nor a key to show.
+ElementPlan key_info_plan(const std::string& key_name, bool include_key,
+                          const TElXMLKeyInfoX509Data& key_data) {
   ElementPlan key_info{"KeyInfo", {}, "", {}};
-  if (!FKeyName.empty()) key_info.children.push_back({"KeyName", {}, FKeyName, {}});
-  if (FIncludeKey) {
+  if (!key_name.empty()) key_info.children.push_back({"KeyName", {}, key_name, {}});
+  if (include_key) {
+    const Certificate& cert = *key_data.FCertificate;
     auto pub = crypto::PublicKey::from_certificate(cert);
-    if (FKeyData->FIncludeKeyValue) {
-      if (cert.key_kind() == KeyKind::Rsa) {
-        key_info.children.push_back(
-            {"KeyValue",
-             {},
-             "",
-             {{"RSAKeyValue",
-               {},
-               "",
-               {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
-                {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}});
-      } else if (cert.key_kind() == KeyKind::Dsa) {
-        key_info.children.push_back({"KeyValue",
-                                     {},
-                                     "",
-                                     {{"DSAKeyValue",
-                                       {},
-                                       "",
-                                       {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
-                                        {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
-                                        {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
-                                        {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}});
-      }
-    }
-    ElementPlan x509{"X509Data", {}, "", {}};
-    unsigned params = FKeyData->FIncludeDataParams;
-    if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
-      x509.children.push_back({"X509IssuerSerial",
-                               {},
-                               "",
-                               {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
-                                {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
-    if ((params & TElXMLKeyInfoX509Data::xkidX509SKI) && !cert.subject_key_identifier().empty())
-      x509.children.push_back(
-          {"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
-    if (params & TElXMLKeyInfoX509Data::xkidX509SubjectName)
-      x509.children.push_back({"X509SubjectName", {}, DistinguishedNameText(cert.subject()), {}});
-    if (params & TElXMLKeyInfoX509Data::xkidX509Certificate)
-      x509.children.push_back({"X509Certificate", {}, crypto::base64_encode(cert.der()), {}});
+    if (key_data.FIncludeKeyValue)
+      if (auto key_value = key_value_plan(cert, pub)) key_info.children.push_back(*key_value);
+    ElementPlan x509 = x509_data_plan(cert, key_data.FIncludeDataParams);
     if (!x509.children.empty()) key_info.children.push_back(x509);
   }
-  ElementPlan signature{"Signature", {}, "", {signed_info, {"SignatureValue", {}, "", {}}}};
-  if (!key_info.children.empty()) signature.children.push_back(key_info);
+  return key_info;
+}
 
-  // Writes an element, its children, then asks the handler for the white space around it.
-  xml::Node ns_holder;
-  std::function<xml::Node(const ElementPlan&, int, const std::string&, std::string&)> write =
-      [&](const ElementPlan& s, int level, const std::string& path,
-          std::string& start_ws) -> xml::Node {
-    xml::Node e = ns_holder ? doc.CreateElementLike(ns_holder, s.name)
-                            : doc.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
-    if (!ns_holder) ns_holder = e;
+// Writes planned elements into the document: the first with the ds prefix and namespace,
+// the others like it. Each element is written with its children, then the signer's handler
+// gives the white space around it.
+class PlanWriter {
+ public:
+  PlanWriter(xml::Document& doc, TElXMLSigner& signer) : doc_(doc), signer_(signer) {}
+
+  xml::Node write(const ElementPlan& s, int level, const std::string& path, std::string& start_ws) {
+    xml::Node e = ns_holder_ ? doc_.CreateElementLike(ns_holder_, s.name)
+                             : doc_.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
+    if (!ns_holder_) ns_holder_ = e;
     for (const auto& [name, value] : s.attributes)
       e.set_attribute(name, value);
     for (const auto& c : s.children) {
       std::string child_ws;
       xml::Node child = write(c, level + 1, path + "/" + c.name, child_ws);
-      if (!child_ws.empty()) e.append_child(doc.CreateText(child_ws));
+      if (!child_ws.empty()) e.append_child(doc_.CreateText(child_ws));
       e.append_child(child);
     }
-    if (!s.text.empty()) e.append_child(doc.CreateText(s.text));
+    if (!s.text.empty()) e.append_child(doc_.CreateText(s.text));
     std::string end_ws;
-    if (FOnFormatElement) FOnFormatElement(*this, e, level, path, start_ws, end_ws);
-    if (!end_ws.empty()) e.append_child(doc.CreateText(end_ws));
+    if (signer_.FOnFormatElement)
+      signer_.FOnFormatElement(signer_, e, level, path, start_ws, end_ws);
+    if (!end_ws.empty()) e.append_child(doc_.CreateText(end_ws));
     return e;
-  };
-  std::string start_ws;
-  xml::Node sig = write(signature, 1, "Signature", start_ws);
+  }
 
-  // Placed last in the target. Trailing white space of the target is replaced by the
-  // signature's own line breaks, so signing, stripping and signing again gives the same file.
+ private:
+  xml::Document& doc_;
+  TElXMLSigner& signer_;
+  xml::Node ns_holder_;
+};
+
+// The signature goes last in the target. Trailing white space of the target is replaced by
+// the signature's own line breaks, so signing, stripping and signing again gives the same
+// file.
+void place_last(xml::Document& doc, xml::Node target, xml::Node sig, const std::string& start_ws) {
   while (target.last_child() && target.last_child().is_text() &&
          whitespace_only(target.last_child().text())) {
     xml::Node ws = target.last_child();
@@ -388,6 +415,55 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   if (!start_ws.empty()) target.append_child(doc.CreateText(start_ws));
   target.append_child(sig);
   if (!start_ws.empty()) target.append_child(doc.CreateText("\n"));
+}
+
+// The references' digests into the DigestValue elements of the written SignedInfo, in order.
+void write_digest_values(xml::Node signed_info, TElXMLReferenceList& references) {
+  int index = 0;
+  for (xml::Node r = signed_info.first_child(); r; r = r.next_sibling()) {
+    if (!is_dsig(r, "Reference")) continue;
+    xml::Node dv = dsig_child(r, "DigestValue");
+    if (dv && index < references.Count())
+      dv.set_text(crypto::base64_encode(references.Reference(index).FDigestValue));
+    ++index;
+  }
+}
+
+Bytes canonical_signed_info(const xml::Document& doc, xml::Node signed_info, int canonicalization) {
+  std::string canonical =
+      doc.CanonicalizeSubtree(signed_info, canonicalization == 3 || canonicalization == 4,
+                              canonicalization == 2 || canonicalization == 4);
+  return Bytes(canonical.begin(), canonical.end());
+}
+
+// The SignatureValue's bytes for the canonical SignedInfo.
+Bytes signature_value(const TElXMLKeyInfoX509Data& key_data, TElXMLSignatureMethod method,
+                      const Bytes& signed_info) {
+  DigestAlgorithm h = method_hash(method);
+  Bytes value = key_data.FKey->sign_digest(h, crypto::digest(h, signed_info));
+  // Keys give DSA and ECDSA signatures in DER; XML signatures carry r || s, each number as
+  // wide as the group order.
+  if (method == TElXMLSignatureMethod::xsmDSS || method == TElXMLSignatureMethod::xsmECDSA)
+    value = crypto::dss_signature_to_plain(
+        value, crypto::PublicKey::from_certificate(*key_data.FCertificate).dss_half_size());
+  return value;
+}
+
+}  // namespace
+
+void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
+  if (!target) security_error(kMissingElement);
+  if (!generated_) GenerateSignature();
+  ElementPlan signature{"Signature",
+                        {},
+                        "",
+                        {signed_info_plan(FCanonicalizationMethod, FSignatureMethod, *FReferences),
+                         {"SignatureValue", {}, "", {}}}};
+  ElementPlan key_info = key_info_plan(FKeyName, FIncludeKey, *FKeyData);
+  if (!key_info.children.empty()) signature.children.push_back(key_info);
+  std::string start_ws;
+  xml::Node sig = PlanWriter(doc, *this).write(signature, 1, "Signature", start_ws);
+  place_last(doc, target, sig, start_ws);
 
   xml::Node si = dsig_child(sig, "SignedInfo");
   if (!si) security_error("Invalid element: SignedInfo");
@@ -395,26 +471,9 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   // digests are taken again now that the signature stands where it will stay.
   signature_node_ = sig;
   UpdateReferencesDigest(doc);
-  int index = 0;
-  for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
-    if (!is_dsig(r, "Reference")) continue;
-    xml::Node dv = dsig_child(r, "DigestValue");
-    if (dv && index < FReferences->Count())
-      dv.set_text(crypto::base64_encode(FReferences->Reference(index).FDigestValue));
-    ++index;
-  }
-  std::string canonical =
-      doc.CanonicalizeSubtree(si, FCanonicalizationMethod == 3 || FCanonicalizationMethod == 4,
-                              FCanonicalizationMethod == 2 || FCanonicalizationMethod == 4);
-  FSignedInfo.assign(canonical.begin(), canonical.end());
-  DigestAlgorithm h = method_hash(FSignatureMethod);
-  Bytes value = FKeyData->FKey->sign_digest(h, crypto::digest(h, FSignedInfo));
-  // Keys give DSA and ECDSA signatures in DER; XML signatures carry r || s, each number as
-  // wide as the group order.
-  if (FSignatureMethod == TElXMLSignatureMethod::xsmDSS ||
-      FSignatureMethod == TElXMLSignatureMethod::xsmECDSA)
-    value = crypto::dss_signature_to_plain(
-        value, crypto::PublicKey::from_certificate(cert).dss_half_size());
+  write_digest_values(si, *FReferences);
+  FSignedInfo = canonical_signed_info(doc, si, FCanonicalizationMethod);
+  Bytes value = signature_value(*FKeyData, FSignatureMethod, FSignedInfo);
   dsig_child(sig, "SignatureValue").append_child(doc.CreateText(crypto::base64_encode(value)));
 }
 
