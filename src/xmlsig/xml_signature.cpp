@@ -479,6 +479,49 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
 
 // ---- verifier ----
 
+namespace {
+
+xml::Node find_descendant(xml::Node n, const char* local, const char* ns) {
+  for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
+    if (!c.is_element()) continue;
+    if (c.local_name() == local && c.namespace_uri() == ns) return c;
+    if (xml::Node f = find_descendant(c, local, ns)) return f;
+  }
+  return xml::Node();
+}
+
+// The element itself when it is a signature, else its own signature, else the first one
+// below it (an EBICS AuthSignature when there is no ds:Signature).
+xml::Node find_signature(xml::Node element) {
+  if (element.is_element() && element.local_name() == "Signature" &&
+      (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature"))
+    return element;
+  if (xml::Node own = OwnSignature(element)) return own;
+  if (xml::Node sig = find_descendant(element, "Signature", xml::kDsigNamespace)) return sig;
+  return find_descendant(element, "AuthSignature", "http://www.ebics.org/H003");
+}
+
+// Text that is not Base64 gives no bytes: the check then reports what is missing.
+Bytes decode_or_empty(const std::string& text) {
+  try {
+    return crypto::base64_decode(text);
+  } catch (const Exception&) {
+    return {};
+  }
+}
+
+// Whether a "#id" URI names one of the signature's own ds:Object elements.
+bool refers_into_objects(xml::Node sig, const std::string& uri) {
+  bool inside = false;
+  if (!uri.empty() && uri[0] == '#') {
+    for (xml::Node o = sig.first_child(); o; o = o.next_sibling())
+      if (is_dsig(o, "Object") && o.attribute("Id") == uri.substr(1)) inside = true;
+  }
+  return inside;
+}
+
+}  // namespace
+
 void TElXMLVerifier::Load(xml::Node element) {
   references_.clear();
   FKeyName.clear();
@@ -487,29 +530,18 @@ void TElXMLVerifier::Load(xml::Node element) {
   FSourceNode = xml::Node();
   FSignatureType = 0;
   if (!element) security_error(kMissingElement);
-  xml::Node sig;
-  if (element.is_element() && element.local_name() == "Signature" &&
-      (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature")) {
-    sig = element;
-  } else if (xml::Node own = OwnSignature(element)) {
-    sig = own;
-  } else {
-    std::function<xml::Node(xml::Node, const char*, const char*)> find =
-        [&](xml::Node n, const char* local, const char* ns) {
-          for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
-            if (!c.is_element()) continue;
-            if (c.local_name() == local && c.namespace_uri() == ns) return c;
-            if (xml::Node f = find(c, local, ns)) return f;
-          }
-          return xml::Node();
-        };
-    sig = find(element, "Signature", xml::kDsigNamespace);
-    if (!sig) sig = find(element, "AuthSignature", "http://www.ebics.org/H003");
-  }
+  xml::Node sig = find_signature(element);
   if (!sig) security_error("Invalid element: no Signature found in " + element.name());
-
   xml::Node si = dsig_child(sig, "SignedInfo");
   if (!si) security_error("Invalid element: Signature without SignedInfo");
+  ReadSignedInfo(sig, si);
+  if (xml::Node sv = dsig_child(sig, "SignatureValue"))
+    signature_value_ = decode_or_empty(sv.text());
+  ReadKeyInfo(sig);
+  FSourceNode = sig;
+}
+
+void TElXMLVerifier::ReadSignedInfo(xml::Node sig, xml::Node si) {
   xml::Node cm = dsig_child(si, "CanonicalizationMethod");
   FCanonicalizationMethod = cm ? CanonicalizationCode(cm.attribute("Algorithm")) : 0;
   xml::Node sm = dsig_child(si, "SignatureMethod");
@@ -521,50 +553,35 @@ void TElXMLVerifier::Load(xml::Node element) {
     if (signature_method_uri_ == m.uri) FSignatureMethod = m.method;
   for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
     if (!is_dsig(r, "Reference")) continue;
-    LoadedReference ref;
-    ref.has_uri = r.has_attribute("URI");
-    ref.uri = r.attribute("URI");
-    if (xml::Node ts = dsig_child(r, "Transforms"))
-      for (xml::Node t = ts.first_child(); t; t = t.next_sibling())
-        if (is_dsig(t, "Transform")) ref.transforms.push_back(t.attribute("Algorithm"));
-    if (xml::Node dm = dsig_child(r, "DigestMethod")) ref.digest_method = dm.attribute("Algorithm");
-    if (xml::Node dv = dsig_child(r, "DigestValue")) {
-      try {
-        ref.digest_value = crypto::base64_decode(dv.text());
-      } catch (const Exception&) {
-        ref.digest_value.clear();
-      }
-    }
+    LoadedReference ref = ReadReference(r);
     // A reference into the signature's own objects makes it enveloping; one into the rest
     // of the document, enveloped.
-    bool inside = false;
-    if (!ref.uri.empty() && ref.uri[0] == '#') {
-      for (xml::Node o = sig.first_child(); o; o = o.next_sibling())
-        if (is_dsig(o, "Object") && o.attribute("Id") == ref.uri.substr(1)) inside = true;
-    }
-    FSignatureType |= inside ? (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))
-                             : (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloped));
-    references_.push_back(ref);
+    FSignatureType |= refers_into_objects(sig, ref.uri)
+                          ? (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))
+                          : (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloped));
+    references_.push_back(std::move(ref));
   }
-  if (xml::Node sv = dsig_child(sig, "SignatureValue")) {
-    try {
-      signature_value_ = crypto::base64_decode(sv.text());
-    } catch (const Exception&) {
-      signature_value_.clear();
-    }
-  }
-  if (xml::Node ki = dsig_child(sig, "KeyInfo")) {
-    if (xml::Node kn = dsig_child(ki, "KeyName")) FKeyName = kn.text();
-    if (xml::Node xd = dsig_child(ki, "X509Data"))
-      if (xml::Node xc = dsig_child(xd, "X509Certificate")) {
-        try {
-          certificate_der_ = crypto::base64_decode(xc.text());
-        } catch (const Exception&) {
-          certificate_der_.clear();
-        }
-      }
-  }
-  FSourceNode = sig;
+}
+
+TElXMLVerifier::LoadedReference TElXMLVerifier::ReadReference(xml::Node r) {
+  LoadedReference ref;
+  ref.has_uri = r.has_attribute("URI");
+  ref.uri = r.attribute("URI");
+  if (xml::Node ts = dsig_child(r, "Transforms"))
+    for (xml::Node t = ts.first_child(); t; t = t.next_sibling())
+      if (is_dsig(t, "Transform")) ref.transforms.push_back(t.attribute("Algorithm"));
+  if (xml::Node dm = dsig_child(r, "DigestMethod")) ref.digest_method = dm.attribute("Algorithm");
+  if (xml::Node dv = dsig_child(r, "DigestValue")) ref.digest_value = decode_or_empty(dv.text());
+  return ref;
+}
+
+void TElXMLVerifier::ReadKeyInfo(xml::Node sig) {
+  xml::Node ki = dsig_child(sig, "KeyInfo");
+  if (!ki) return;
+  if (xml::Node kn = dsig_child(ki, "KeyName")) FKeyName = kn.text();
+  if (xml::Node xd = dsig_child(ki, "X509Data"))
+    if (xml::Node xc = dsig_child(xd, "X509Certificate"))
+      certificate_der_ = decode_or_empty(xc.text());
 }
 
 void TElXMLVerifier::RemoveSignature() {

@@ -205,6 +205,11 @@ class TElXMLVerifier {
     std::string digest_method;
     Bytes digest_value;
   };
+  // The parts of Load: SignedInfo (methods and references), one reference, KeyInfo.
+  void ReadSignedInfo(xml::Node sig, xml::Node signed_info);
+  static LoadedReference ReadReference(xml::Node reference);
+  void ReadKeyInfo(xml::Node sig);
+
   std::vector<LoadedReference> references_;
   std::string signature_method_uri_;
   Bytes signature_value_;
