@@ -604,6 +604,35 @@ void TElXMLVerifier::RemoveSignature() {
   FSourceNode = xml::Node();
 }
 
+namespace {
+
+DigestAlgorithm digest_by_uri(const std::string& uri) {
+  DigestAlgorithm alg = DigestAlgorithm::Unknown;
+  for (const auto& d : kDigestUris)
+    if (uri == d.uri) alg = d.alg;
+  return alg;
+}
+
+const VerifyMethod* verify_method_by_uri(const std::string& uri) {
+  const VerifyMethod* method = nullptr;
+  for (const auto& m : kVerifyMethods)
+    if (uri == m.uri) method = &m;
+  return method;
+}
+
+// Whether the signature value verifies with the key over the canonical SignedInfo.
+bool signature_verifies(const crypto::PublicKey& pub, const VerifyMethod& method,
+                        const Bytes& signed_info, const Bytes& value) {
+  if (method.kind == KeyKind::Rsa)
+    return crypto::verify_message(pub.get(), method.hash, signed_info, value);
+  // r || s of the group order's width; anything else (DER among them) is malformed.
+  if (value.size() != 2 * pub.dss_half_size()) return false;
+  return pub.verify_digest(method.hash, crypto::digest(method.hash, signed_info),
+                           crypto::dss_signature_from_plain(value));
+}
+
+}  // namespace
+
 XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
   XmlSignatureCheck out;
   if (!FSourceNode) {
@@ -611,97 +640,99 @@ XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
     return out;
   }
   out.signature_found = true;
-  if (!certificate_der_.empty()) {
-    try {
-      out.certificate = Certificate::from_der(certificate_der_);
-    } catch (const Exception&) {
-      out.problems.push_back("the X509Certificate of the signature is not a certificate");
-    }
-  } else {
-    out.problems.push_back("the signature carries no X509Certificate");
-  }
-  if (references_.empty()) out.problems.push_back("the signature has no reference");
-  bool refs_ok = !references_.empty();
-  for (const auto& ref : references_) {
-    DigestAlgorithm alg = DigestAlgorithm::Unknown;
-    for (const auto& d : kDigestUris)
-      if (ref.digest_method == d.uri) alg = d.alg;
-    if (alg == DigestAlgorithm::Unknown) {
-      out.problems.push_back("unsupported digest method " + ref.digest_method);
-      refs_ok = false;
-      continue;
-    }
-    bool enveloped = false, supported = true;
-    for (const auto& t : ref.transforms) {
-      if (t == dsig::kEnveloped)
-        enveloped = true;
-      else if (t != dsig::kC14N)
-        supported = false;
-    }
-    if (!supported) {
-      out.problems.push_back("unsupported transform in a reference");
-      refs_ok = false;
-      continue;
-    }
-    crypto::Hasher hasher(alg);
-    auto sink = [&](const char* p, std::size_t n) { hasher.update(p, n); };
-    if (ref.uri.empty()) {
-      std::vector<xml::Node> excluded;
-      if (enveloped) excluded.push_back(FSourceNode);
-      CanonicalizeWithout(doc, excluded, sink);
-    } else if (ref.uri[0] == '#') {
-      xml::Node target = doc.FindById(ref.uri.substr(1));
-      if (!target) {
-        out.problems.push_back("reference " + ref.uri + " points at nothing");
-        refs_ok = false;
-        continue;
-      }
-      std::string c = doc.CanonicalizeSubtree(target);
-      sink(c.data(), c.size());
-    } else {
-      out.problems.push_back("external reference " + ref.uri + " not followed");
-      refs_ok = false;
-      continue;
-    }
-    if (hasher.finish() != ref.digest_value) {
-      out.problems.push_back("the document does not match the signed digest (reference \"" +
-                             ref.uri + "\")");
-      refs_ok = false;
-    }
-  }
-  out.references_valid = refs_ok;
+  ReadCertificate(out);
+  out.references_valid = CheckReferences(doc, out.problems);
+  CheckSignatureValue(doc, out);
+  return out;
+}
 
+void TElXMLVerifier::ReadCertificate(XmlSignatureCheck& out) const {
+  if (certificate_der_.empty()) {
+    out.problems.push_back("the signature carries no X509Certificate");
+    return;
+  }
+  try {
+    out.certificate = Certificate::from_der(certificate_der_);
+  } catch (const Exception&) {
+    out.problems.push_back("the X509Certificate of the signature is not a certificate");
+  }
+}
+
+bool TElXMLVerifier::CheckReferences(const xml::Document& doc,
+                                     std::vector<std::string>& problems) const {
+  if (references_.empty()) problems.push_back("the signature has no reference");
+  bool refs_ok = !references_.empty();
+  for (const auto& ref : references_)
+    if (!CheckReference(ref, doc, problems)) refs_ok = false;
+  return refs_ok;
+}
+
+bool TElXMLVerifier::CheckReference(const LoadedReference& ref, const xml::Document& doc,
+                                    std::vector<std::string>& problems) const {
+  DigestAlgorithm alg = digest_by_uri(ref.digest_method);
+  if (alg == DigestAlgorithm::Unknown) {
+    problems.push_back("unsupported digest method " + ref.digest_method);
+    return false;
+  }
+  bool enveloped = false, supported = true;
+  for (const auto& t : ref.transforms) {
+    if (t == dsig::kEnveloped)
+      enveloped = true;
+    else if (t != dsig::kC14N)
+      supported = false;
+  }
+  if (!supported) {
+    problems.push_back("unsupported transform in a reference");
+    return false;
+  }
+  crypto::Hasher hasher(alg);
+  auto sink = [&](const char* p, std::size_t n) { hasher.update(p, n); };
+  if (ref.uri.empty()) {
+    std::vector<xml::Node> excluded;
+    if (enveloped) excluded.push_back(FSourceNode);
+    CanonicalizeWithout(doc, excluded, sink);
+  } else if (ref.uri[0] == '#') {
+    xml::Node target = doc.FindById(ref.uri.substr(1));
+    if (!target) {
+      problems.push_back("reference " + ref.uri + " points at nothing");
+      return false;
+    }
+    std::string c = doc.CanonicalizeSubtree(target);
+    sink(c.data(), c.size());
+  } else {
+    problems.push_back("external reference " + ref.uri + " not followed");
+    return false;
+  }
+  if (hasher.finish() != ref.digest_value) {
+    problems.push_back("the document does not match the signed digest (reference \"" + ref.uri +
+                       "\")");
+    return false;
+  }
+  return true;
+}
+
+void TElXMLVerifier::CheckSignatureValue(const xml::Document& doc, XmlSignatureCheck& out) const {
   xml::Node si = dsig_child(FSourceNode, "SignedInfo");
   if (FCanonicalizationMethod < 1 || FCanonicalizationMethod > 4) {
     out.problems.push_back("unsupported canonicalization method");
-  } else if (out.certificate) {
-    std::string canonical =
-        doc.CanonicalizeSubtree(si, FCanonicalizationMethod >= 3, FCanonicalizationMethod % 2 == 0);
-    Bytes data(canonical.begin(), canonical.end());
-    const VerifyMethod* method = nullptr;
-    for (const auto& m : kVerifyMethods)
-      if (signature_method_uri_ == m.uri) method = &m;
-    auto pub = crypto::PublicKey::from_certificate(*out.certificate);
-    if (!method) {
-      out.problems.push_back("unsupported signature method " + signature_method_uri_);
-    } else if (pub.kind() != method->kind) {
-      out.problems.push_back("the signature method " + signature_method_uri_ +
-                             " does not fit the key of the signature's certificate");
-    } else {
-      if (method->kind == KeyKind::Rsa) {
-        out.signature_valid =
-            crypto::verify_message(pub.get(), method->hash, data, signature_value_);
-      } else if (signature_value_.size() == 2 * pub.dss_half_size()) {
-        // r || s of the group order's width; anything else (DER among them) is malformed.
-        out.signature_valid = pub.verify_digest(method->hash, crypto::digest(method->hash, data),
-                                                crypto::dss_signature_from_plain(signature_value_));
-      }
-      if (!out.signature_valid)
-        out.problems.push_back(
-            "the signature value does not verify with the signature's certificate");
-    }
+    return;
   }
-  return out;
+  if (!out.certificate) return;
+  Bytes data = canonical_signed_info(doc, si, FCanonicalizationMethod);
+  const VerifyMethod* method = verify_method_by_uri(signature_method_uri_);
+  auto pub = crypto::PublicKey::from_certificate(*out.certificate);
+  if (!method) {
+    out.problems.push_back("unsupported signature method " + signature_method_uri_);
+    return;
+  }
+  if (pub.kind() != method->kind) {
+    out.problems.push_back("the signature method " + signature_method_uri_ +
+                           " does not fit the key of the signature's certificate");
+    return;
+  }
+  out.signature_valid = signature_verifies(pub, *method, data, signature_value_);
+  if (!out.signature_valid)
+    out.problems.push_back("the signature value does not verify with the signature's certificate");
 }
 
 }  // namespace tessarel

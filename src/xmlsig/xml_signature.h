@@ -209,6 +209,13 @@ class TElXMLVerifier {
   void ReadSignedInfo(xml::Node sig, xml::Node signed_info);
   static LoadedReference ReadReference(xml::Node reference);
   void ReadKeyInfo(xml::Node sig);
+  // The parts of Verify: the KeyInfo's certificate, the reference digests, the signature
+  // value.
+  void ReadCertificate(XmlSignatureCheck& out) const;
+  bool CheckReferences(const xml::Document& doc, std::vector<std::string>& problems) const;
+  bool CheckReference(const LoadedReference& ref, const xml::Document& doc,
+                      std::vector<std::string>& problems) const;
+  void CheckSignatureValue(const xml::Document& doc, XmlSignatureCheck& out) const;
 
   std::vector<LoadedReference> references_;
   std::string signature_method_uri_;
