@@ -17,6 +17,7 @@ constexpr const char* kMissingElement = "Element not found";
   throw EElXMLSecurityError(m);
 }
 
+// Indexed by TElXMLCanonicalizationMethod.
 const char* const kC14NUris[] = {
     "",
     dsig::kC14N,
@@ -160,15 +161,16 @@ struct ElementPlan {
 
 }  // namespace
 
-std::string CanonicalizationURI(int code) {
+std::string CanonicalizationURI(TElXMLCanonicalizationMethod method) {
+  int code = static_cast<int>(method);
   if (code < 1 || code > 7) security_error("No canonicalization method used.");
   return kC14NUris[code];
 }
 
-int CanonicalizationCode(const std::string& uri) {
+TElXMLCanonicalizationMethod CanonicalizationCode(const std::string& uri) {
   for (int i = 1; i <= 7; ++i)
-    if (uri == kC14NUris[i]) return i;
-  return 0;
+    if (uri == kC14NUris[i]) return static_cast<TElXMLCanonicalizationMethod>(i);
+  return TElXMLCanonicalizationMethod::xcmNone;
 }
 
 std::string SignatureMethodURI(TElXMLSignatureMethod m) {
@@ -217,10 +219,11 @@ void CanonicalizeWithout(const xml::Document& doc, const std::vector<xml::Node>&
 
 // ---- signer ----
 
-void TElXMLSigner::SetCanonicalizationMethod(int code) {
-  if (code == 0) security_error("No canonicalization method used.");
-  CanonicalizationURI(code);
-  FCanonicalizationMethod = code;
+void TElXMLSigner::SetCanonicalizationMethod(TElXMLCanonicalizationMethod method) {
+  if (method == TElXMLCanonicalizationMethod::xcmNone)
+    security_error("No canonicalization method used.");
+  CanonicalizationURI(method);
+  FCanonicalizationMethod = method;
 }
 
 void TElXMLSigner::UpdateReferencesDigest(xml::Document& doc) {
@@ -298,8 +301,8 @@ ElementPlan reference_plan(const TElXMLReference& ref) {
 
 // The digest values are the references' digests so far: Save writes the final ones once the
 // signature stands where it will stay.
-ElementPlan signed_info_plan(int canonicalization, TElXMLSignatureMethod method,
-                             const TElXMLReferenceList& references) {
+ElementPlan signed_info_plan(TElXMLCanonicalizationMethod canonicalization,
+                             TElXMLSignatureMethod method, const TElXMLReferenceList& references) {
   ElementPlan signed_info{"SignedInfo", {}, "", {}};
   signed_info.children.push_back(
       {"CanonicalizationMethod", {{"Algorithm", CanonicalizationURI(canonicalization)}}, "", {}});
@@ -429,10 +432,14 @@ void write_digest_values(xml::Node signed_info, TElXMLReferenceList& references)
   }
 }
 
-Bytes canonical_signed_info(const xml::Document& doc, xml::Node signed_info, int canonicalization) {
-  std::string canonical =
-      doc.CanonicalizeSubtree(signed_info, canonicalization == 3 || canonicalization == 4,
-                              canonicalization == 2 || canonicalization == 4);
+// The 1.1 and minimal methods are written as their URIs say but canonicalized as Canonical
+// XML 1.0 without comments.
+Bytes canonical_signed_info(const xml::Document& doc, xml::Node signed_info,
+                            TElXMLCanonicalizationMethod method) {
+  using M = TElXMLCanonicalizationMethod;
+  bool exclusive = method == M::xcmExclusiveC14N || method == M::xcmExclusiveC14NWithComments;
+  bool comments = method == M::xcmC14NWithComments || method == M::xcmExclusiveC14NWithComments;
+  std::string canonical = doc.CanonicalizeSubtree(signed_info, exclusive, comments);
   return Bytes(canonical.begin(), canonical.end());
 }
 
@@ -543,7 +550,8 @@ void TElXMLVerifier::Load(xml::Node element) {
 
 void TElXMLVerifier::ReadSignedInfo(xml::Node sig, xml::Node si) {
   xml::Node cm = dsig_child(si, "CanonicalizationMethod");
-  FCanonicalizationMethod = cm ? CanonicalizationCode(cm.attribute("Algorithm")) : 0;
+  FCanonicalizationMethod =
+      cm ? CanonicalizationCode(cm.attribute("Algorithm")) : TElXMLCanonicalizationMethod::xcmNone;
   xml::Node sm = dsig_child(si, "SignatureMethod");
   signature_method_uri_ = sm ? sm.attribute("Algorithm") : "";
   FSignatureMethodType = signature_method_uri_.find("hmac") != std::string::npos
@@ -713,7 +721,9 @@ bool TElXMLVerifier::CheckReference(const LoadedReference& ref, const xml::Docum
 
 void TElXMLVerifier::CheckSignatureValue(const xml::Document& doc, XmlSignatureCheck& out) const {
   xml::Node si = dsig_child(FSourceNode, "SignedInfo");
-  if (FCanonicalizationMethod < 1 || FCanonicalizationMethod > 4) {
+  // Canonical XML 1.0 and Exclusive, with or without comments.
+  if (FCanonicalizationMethod < TElXMLCanonicalizationMethod::xcmC14N ||
+      FCanonicalizationMethod > TElXMLCanonicalizationMethod::xcmExclusiveC14NWithComments) {
     out.problems.push_back("unsupported canonicalization method");
     return;
   }
