@@ -125,23 +125,14 @@ void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::strin
   bool target_there = ::stat(target.c_str(), &at_target) == 0;
   if (!(target_there && same_file(fpath, at_target))) {
     if (target_there && !S_ISDIR(at_target.st_mode)) {
-      if (CollisionAction == -1) {
-        TSignFileOverriteDlg dlg;
-        currentUi().overwrite_choice(dlg);
-        CollisionAction = dlg.ItemIndex;
-      }
-      if (CollisionAction == 4) throw Exception("Operazione Annullata");
-      if (CollisionAction == 2 || CollisionAction == 3) {
-        if (CollisionAction == 2) CollisionAction = -1;
-        return;
-      }
-      // 0 or 1: overwrite (0 only this time).
-      if (known)
-        data_copy.emplace(known->content, target);
-      else
-        data_copy.emplace(fpath, target);
+      bool overwritten = ResolveCollision([&] {
+        if (known)
+          data_copy.emplace(known->content, target);
+        else
+          data_copy.emplace(fpath, target);
+      });
+      if (!overwritten) return;
       copied = replaced = true;
-      if (CollisionAction == 0) CollisionAction = -1;
     } else {
       if (known)
         data_copy.emplace(known->content, target);
@@ -272,6 +263,25 @@ void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::strin
     group.append_child(record);
   IndentElement(record, 0);
   isModified = true;
+}
+
+bool TSignEArchivia::ResolveCollision(const std::function<void()>& overwrite) {
+  if (CollisionAction == CollisionChoice::Ask) {
+    TSignFileOverriteDlg dlg;
+    currentUi().overwrite_choice(dlg);
+    CollisionAction = static_cast<CollisionChoice>(dlg.ItemIndex);
+  }
+  if (CollisionAction == CollisionChoice::Cancel) throw Exception("Operazione Annullata");
+  if (CollisionAction == CollisionChoice::SkipOnce ||
+      CollisionAction == CollisionChoice::SkipAlways) {
+    if (CollisionAction == CollisionChoice::SkipOnce) CollisionAction = CollisionChoice::Ask;
+    return false;
+  }
+  // OverwriteOnce or OverwriteAlways; any other value a front end leaves in the dialog
+  // overwrites too. A copy that fails leaves the answer as it was.
+  overwrite();
+  if (CollisionAction == CollisionChoice::OverwriteOnce) CollisionAction = CollisionChoice::Ask;
+  return true;
 }
 
 void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::string& XMLParam,

@@ -223,7 +223,7 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
   Fpatharchivia = index_location(patharchivia);
   FidCert = idCert;
   Fdetached = detached;
-  CollisionAction = -1;
+  CollisionAction = CollisionChoice::Ask;
   // Until this completes no index is open: a failure leaves the engine closed.
   FXMLDocument.reset();
   Cert.reset();
