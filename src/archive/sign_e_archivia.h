@@ -101,6 +101,9 @@ class TSignEArchivia : public ISignEArchivia {
   // or returns false to skip this file, as the remembered or the asked answer says. Raises
   // "Operazione Annullata" when the answer is to cancel.
   bool ResolveCollision(const std::function<void()>& overwrite);
+  // Puts a new record into the index: in place of the record it replaces, or last in its
+  // group (a new group goes last in the index).
+  void InsertRecord(xml::Node group, bool new_group, xml::Node old_record, xml::Node record);
   // True when the operations are this class's own (not overridden by a derived class).
   bool own_operations() const;
   // Writes the envelope of a file signed in memory beside it, then archives both.
