@@ -225,6 +225,15 @@ xml::Node record_element(xml::Document& doc, std::int64_t id, const std::string&
 
 }  // namespace
 
+void TSignEArchivia::CheckRecordInputs(const std::string& XMLParam, const std::string& Tipo) {
+  RequireOpenIndex();
+  // Nothing a document type names may lead outside the archive.
+  CheckTipo(Tipo);
+  // Refused before anything is copied: the index must stay a document every parser reads.
+  CheckXmlParam(XMLParam);
+  RelockArchive();
+}
+
 void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& fBusta,
                                   const std::string& XMLParam, const std::string& Tipo,
                                   DateTime Data) {
@@ -234,13 +243,8 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
 void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::string& fBusta,
                                       const std::string& XMLParam, const std::string& Tipo,
                                       DateTime Data, const SignedFile* known) {
-  RequireOpenIndex();
+  CheckRecordInputs(XMLParam, Tipo);
   if (Data == 0.0) Data = Date();
-  // Nothing a document type names may lead outside the archive.
-  CheckTipo(Tipo);
-  // Refused before anything is copied: the index must stay a document every parser reads.
-  CheckXmlParam(XMLParam);
-  RelockArchive();
   std::string archive = archive_folder();
   std::string relative = RelativeFolder(Tipo, Data);
   std::string folder = record_folder(archive, relative);
@@ -321,11 +325,8 @@ bool TSignEArchivia::ResolveCollision(const std::function<void()>& overwrite) {
 
 void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::string& XMLParam,
                                         const std::string& Tipo, DateTime Data) {
-  RequireOpenIndex();
   // Checked before signing, so a refused record leaves no envelope behind either.
-  CheckTipo(Tipo);
-  CheckXmlParam(XMLParam);
-  RelockArchive();
+  CheckRecordInputs(XMLParam, Tipo);
   // One pass over the file: it is read once, and its copy and digests come from those bytes.
   if (single_path(fpath) && own_operations()) {
     const Certificate* found = TrovaCertificato(FidCert);
@@ -360,6 +361,21 @@ void TSignEArchivia::ArchiveSigned(const std::string& fpath, const SignedFile& i
   ArchiviaFileFrom(fpath, envelope, XMLParam, Tipo, Data, &item);
 }
 
+// A run of files signed ahead on all cores. The certificate, its identifier and the mode are
+// those of the run's start: a file whose settings changed since goes alone.
+struct TSignEArchivia::AheadRun {
+  std::vector<std::string> files;
+  Certificate cert;
+  std::string id;
+  bool detached;
+  unsigned threads;
+  // Made at the run's first file, after that file's checks.
+  std::optional<SigningPipeline> pipeline{};
+  WrittenFiles written{};
+  // A file went alone (or the key was refused): the files after it start a new run.
+  bool again = false;
+};
+
 void TSignEArchivia::FirmaEArchiviaFiles(
     const std::vector<std::string>& files, const std::string& XMLParam, const std::string& Tipo,
     DateTime Data, const std::function<void(std::size_t)>& before,
@@ -378,23 +394,10 @@ void TSignEArchivia::FirmaEArchiviaFiles(
   unsigned threads = SigningThreads();
   std::size_t i = 0;
   while (i < files.size()) {
-    // Signing ahead needs what every file needs alike: an open index, a valid type and
-    // parameter, the certificate and its key. Without them each file goes alone and
-    // raises (or returns) what it would alone.
-    bool ahead = threads > 1 && files.size() - i >= 2 && own_operations();
     std::optional<Certificate> cert;
-    if (ahead) {
-      try {
-        RequireOpenIndex();
-        CheckTipo(Tipo);
-        CheckXmlParam(XMLParam);
-        if (const Certificate* found = TrovaCertificato(FidCert)) cert = *found;
-      } catch (const std::exception&) {
-        cert.reset();
-      }
-      ahead = cert.has_value();
-    }
-    if (!ahead) {
+    if (threads > 1 && files.size() - i >= 2 && own_operations())
+      cert = AheadCertificate(XMLParam, Tipo);
+    if (!cert) {
       for (; i < files.size(); ++i)
         if (!one(i, [&] { FirmaEArchiviaFile(files[i], XMLParam, Tipo, Data); })) return;
       return;
@@ -402,58 +405,63 @@ void TSignEArchivia::FirmaEArchiviaFiles(
     // The files from i on are signed ahead. A file that must go alone (missing, large, not a
     // plain file, or signed by other settings since) may write what later files read: the
     // files after it are signed ahead again from the disk as it is then.
-    std::vector<std::string> rest(files.begin() + static_cast<std::ptrdiff_t>(i), files.end());
-    const std::string id = FidCert;
-    const bool detached = Fdetached;
-    std::optional<SigningPipeline> pipeline;
-    WrittenFiles written;
-    bool again = false;
-    for (std::size_t k = 0; k < rest.size() && !again; ++k, ++i) {
-      const std::string& f = files[i];
-      bool go_on = one(i, [&] {
-        if (!pipeline) {
-          // The key is taken where one file alone takes it, after its checks: a token may
-          // ask for its PIN there.
-          RequireOpenIndex();
-          CheckTipo(Tipo);
-          CheckXmlParam(XMLParam);
-          RelockArchive();
-          std::shared_ptr<SigningKey> key = ChiaveDiFirma(*cert);
-          if (!key) {
-            // Nothing signed or recorded, as alone; the next file looks again.
-            again = true;
-            return;
-          }
-          pipeline.emplace(rest, *cert, key, SigningPipeline::Settings{detached, true, threads});
-        }
-        SignedFile item = pipeline->take(k);
-        using State = SignedFile::State;
-        bool stale = item.stamp.exists && written.stale(f, item.stamp);
-        if (item.state == State::Failed && !stale && FidCert == id) {
-          // What opening or reading raised; nothing was written for it.
-          RequireOpenIndex();
-          CheckTipo(Tipo);
-          CheckXmlParam(XMLParam);
-          RelockArchive();
-          std::rethrow_exception(item.error);
-        }
-        if (item.state != State::Signed || stale || FidCert != id || Fdetached != detached ||
-            !single_path(f)) {
-          again = true;
-          FirmaEArchiviaFile(f, XMLParam, Tipo, Data);
-          return;
-        }
-        RequireOpenIndex();
-        CheckTipo(Tipo);
-        CheckXmlParam(XMLParam);
-        RelockArchive();
-        pipeline->complete(item);
-        if (item.state == State::Failed) std::rethrow_exception(item.error);
-        ArchiveSigned(f, item, XMLParam, Tipo, Data, written);
-      });
-      if (!go_on) return;
-    }
+    AheadRun run{
+        std::vector<std::string>(files.begin() + static_cast<std::ptrdiff_t>(i), files.end()),
+        *cert, FidCert, Fdetached, threads};
+    for (std::size_t k = 0; k < run.files.size() && !run.again; ++k, ++i)
+      if (!one(i, [&] { ArchiveAhead(run, k, XMLParam, Tipo, Data); })) return;
   }
+}
+
+std::optional<Certificate> TSignEArchivia::AheadCertificate(const std::string& XMLParam,
+                                                            const std::string& Tipo) {
+  // Signing ahead needs what every file needs alike: an open index, a valid type and
+  // parameter, the certificate and its key. Without them each file goes alone and raises
+  // (or returns) what it would alone.
+  try {
+    RequireOpenIndex();
+    CheckTipo(Tipo);
+    CheckXmlParam(XMLParam);
+    if (const Certificate* found = TrovaCertificato(FidCert)) return *found;
+  } catch (const std::exception&) {
+  }
+  return std::nullopt;
+}
+
+void TSignEArchivia::ArchiveAhead(AheadRun& run, std::size_t k, const std::string& XMLParam,
+                                  const std::string& Tipo, DateTime Data) {
+  const std::string& f = run.files[k];
+  if (!run.pipeline) {
+    // The key is taken where one file alone takes it, after its checks: a token may ask for
+    // its PIN there.
+    CheckRecordInputs(XMLParam, Tipo);
+    std::shared_ptr<SigningKey> key = ChiaveDiFirma(run.cert);
+    if (!key) {
+      // Nothing signed or recorded, as alone; the next file looks again.
+      run.again = true;
+      return;
+    }
+    run.pipeline.emplace(run.files, run.cert, key,
+                         SigningPipeline::Settings{run.detached, true, run.threads});
+  }
+  SignedFile item = run.pipeline->take(k);
+  using State = SignedFile::State;
+  bool stale = item.stamp.exists && run.written.stale(f, item.stamp);
+  if (item.state == State::Failed && !stale && FidCert == run.id) {
+    // What opening or reading raised; nothing was written for it.
+    CheckRecordInputs(XMLParam, Tipo);
+    std::rethrow_exception(item.error);
+  }
+  if (item.state != State::Signed || stale || FidCert != run.id || Fdetached != run.detached ||
+      !single_path(f)) {
+    run.again = true;
+    FirmaEArchiviaFile(f, XMLParam, Tipo, Data);
+    return;
+  }
+  CheckRecordInputs(XMLParam, Tipo);
+  run.pipeline->complete(item);
+  if (item.state == State::Failed) std::rethrow_exception(item.error);
+  ArchiveSigned(f, item, XMLParam, Tipo, Data, run.written);
 }
 
 void FirmaEArchiviaFiles(ISignEArchivia& engine, const std::vector<std::string>& files,

@@ -104,6 +104,15 @@ class TSignEArchivia : public ISignEArchivia {
   // Puts a new record into the index: in place of the record it replaces, or last in its
   // group (a new group goes last in the index).
   void InsertRecord(xml::Node group, bool new_group, xml::Node old_record, xml::Node record);
+  // What every record needs before anything is signed or written: an open index, a valid
+  // type and parameter, the archive held by this engine.
+  void CheckRecordInputs(const std::string& XMLParam, const std::string& Tipo);
+  // The parts of FirmaEArchiviaFiles: the certificate when the files can be signed ahead
+  // (none when they go one by one), and one file of a run signed ahead.
+  struct AheadRun;
+  std::optional<Certificate> AheadCertificate(const std::string& XMLParam, const std::string& Tipo);
+  void ArchiveAhead(AheadRun& run, std::size_t k, const std::string& XMLParam,
+                    const std::string& Tipo, DateTime Data);
   // True when the operations are this class's own (not overridden by a derived class).
   bool own_operations() const;
   // Writes the envelope of a file signed in memory beside it, then archives both.
