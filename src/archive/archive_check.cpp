@@ -134,6 +134,93 @@ void check_envelope(const std::string& envelope_path, const std::string& data_pa
     problems.push_back({label, "the envelope's content is not the archived data file"});
 }
 
+// The index document, or none with the reason in the report.
+std::unique_ptr<xml::Document> read_index(const std::string& index, ArchiveCheckReport& report) {
+  std::unique_ptr<xml::Document> doc;
+  try {
+    doc = xml::Document::ParseFile(index);
+  } catch (const Exception& e) {
+    report.problems.push_back({"", std::string("index unreadable: ") + e.what()});
+    return nullptr;
+  }
+  if (!doc->root() || doc->root().name() != "IndiceFile") {
+    report.problems.push_back({"", "the index's root element is not IndiceFile"});
+    return nullptr;
+  }
+  return doc;
+}
+
+// The index is to be signed by expected_signer when one is named, else by a certificate of
+// the personal store.
+void check_signer(const Certificate& signer, const std::string& expected_signer,
+                  ArchiveCheckReport& report) {
+  bool trusted = false;
+  if (!expected_signer.empty()) {
+    trusted = report.signer_id == expected_signer;
+    if (!trusted)
+      report.problems.push_back({"", "the index is signed by certificate " + report.signer_id +
+                                         ", not by " + expected_signer});
+  } else {
+    for (const auto& c : personal_store()->certificates())
+      if (c == signer) trusted = true;
+    if (!trusted)
+      report.problems.push_back(
+          {"", "the index is signed by a certificate that is not in the personal store: " +
+                   report.signer_subject + " (" + report.signer_id + ")"});
+  }
+}
+
+// The index signature, and who made it.
+void check_index_signature(xml::Document& doc, const std::string& expected_signer,
+                           ArchiveCheckReport& report) {
+  TElXMLVerifier verifier;
+  try {
+    // The index signature is the root's own ds:Signature child, never one inside a record.
+    xml::Node signature = OwnSignature(doc.root());
+    if (!signature) throw Exception("no ds:Signature element under the index's root");
+    verifier.Load(signature);
+    XmlSignatureCheck check = verifier.Verify(doc);
+    for (const auto& p : check.problems)
+      report.problems.push_back({"", "index signature: " + p});
+    if (check.certificate) {
+      report.signer_id = check.certificate->id();
+      report.signer_subject = check.certificate->subject_text();
+    }
+    report.index_signed = check.ok();
+    if (check.ok()) check_signer(*check.certificate, expected_signer, report);
+  } catch (const Exception& e) {
+    report.problems.push_back(
+        {"", std::string("the index carries no usable signature: ") + e.what()});
+  }
+}
+
+// A record's files: there, as recorded, and the envelope verifying against the data file it
+// was archived with.
+void check_record(const std::string& archive, const ArchiveRecord& r, ArchiveCheckReport& report) {
+  std::string label = r.type + "#" + r.id + " " + r.name;
+  std::string data_path, envelope_path;
+  if (!r.has_data) {
+    report.problems.push_back({label, "the record has no data file"});
+  } else {
+    data_path = check_file(archive, r.data, "data file", label, report.problems);
+    ++report.files_checked;
+  }
+  if (r.has_envelope) {
+    envelope_path = check_file(archive, r.envelope, "envelope", label, report.problems);
+    ++report.files_checked;
+  }
+  if (envelope_path.empty() || data_path.empty()) return;
+  try {
+    check_envelope(envelope_path, data_path, label, report.problems);
+  } catch (const Exception& e) {
+    // One line per problem: what the file is, then the reader's detail in brackets.
+    std::string what = e.what();
+    if (auto nl = what.find('\n'); nl != std::string::npos)
+      what = what.substr(0, nl) + " (" + what.substr(nl + 1) + ")";
+    report.problems.push_back({label, "envelope: " + what});
+  }
+}
+
 }  // namespace
 
 std::vector<ArchiveRecord> ListArchive(const std::string& folder) {
@@ -149,81 +236,14 @@ ArchiveCheckReport VerifyArchive(const std::string& folder, const std::string& e
   ArchiveCheckReport report;
   std::string index = index_path_of(folder);
   std::string archive = ExtractFileDir(index);
-  std::unique_ptr<xml::Document> doc;
-  try {
-    doc = xml::Document::ParseFile(index);
-  } catch (const Exception& e) {
-    report.problems.push_back({"", std::string("index unreadable: ") + e.what()});
-    return report;
-  }
-  if (!doc->root() || doc->root().name() != "IndiceFile") {
-    report.problems.push_back({"", "the index's root element is not IndiceFile"});
-    return report;
-  }
-  // The index signature, and who made it.
-  TElXMLVerifier verifier;
-  try {
-    // The index signature is the root's own ds:Signature child, never one inside a record.
-    xml::Node signature = OwnSignature(doc->root());
-    if (!signature) throw Exception("no ds:Signature element under the index's root");
-    verifier.Load(signature);
-    XmlSignatureCheck check = verifier.Verify(*doc);
-    for (const auto& p : check.problems)
-      report.problems.push_back({"", "index signature: " + p});
-    if (check.certificate) {
-      report.signer_id = check.certificate->id();
-      report.signer_subject = check.certificate->subject_text();
-    }
-    report.index_signed = check.ok();
-    if (check.ok()) {
-      bool trusted = false;
-      if (!expected_signer.empty()) {
-        trusted = report.signer_id == expected_signer;
-        if (!trusted)
-          report.problems.push_back({"", "the index is signed by certificate " + report.signer_id +
-                                             ", not by " + expected_signer});
-      } else {
-        for (const auto& c : personal_store()->certificates())
-          if (c == *check.certificate) trusted = true;
-        if (!trusted)
-          report.problems.push_back(
-              {"", "the index is signed by a certificate that is not in the personal store: " +
-                       report.signer_subject + " (" + report.signer_id + ")"});
-      }
-    }
-  } catch (const Exception& e) {
-    report.problems.push_back(
-        {"", std::string("the index carries no usable signature: ") + e.what()});
-  }
-
+  std::unique_ptr<xml::Document> doc = read_index(index, report);
+  if (!doc) return report;
+  check_index_signature(*doc, expected_signer, report);
   std::vector<ArchiveRecord> records = records_of(*doc);
   report.records = records.size();
   std::size_t done = 0;
   for (const auto& r : records) {
-    std::string label = r.type + "#" + r.id + " " + r.name;
-    std::string data_path, envelope_path;
-    if (!r.has_data) {
-      report.problems.push_back({label, "the record has no data file"});
-    } else {
-      data_path = check_file(archive, r.data, "data file", label, report.problems);
-      ++report.files_checked;
-    }
-    if (r.has_envelope) {
-      envelope_path = check_file(archive, r.envelope, "envelope", label, report.problems);
-      ++report.files_checked;
-    }
-    // The envelope must verify against the data file it was archived with.
-    if (!envelope_path.empty() && !data_path.empty()) {
-      try {
-        check_envelope(envelope_path, data_path, label, report.problems);
-      } catch (const Exception& e) {
-        // One line per problem: what the file is, then the reader's detail in brackets.
-        std::string what = e.what();
-        if (auto nl = what.find('\n'); nl != std::string::npos)
-          what = what.substr(0, nl) + " (" + what.substr(nl + 1) + ")";
-        report.problems.push_back({label, "envelope: " + what});
-      }
-    }
+    check_record(archive, r, report);
     if (progress) progress(++done, records.size());
   }
   return report;

@@ -85,7 +85,154 @@ void CheckXmlParam(const std::string& param) {
   }
 }
 
+// The record's folder on disk (Tipo/YYYY/MM below the archive), made when missing; it must
+// lie inside the archive before and after it is made.
+std::string record_folder(const std::string& archive, const std::string& relative) {
+  std::string folder = LinkToPath(archive, relative.substr(0, relative.size() - 1));
+  CheckInsideArchive(archive, folder + "/x");
+  if (!DirectoryExists(folder)) {
+    if (!ForceDirectories(folder))
+      throw Exception("Impossibile create la cartella " + folder + "/");
+    // Made just now, through whatever the path held by then.
+    CheckInsideArchive(archive, folder + "/x");
+  }
+  return folder;
+}
+
+// The name a file is archived and recorded under.
+std::string record_file_name(const std::string& path) {
+  std::string name = ExtractFileName(path);
+  if (name.empty() || name == "." || name == "..")
+    throw Exception("Nome di file non valido: " + path);
+  CheckRecordFileName(name);
+  return name;
+}
+
+// A file of a record: its copy waiting in the archive (none when the file already lies
+// there), and the name, SHA-256 and size the record gives it.
+struct RecordFile {
+  std::string name;
+  std::optional<StagedCopy> copy;
+  std::string digest;
+  std::int64_t size = 0;
+};
+
+// The copy is written from the bytes signed in memory when there are some.
+void stage_copy(RecordFile& file, const std::string& path, const std::string& target,
+                const Bytes* in_memory) {
+  if (in_memory)
+    file.copy.emplace(*in_memory, target);
+  else
+    file.copy.emplace(path, target);
+}
+
+// A file signed in memory is not read again: its copy was written from those bytes, or it
+// is the very file at its archive place.
+void digest_data(RecordFile& data, const std::string& target, const SignedFile* known) {
+  if (known) {
+    data.digest = BinaryToString(known->content_digest);
+    data.size = static_cast<std::int64_t>(known->content.size());
+  } else {
+    HashFile(data.copy ? data.copy->temp_path() : target, data.digest, data.size);
+  }
+}
+
+// The envelope goes beside the data file: copied when the data file was copied, unless it
+// is there already.
+void stage_envelope(RecordFile& envelope, const std::string& fBusta, const std::string& folder,
+                    bool data_copied, const SignedFile* known) {
+  envelope.name = record_file_name(fBusta);
+  std::string target = folder + "/" + envelope.name;
+  bool in_memory = false;
+  if (data_copied && !same_file(fBusta, target)) {
+    stage_copy(envelope, fBusta, target, known ? &known->envelope : nullptr);
+    in_memory = known != nullptr;
+  } else {
+    in_memory = known && same_file(fBusta, target);
+  }
+  if (in_memory) {
+    envelope.digest = BinaryToString(known->envelope_digest);
+    envelope.size = static_cast<std::int64_t>(known->envelope.size());
+  } else {
+    HashFile(envelope.copy ? envelope.copy->temp_path() : target, envelope.digest, envelope.size);
+  }
+}
+
+// The group's record of the file name (the first attribute is the Name).
+xml::Node find_record(xml::Node group, const std::string& name) {
+  for (xml::Node c = group.first_child(); c; c = c.next_sibling())
+    if (c.is_element() && c.name() == "Documento" && c.attribute_count() > 0 &&
+        c.attribute_name(0) == "Name" && c.attribute_value(0) == name)
+      return c;
+  return xml::Node();
+}
+
+// The highest Id among the group's records that are numbers; -1 when none is.
+std::int64_t highest_id(xml::Node group) {
+  std::int64_t max = -1;
+  for (xml::Node c = group.first_child(); c; c = c.next_sibling())
+    try {
+      if (c.is_element()) max = std::max(max, StrToInt(c.attribute("Id")));
+    } catch (const EConvertError&) {
+    }
+  return max;
+}
+
+// A replacing record keeps the number of the one it replaces; a new one follows the
+// group's last record (numbers stay unique even when an Id is not a number).
+std::int64_t record_id(xml::Node group, bool new_group, xml::Node old_record) {
+  if (old_record) {
+    try {
+      return StrToInt(old_record.attribute("Id"));
+    } catch (const EConvertError&) {
+    }
+  }
+  if (new_group) return 0;
+  xml::Node last = group.last_child();
+  if (!last || last.attribute_count() == 0) return 0;
+  try {
+    return StrToInt(last.attribute("Id")) + 1;
+  } catch (const EConvertError&) {
+    return highest_id(group) + 1;
+  }
+}
+
+// A Documento element: its attributes, the host's parameter and the entries of its files.
+xml::Node record_element(xml::Document& doc, std::int64_t id, const std::string& XMLParam,
+                         const std::string& relative, const RecordFile& data, bool detached,
+                         const RecordFile* envelope) {
+  xml::Node record = doc.CreateElement("Documento");
+  record.set_attribute("Name", data.name);
+  record.set_attribute("Data", FormatIsoDate(Date()));
+  record.set_attribute("Id", std::to_string(id));
+  if (!XMLParam.empty()) record.append_child(doc.CreateText(escape_param(XMLParam), true));
+  xml::Node data_entry = doc.CreateElement("File_Dati");
+  record.append_child(data_entry);
+  data_entry.set_attribute("link", relative + data.name);
+  data_entry.set_attribute("size", std::to_string(data.size));
+  data_entry.set_attribute("Hash_SHA256", data.digest);
+  data_entry.set_attribute("detached", detached ? "T" : "F");
+  if (envelope) {
+    xml::Node busta = doc.CreateElement("File_Busta");
+    record.append_child(busta);
+    busta.set_attribute("link", relative + envelope->name);
+    busta.set_attribute("name", envelope->name);
+    busta.set_attribute("size", std::to_string(envelope->size));
+    busta.set_attribute("Hash_SHA256", envelope->digest);
+  }
+  return record;
+}
+
 }  // namespace
+
+void TSignEArchivia::CheckRecordInputs(const std::string& XMLParam, const std::string& Tipo) {
+  RequireOpenIndex();
+  // Nothing a document type names may lead outside the archive.
+  CheckTipo(Tipo);
+  // Refused before anything is copied: the index must stay a document every parser reads.
+  CheckXmlParam(XMLParam);
+  RelockArchive();
+}
 
 void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& fBusta,
                                   const std::string& XMLParam, const std::string& Tipo,
@@ -96,174 +243,57 @@ void TSignEArchivia::ArchiviaFile(const std::string& fpath, const std::string& f
 void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::string& fBusta,
                                       const std::string& XMLParam, const std::string& Tipo,
                                       DateTime Data, const SignedFile* known) {
-  RequireOpenIndex();
+  CheckRecordInputs(XMLParam, Tipo);
   if (Data == 0.0) Data = Date();
-  // Nothing a document type names may lead outside the archive.
-  CheckTipo(Tipo);
-  // Refused before anything is copied: the index must stay a document every parser reads.
-  CheckXmlParam(XMLParam);
-  RelockArchive();
   std::string archive = archive_folder();
   std::string relative = RelativeFolder(Tipo, Data);
-  std::string folder = LinkToPath(archive, relative.substr(0, relative.size() - 1));
-  CheckInsideArchive(archive, folder + "/x");
-  if (!DirectoryExists(folder)) {
-    if (!ForceDirectories(folder))
-      throw Exception("Impossibile create la cartella " + folder + "/");
-    // Made just now, through whatever the path held by then.
-    CheckInsideArchive(archive, folder + "/x");
-  }
+  std::string folder = record_folder(archive, relative);
 
-  std::string name = ExtractFileName(fpath);
-  if (name.empty() || name == "." || name == "..")
-    throw Exception("Nome di file non valido: " + fpath);
-  CheckRecordFileName(name);
-  std::string target = folder + "/" + name;
-  bool copied = false, replaced = false;
-  std::optional<StagedCopy> data_copy;
+  // Everything the record needs is computed before anything is put in place.
+  RecordFile data;
+  data.name = record_file_name(fpath);
+  std::string target = folder + "/" + data.name;
+  bool replaced = false;
   struct stat at_target {};
   bool target_there = ::stat(target.c_str(), &at_target) == 0;
   if (!(target_there && same_file(fpath, at_target))) {
+    auto copy = [&] { stage_copy(data, fpath, target, known ? &known->content : nullptr); };
     if (target_there && !S_ISDIR(at_target.st_mode)) {
-      if (CollisionAction == -1) {
-        TSignFileOverriteDlg dlg;
-        currentUi().overwrite_choice(dlg);
-        CollisionAction = dlg.ItemIndex;
-      }
-      if (CollisionAction == 4) throw Exception("Operazione Annullata");
-      if (CollisionAction == 2 || CollisionAction == 3) {
-        if (CollisionAction == 2) CollisionAction = -1;
-        return;
-      }
-      // 0 or 1: overwrite (0 only this time).
-      if (known)
-        data_copy.emplace(known->content, target);
-      else
-        data_copy.emplace(fpath, target);
-      copied = replaced = true;
-      if (CollisionAction == 0) CollisionAction = -1;
+      if (!ResolveCollision(copy)) return;
+      replaced = true;
     } else {
-      if (known)
-        data_copy.emplace(known->content, target);
-      else
-        data_copy.emplace(fpath, target);
-      copied = true;
+      copy();
     }
   }
-
-  // Everything the record needs is computed before anything is put in place.
-  std::string data_digest;
-  std::int64_t data_size = 0;
-  // A file signed in memory is not read again: its copy was written from those bytes, or
-  // it is the very file at its archive place.
-  if (known) {
-    data_digest = BinaryToString(known->content_digest);
-    data_size = static_cast<std::int64_t>(known->content.size());
-  } else {
-    HashFile(data_copy ? data_copy->temp_path() : target, data_digest, data_size);
-  }
-  std::optional<StagedCopy> envelope_copy;
-  std::string envelope_name, envelope_digest;
-  std::int64_t envelope_size = 0;
-  if (!fBusta.empty()) {
-    envelope_name = ExtractFileName(fBusta);
-    if (envelope_name.empty() || envelope_name == "." || envelope_name == "..")
-      throw Exception("Nome di file non valido: " + fBusta);
-    CheckRecordFileName(envelope_name);
-    std::string envelope_target = folder + "/" + envelope_name;
-    bool envelope_known = false;
-    if (copied && !same_file(fBusta, envelope_target)) {
-      if (known)
-        envelope_copy.emplace(known->envelope, envelope_target);
-      else
-        envelope_copy.emplace(fBusta, envelope_target);
-      envelope_known = known != nullptr;
-    } else {
-      envelope_known = known && same_file(fBusta, envelope_target);
-    }
-    if (envelope_known) {
-      envelope_digest = BinaryToString(known->envelope_digest);
-      envelope_size = static_cast<std::int64_t>(known->envelope.size());
-    } else {
-      HashFile(envelope_copy ? envelope_copy->temp_path() : envelope_target, envelope_digest,
-               envelope_size);
-    }
-  }
+  digest_data(data, target, known);
+  std::optional<RecordFile> envelope;
+  if (!fBusta.empty())
+    stage_envelope(envelope.emplace(), fBusta, folder, data.copy.has_value(), known);
 
   xml::Document& doc = *FXMLDocument;
-  xml::Node root = doc.root();
-  xml::Node group = root.find_child(Tipo);
+  xml::Node group = doc.root().find_child(Tipo);
   bool new_group = !group;
   if (new_group) group = doc.CreateElement(Tipo);
-
-  xml::Node old_record;
-  if (replaced && !new_group) {
-    for (xml::Node c = group.first_child(); c; c = c.next_sibling())
-      if (c.is_element() && c.name() == "Documento" && c.attribute_count() > 0 &&
-          c.attribute_name(0) == "Name" && c.attribute_value(0) == name) {
-        old_record = c;
-        break;
-      }
-  }
-  // A replacing record keeps the number of the one it replaces; a new one follows the
-  // group's last record (numbers stay unique even when an Id is not a number).
-  std::int64_t id = 0;
-  bool have_id = false;
-  if (old_record) {
-    try {
-      id = StrToInt(old_record.attribute("Id"));
-      have_id = true;
-    } catch (const EConvertError&) {
-    }
-  }
-  if (!have_id && !new_group) {
-    xml::Node last = group.last_child();
-    if (last && last.attribute_count() > 0) {
-      try {
-        id = StrToInt(last.attribute("Id")) + 1;
-      } catch (const EConvertError&) {
-        std::int64_t max = -1;
-        for (xml::Node c = group.first_child(); c; c = c.next_sibling())
-          try {
-            if (c.is_element()) max = std::max(max, StrToInt(c.attribute("Id")));
-          } catch (const EConvertError&) {
-          }
-        id = max + 1;
-      }
-    }
-  }
-
-  xml::Node record = doc.CreateElement("Documento");
-  record.set_attribute("Name", name);
-  record.set_attribute("Data", FormatIsoDate(Date()));
-  record.set_attribute("Id", std::to_string(id));
-  if (!XMLParam.empty()) record.append_child(doc.CreateText(escape_param(XMLParam), true));
-  xml::Node data = doc.CreateElement("File_Dati");
-  record.append_child(data);
-  data.set_attribute("link", relative + name);
-  data.set_attribute("size", std::to_string(data_size));
-  data.set_attribute("Hash_SHA256", data_digest);
-  data.set_attribute("detached", Fdetached ? "T" : "F");
-  if (!fBusta.empty()) {
-    xml::Node busta = doc.CreateElement("File_Busta");
-    record.append_child(busta);
-    busta.set_attribute("link", relative + envelope_name);
-    busta.set_attribute("name", envelope_name);
-    busta.set_attribute("size", std::to_string(envelope_size));
-    busta.set_attribute("Hash_SHA256", envelope_digest);
-  }
+  xml::Node old_record = replaced && !new_group ? find_record(group, data.name) : xml::Node();
+  xml::Node record = record_element(doc, record_id(group, new_group, old_record), XMLParam,
+                                    relative, data, Fdetached, envelope ? &*envelope : nullptr);
 
   // The copies take their places, then the record goes into the index.
-  if (data_copy) {
-    data_copy->commit();
+  if (data.copy) {
+    data.copy->commit();
     NoteArchived(target);
   }
-  if (envelope_copy) {
-    envelope_copy->commit();
-    NoteArchived(envelope_copy->target());
+  if (envelope && envelope->copy) {
+    envelope->copy->commit();
+    NoteArchived(envelope->copy->target());
   }
+  InsertRecord(group, new_group, old_record, record);
+}
+
+void TSignEArchivia::InsertRecord(xml::Node group, bool new_group, xml::Node old_record,
+                                  xml::Node record) {
   if (new_group) {
-    root.append_child(group);
+    FXMLDocument->root().append_child(group);
     IndentElement(group, 0);
   }
   if (old_record)
@@ -274,13 +304,29 @@ void TSignEArchivia::ArchiviaFileFrom(const std::string& fpath, const std::strin
   isModified = true;
 }
 
+bool TSignEArchivia::ResolveCollision(const std::function<void()>& overwrite) {
+  if (CollisionAction == CollisionChoice::Ask) {
+    TSignFileOverriteDlg dlg;
+    currentUi().overwrite_choice(dlg);
+    CollisionAction = static_cast<CollisionChoice>(dlg.ItemIndex);
+  }
+  if (CollisionAction == CollisionChoice::Cancel) throw Exception("Operazione Annullata");
+  if (CollisionAction == CollisionChoice::SkipOnce ||
+      CollisionAction == CollisionChoice::SkipAlways) {
+    if (CollisionAction == CollisionChoice::SkipOnce) CollisionAction = CollisionChoice::Ask;
+    return false;
+  }
+  // OverwriteOnce or OverwriteAlways; any other value a front end leaves in the dialog
+  // overwrites too. A copy that fails leaves the answer as it was.
+  overwrite();
+  if (CollisionAction == CollisionChoice::OverwriteOnce) CollisionAction = CollisionChoice::Ask;
+  return true;
+}
+
 void TSignEArchivia::FirmaEArchiviaFile(const std::string& fpath, const std::string& XMLParam,
                                         const std::string& Tipo, DateTime Data) {
-  RequireOpenIndex();
   // Checked before signing, so a refused record leaves no envelope behind either.
-  CheckTipo(Tipo);
-  CheckXmlParam(XMLParam);
-  RelockArchive();
+  CheckRecordInputs(XMLParam, Tipo);
   // One pass over the file: it is read once, and its copy and digests come from those bytes.
   if (single_path(fpath) && own_operations()) {
     const Certificate* found = TrovaCertificato(FidCert);
@@ -315,6 +361,21 @@ void TSignEArchivia::ArchiveSigned(const std::string& fpath, const SignedFile& i
   ArchiviaFileFrom(fpath, envelope, XMLParam, Tipo, Data, &item);
 }
 
+// A run of files signed ahead on all cores. The certificate, its identifier and the mode are
+// those of the run's start: a file whose settings changed since goes alone.
+struct TSignEArchivia::AheadRun {
+  std::vector<std::string> files;
+  Certificate cert;
+  std::string id;
+  bool detached;
+  unsigned threads;
+  // Made at the run's first file, after that file's checks.
+  std::optional<SigningPipeline> pipeline{};
+  WrittenFiles written{};
+  // A file went alone (or the key was refused): the files after it start a new run.
+  bool again = false;
+};
+
 void TSignEArchivia::FirmaEArchiviaFiles(
     const std::vector<std::string>& files, const std::string& XMLParam, const std::string& Tipo,
     DateTime Data, const std::function<void(std::size_t)>& before,
@@ -333,23 +394,10 @@ void TSignEArchivia::FirmaEArchiviaFiles(
   unsigned threads = SigningThreads();
   std::size_t i = 0;
   while (i < files.size()) {
-    // Signing ahead needs what every file needs alike: an open index, a valid type and
-    // parameter, the certificate and its key. Without them each file goes alone and
-    // raises (or returns) what it would alone.
-    bool ahead = threads > 1 && files.size() - i >= 2 && own_operations();
     std::optional<Certificate> cert;
-    if (ahead) {
-      try {
-        RequireOpenIndex();
-        CheckTipo(Tipo);
-        CheckXmlParam(XMLParam);
-        if (const Certificate* found = TrovaCertificato(FidCert)) cert = *found;
-      } catch (const std::exception&) {
-        cert.reset();
-      }
-      ahead = cert.has_value();
-    }
-    if (!ahead) {
+    if (threads > 1 && files.size() - i >= 2 && own_operations())
+      cert = AheadCertificate(XMLParam, Tipo);
+    if (!cert) {
       for (; i < files.size(); ++i)
         if (!one(i, [&] { FirmaEArchiviaFile(files[i], XMLParam, Tipo, Data); })) return;
       return;
@@ -357,58 +405,63 @@ void TSignEArchivia::FirmaEArchiviaFiles(
     // The files from i on are signed ahead. A file that must go alone (missing, large, not a
     // plain file, or signed by other settings since) may write what later files read: the
     // files after it are signed ahead again from the disk as it is then.
-    std::vector<std::string> rest(files.begin() + static_cast<std::ptrdiff_t>(i), files.end());
-    const std::string id = FidCert;
-    const bool detached = Fdetached;
-    std::optional<SigningPipeline> pipeline;
-    WrittenFiles written;
-    bool again = false;
-    for (std::size_t k = 0; k < rest.size() && !again; ++k, ++i) {
-      const std::string& f = files[i];
-      bool go_on = one(i, [&] {
-        if (!pipeline) {
-          // The key is taken where one file alone takes it, after its checks: a token may
-          // ask for its PIN there.
-          RequireOpenIndex();
-          CheckTipo(Tipo);
-          CheckXmlParam(XMLParam);
-          RelockArchive();
-          std::shared_ptr<SigningKey> key = ChiaveDiFirma(*cert);
-          if (!key) {
-            // Nothing signed or recorded, as alone; the next file looks again.
-            again = true;
-            return;
-          }
-          pipeline.emplace(rest, *cert, key, SigningPipeline::Settings{detached, true, threads});
-        }
-        SignedFile item = pipeline->take(k);
-        using State = SignedFile::State;
-        bool stale = item.stamp.exists && written.stale(f, item.stamp);
-        if (item.state == State::Failed && !stale && FidCert == id) {
-          // What opening or reading raised; nothing was written for it.
-          RequireOpenIndex();
-          CheckTipo(Tipo);
-          CheckXmlParam(XMLParam);
-          RelockArchive();
-          std::rethrow_exception(item.error);
-        }
-        if (item.state != State::Signed || stale || FidCert != id || Fdetached != detached ||
-            !single_path(f)) {
-          again = true;
-          FirmaEArchiviaFile(f, XMLParam, Tipo, Data);
-          return;
-        }
-        RequireOpenIndex();
-        CheckTipo(Tipo);
-        CheckXmlParam(XMLParam);
-        RelockArchive();
-        pipeline->complete(item);
-        if (item.state == State::Failed) std::rethrow_exception(item.error);
-        ArchiveSigned(f, item, XMLParam, Tipo, Data, written);
-      });
-      if (!go_on) return;
-    }
+    AheadRun run{
+        std::vector<std::string>(files.begin() + static_cast<std::ptrdiff_t>(i), files.end()),
+        *cert, FidCert, Fdetached, threads};
+    for (std::size_t k = 0; k < run.files.size() && !run.again; ++k, ++i)
+      if (!one(i, [&] { ArchiveAhead(run, k, XMLParam, Tipo, Data); })) return;
   }
+}
+
+std::optional<Certificate> TSignEArchivia::AheadCertificate(const std::string& XMLParam,
+                                                            const std::string& Tipo) {
+  // Signing ahead needs what every file needs alike: an open index, a valid type and
+  // parameter, the certificate and its key. Without them each file goes alone and raises
+  // (or returns) what it would alone.
+  try {
+    RequireOpenIndex();
+    CheckTipo(Tipo);
+    CheckXmlParam(XMLParam);
+    if (const Certificate* found = TrovaCertificato(FidCert)) return *found;
+  } catch (const std::exception&) {
+  }
+  return std::nullopt;
+}
+
+void TSignEArchivia::ArchiveAhead(AheadRun& run, std::size_t k, const std::string& XMLParam,
+                                  const std::string& Tipo, DateTime Data) {
+  const std::string& f = run.files[k];
+  if (!run.pipeline) {
+    // The key is taken where one file alone takes it, after its checks: a token may ask for
+    // its PIN there.
+    CheckRecordInputs(XMLParam, Tipo);
+    std::shared_ptr<SigningKey> key = ChiaveDiFirma(run.cert);
+    if (!key) {
+      // Nothing signed or recorded, as alone; the next file looks again.
+      run.again = true;
+      return;
+    }
+    run.pipeline.emplace(run.files, run.cert, key,
+                         SigningPipeline::Settings{run.detached, true, run.threads});
+  }
+  SignedFile item = run.pipeline->take(k);
+  using State = SignedFile::State;
+  bool stale = item.stamp.exists && run.written.stale(f, item.stamp);
+  if (item.state == State::Failed && !stale && FidCert == run.id) {
+    // What opening or reading raised; nothing was written for it.
+    CheckRecordInputs(XMLParam, Tipo);
+    std::rethrow_exception(item.error);
+  }
+  if (item.state != State::Signed || stale || FidCert != run.id || Fdetached != run.detached ||
+      !single_path(f)) {
+    run.again = true;
+    FirmaEArchiviaFile(f, XMLParam, Tipo, Data);
+    return;
+  }
+  CheckRecordInputs(XMLParam, Tipo);
+  run.pipeline->complete(item);
+  if (item.state == State::Failed) std::rethrow_exception(item.error);
+  ArchiveSigned(f, item, XMLParam, Tipo, Data, run.written);
 }
 
 void FirmaEArchiviaFiles(ISignEArchivia& engine, const std::vector<std::string>& files,

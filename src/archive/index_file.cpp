@@ -223,7 +223,7 @@ void TSignEArchivia::ApriIndice(const std::string& patharchivia, const std::stri
   Fpatharchivia = index_location(patharchivia);
   FidCert = idCert;
   Fdetached = detached;
-  CollisionAction = -1;
+  CollisionAction = CollisionChoice::Ask;
   // Until this completes no index is open: a failure leaves the engine closed.
   FXMLDocument.reset();
   Cert.reset();
@@ -343,7 +343,7 @@ void TSignEArchivia::SignIndex() {
     SignerFormatElement(&sender, e, level, path, start, end);
   };
   signer.FSignatureType = TElXMLSignatureType::xstEnveloped;
-  signer.SetCanonicalizationMethod(1);
+  signer.SetCanonicalizationMethod(TElXMLCanonicalizationMethod::xcmC14N);
   signer.FSignatureMethodType = TElXMLSigMethodType::xmtSig;
   // RSA keys sign with RSA-SHA1; an EC key (a smart card's P-256, say) has only ECDSA.
   signer.FSignatureMethod = Cert->key_kind() == KeyKind::Ec ? TElXMLSignatureMethod::xsmECDSA

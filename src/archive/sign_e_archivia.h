@@ -22,6 +22,17 @@ class WrittenFiles;
 
 class TSignEArchivia : public ISignEArchivia {
  public:
+  // What to do when a file of the same name is in the archive already: the items of the
+  // overwrite dialog, in its order, or Ask (show the dialog).
+  enum class CollisionChoice : std::int32_t {
+    Ask = -1,
+    OverwriteOnce = 0,
+    OverwriteAlways = 1,
+    SkipOnce = 2,
+    SkipAlways = 3,
+    Cancel = 4
+  };
+
   TSignEArchivia();
   ~TSignEArchivia() override;
   TSignEArchivia(const TSignEArchivia&) = delete;
@@ -73,7 +84,7 @@ class TSignEArchivia : public ISignEArchivia {
   const std::string& index_path() const { return Fpatharchivia; }
   const std::string& id_cert() const { return FidCert; }
   bool detached() const { return Fdetached; }
-  std::int32_t collision_action() const { return CollisionAction; }
+  std::int32_t collision_action() const { return static_cast<std::int32_t>(CollisionAction); }
 
   // Trust anchors for the report of VerificaFirma; empty (the default) adds no trust lines.
   TrustOptions FTrustOptions;
@@ -86,6 +97,22 @@ class TSignEArchivia : public ISignEArchivia {
   void ArchiviaFileFrom(const std::string& fpath, const std::string& fBusta,
                         const std::string& XMLParam, const std::string& Tipo, DateTime Data,
                         const SignedFile* known);
+  // A different file of the same name is in the archive: overwrites it through overwrite,
+  // or returns false to skip this file, as the remembered or the asked answer says. Raises
+  // "Operazione Annullata" when the answer is to cancel.
+  bool ResolveCollision(const std::function<void()>& overwrite);
+  // Puts a new record into the index: in place of the record it replaces, or last in its
+  // group (a new group goes last in the index).
+  void InsertRecord(xml::Node group, bool new_group, xml::Node old_record, xml::Node record);
+  // What every record needs before anything is signed or written: an open index, a valid
+  // type and parameter, the archive held by this engine.
+  void CheckRecordInputs(const std::string& XMLParam, const std::string& Tipo);
+  // The parts of FirmaEArchiviaFiles: the certificate when the files can be signed ahead
+  // (none when they go one by one), and one file of a run signed ahead.
+  struct AheadRun;
+  std::optional<Certificate> AheadCertificate(const std::string& XMLParam, const std::string& Tipo);
+  void ArchiveAhead(AheadRun& run, std::size_t k, const std::string& XMLParam,
+                    const std::string& Tipo, DateTime Data);
   // True when the operations are this class's own (not overridden by a derived class).
   bool own_operations() const;
   // Writes the envelope of a file signed in memory beside it, then archives both.
@@ -119,8 +146,9 @@ class TSignEArchivia : public ISignEArchivia {
   bool isModified = false;
   // Signing mode for files: detached .p7s or attached .p7m.
   bool Fdetached = false;
-  // Remembered answer to "the file exists in the archive": -1 ask, 0..4 the dialog's items.
-  std::int32_t CollisionAction = 0;
+  // Remembered answer to "the file exists in the archive"; 0 until ApriIndice, as every
+  // field of a new engine.
+  CollisionChoice CollisionAction = CollisionChoice::OverwriteOnce;
   // Files put in the archive since the index was last written: they reach the disk before
   // the index that lists them, one by one when they are few, with the whole file system
   // when they are many (then only the flag is kept).

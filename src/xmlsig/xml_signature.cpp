@@ -17,6 +17,7 @@ constexpr const char* kMissingElement = "Element not found";
   throw EElXMLSecurityError(m);
 }
 
+// Indexed by TElXMLCanonicalizationMethod.
 const char* const kC14NUris[] = {
     "",
     dsig::kC14N,
@@ -160,15 +161,16 @@ struct ElementPlan {
 
 }  // namespace
 
-std::string CanonicalizationURI(int code) {
+std::string CanonicalizationURI(TElXMLCanonicalizationMethod method) {
+  int code = static_cast<int>(method);
   if (code < 1 || code > 7) security_error("No canonicalization method used.");
   return kC14NUris[code];
 }
 
-int CanonicalizationCode(const std::string& uri) {
+TElXMLCanonicalizationMethod CanonicalizationCode(const std::string& uri) {
   for (int i = 1; i <= 7; ++i)
-    if (uri == kC14NUris[i]) return i;
-  return 0;
+    if (uri == kC14NUris[i]) return static_cast<TElXMLCanonicalizationMethod>(i);
+  return TElXMLCanonicalizationMethod::xcmNone;
 }
 
 std::string SignatureMethodURI(TElXMLSignatureMethod m) {
@@ -217,10 +219,11 @@ void CanonicalizeWithout(const xml::Document& doc, const std::vector<xml::Node>&
 
 // ---- signer ----
 
-void TElXMLSigner::SetCanonicalizationMethod(int code) {
-  if (code == 0) security_error("No canonicalization method used.");
-  CanonicalizationURI(code);
-  FCanonicalizationMethod = code;
+void TElXMLSigner::SetCanonicalizationMethod(TElXMLCanonicalizationMethod method) {
+  if (method == TElXMLCanonicalizationMethod::xcmNone)
+    security_error("No canonicalization method used.");
+  CanonicalizationURI(method);
+  FCanonicalizationMethod = method;
 }
 
 void TElXMLSigner::UpdateReferencesDigest(xml::Document& doc) {
@@ -278,108 +281,135 @@ void TElXMLSigner::GenerateSignature() {
   generated_ = true;
 }
 
-void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
-  if (!target) security_error(kMissingElement);
-  if (!generated_) GenerateSignature();
-  const Certificate& cert = *FKeyData->FCertificate;
+namespace {
 
-  ElementPlan signed_info{"SignedInfo", {}, "", {}};
-  signed_info.children.push_back({"CanonicalizationMethod",
-                                  {{"Algorithm", CanonicalizationURI(FCanonicalizationMethod)}},
-                                  "",
-                                  {}});
-  signed_info.children.push_back(
-      {"SignatureMethod", {{"Algorithm", SignatureMethodURI(FSignatureMethod)}}, "", {}});
-  for (auto& ref : FReferences->FReferences) {
-    ElementPlan r{"Reference", {}, "", {}};
-    if (ref->FHasURI) r.attributes.push_back({"URI", ref->FURI});
-    if (!ref->FTransformChain.FTransforms.empty()) {
-      ElementPlan transforms{"Transforms", {}, "", {}};
-      for (const auto& t : ref->FTransformChain.FTransforms)
-        transforms.children.push_back(
-            {"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
-      r.children.push_back(transforms);
-    }
-    r.children.push_back(
-        {"DigestMethod", {{"Algorithm", DigestMethodURI(ref->FDigestMethod)}}, "", {}});
-    r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref->FDigestValue), {}});
-    signed_info.children.push_back(r);
+ElementPlan reference_plan(const TElXMLReference& ref) {
+  ElementPlan r{"Reference", {}, "", {}};
+  if (ref.FHasURI) r.attributes.push_back({"URI", ref.FURI});
+  if (!ref.FTransformChain.FTransforms.empty()) {
+    ElementPlan transforms{"Transforms", {}, "", {}};
+    for (const auto& t : ref.FTransformChain.FTransforms)
+      transforms.children.push_back(
+          {"Transform", {{"Algorithm", t->FTransformAlgorithmURI}}, "", {}});
+    r.children.push_back(transforms);
   }
+  r.children.push_back(
+      {"DigestMethod", {{"Algorithm", DigestMethodURI(ref.FDigestMethod)}}, "", {}});
+  r.children.push_back({"DigestValue", {}, crypto::base64_encode(ref.FDigestValue), {}});
+  return r;
+}
+
+// The digest values are the references' digests so far: Save writes the final ones once the
+// signature stands where it will stay.
+ElementPlan signed_info_plan(TElXMLCanonicalizationMethod canonicalization,
+                             TElXMLSignatureMethod method, const TElXMLReferenceList& references) {
+  ElementPlan signed_info{"SignedInfo", {}, "", {}};
+  signed_info.children.push_back(
+      {"CanonicalizationMethod", {{"Algorithm", CanonicalizationURI(canonicalization)}}, "", {}});
+  signed_info.children.push_back(
+      {"SignatureMethod", {{"Algorithm", SignatureMethodURI(method)}}, "", {}});
+  for (const auto& ref : references.FReferences)
+    signed_info.children.push_back(reference_plan(*ref));
+  return signed_info;
+}
+
+// The public key in the clear, for the kinds that have a KeyValue form (RSA, DSA).
+std::optional<ElementPlan> key_value_plan(const Certificate& cert, const crypto::PublicKey& pub) {
+  if (cert.key_kind() == KeyKind::Rsa)
+    return ElementPlan{"KeyValue",
+                       {},
+                       "",
+                       {{"RSAKeyValue",
+                         {},
+                         "",
+                         {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
+                          {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}};
+  if (cert.key_kind() == KeyKind::Dsa)
+    return ElementPlan{"KeyValue",
+                       {},
+                       "",
+                       {{"DSAKeyValue",
+                         {},
+                         "",
+                         {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
+                          {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
+                          {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
+                          {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}};
+  return std::nullopt;
+}
+
+// The parts of the certificate that params asks for; no children when it asks for none.
+ElementPlan x509_data_plan(const Certificate& cert, unsigned params) {
+  ElementPlan x509{"X509Data", {}, "", {}};
+  if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
+    x509.children.push_back({"X509IssuerSerial",
+                             {},
+                             "",
+                             {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
+                              {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
+  if ((params & TElXMLKeyInfoX509Data::xkidX509SKI) && !cert.subject_key_identifier().empty())
+    x509.children.push_back(
+        {"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
+  if (params & TElXMLKeyInfoX509Data::xkidX509SubjectName)
+    x509.children.push_back({"X509SubjectName", {}, DistinguishedNameText(cert.subject()), {}});
+  if (params & TElXMLKeyInfoX509Data::xkidX509Certificate)
+    x509.children.push_back({"X509Certificate", {}, crypto::base64_encode(cert.der()), {}});
+  return x509;
+}
+
+// No children when there is neither a key name nor a key to show.
+ElementPlan key_info_plan(const std::string& key_name, bool include_key,
+                          const TElXMLKeyInfoX509Data& key_data) {
   ElementPlan key_info{"KeyInfo", {}, "", {}};
-  if (!FKeyName.empty()) key_info.children.push_back({"KeyName", {}, FKeyName, {}});
-  if (FIncludeKey) {
+  if (!key_name.empty()) key_info.children.push_back({"KeyName", {}, key_name, {}});
+  if (include_key) {
+    const Certificate& cert = *key_data.FCertificate;
     auto pub = crypto::PublicKey::from_certificate(cert);
-    if (FKeyData->FIncludeKeyValue) {
-      if (cert.key_kind() == KeyKind::Rsa) {
-        key_info.children.push_back(
-            {"KeyValue",
-             {},
-             "",
-             {{"RSAKeyValue",
-               {},
-               "",
-               {{"Modulus", {}, crypto::base64_encode(pub.rsa_modulus()), {}},
-                {"Exponent", {}, crypto::base64_encode(pub.rsa_exponent()), {}}}}}});
-      } else if (cert.key_kind() == KeyKind::Dsa) {
-        key_info.children.push_back({"KeyValue",
-                                     {},
-                                     "",
-                                     {{"DSAKeyValue",
-                                       {},
-                                       "",
-                                       {{"P", {}, crypto::base64_encode(pub.dsa_p()), {}},
-                                        {"Q", {}, crypto::base64_encode(pub.dsa_q()), {}},
-                                        {"G", {}, crypto::base64_encode(pub.dsa_g()), {}},
-                                        {"Y", {}, crypto::base64_encode(pub.dsa_y()), {}}}}}});
-      }
-    }
-    ElementPlan x509{"X509Data", {}, "", {}};
-    unsigned params = FKeyData->FIncludeDataParams;
-    if (params & TElXMLKeyInfoX509Data::xkidX509IssuerSerial)
-      x509.children.push_back({"X509IssuerSerial",
-                               {},
-                               "",
-                               {{"X509IssuerName", {}, DistinguishedNameText(cert.issuer()), {}},
-                                {"X509SerialNumber", {}, cert.serial_decimal(), {}}}});
-    if ((params & TElXMLKeyInfoX509Data::xkidX509SKI) && !cert.subject_key_identifier().empty())
-      x509.children.push_back(
-          {"X509SKI", {}, crypto::base64_encode(cert.subject_key_identifier()), {}});
-    if (params & TElXMLKeyInfoX509Data::xkidX509SubjectName)
-      x509.children.push_back({"X509SubjectName", {}, DistinguishedNameText(cert.subject()), {}});
-    if (params & TElXMLKeyInfoX509Data::xkidX509Certificate)
-      x509.children.push_back({"X509Certificate", {}, crypto::base64_encode(cert.der()), {}});
+    if (key_data.FIncludeKeyValue)
+      if (auto key_value = key_value_plan(cert, pub)) key_info.children.push_back(*key_value);
+    ElementPlan x509 = x509_data_plan(cert, key_data.FIncludeDataParams);
     if (!x509.children.empty()) key_info.children.push_back(x509);
   }
-  ElementPlan signature{"Signature", {}, "", {signed_info, {"SignatureValue", {}, "", {}}}};
-  if (!key_info.children.empty()) signature.children.push_back(key_info);
+  return key_info;
+}
 
-  // Writes an element, its children, then asks the handler for the white space around it.
-  xml::Node ns_holder;
-  std::function<xml::Node(const ElementPlan&, int, const std::string&, std::string&)> write =
-      [&](const ElementPlan& s, int level, const std::string& path,
-          std::string& start_ws) -> xml::Node {
-    xml::Node e = ns_holder ? doc.CreateElementLike(ns_holder, s.name)
-                            : doc.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
-    if (!ns_holder) ns_holder = e;
+// Writes planned elements into the document: the first with the ds prefix and namespace,
+// the others like it. Each element is written with its children, then the signer's handler
+// gives the white space around it.
+class PlanWriter {
+ public:
+  PlanWriter(xml::Document& doc, TElXMLSigner& signer) : doc_(doc), signer_(signer) {}
+
+  xml::Node write(const ElementPlan& s, int level, const std::string& path, std::string& start_ws) {
+    xml::Node e = ns_holder_ ? doc_.CreateElementLike(ns_holder_, s.name)
+                             : doc_.CreateElementNS(xml::kDsigNamespace, "ds", s.name);
+    if (!ns_holder_) ns_holder_ = e;
     for (const auto& [name, value] : s.attributes)
       e.set_attribute(name, value);
     for (const auto& c : s.children) {
       std::string child_ws;
       xml::Node child = write(c, level + 1, path + "/" + c.name, child_ws);
-      if (!child_ws.empty()) e.append_child(doc.CreateText(child_ws));
+      if (!child_ws.empty()) e.append_child(doc_.CreateText(child_ws));
       e.append_child(child);
     }
-    if (!s.text.empty()) e.append_child(doc.CreateText(s.text));
+    if (!s.text.empty()) e.append_child(doc_.CreateText(s.text));
     std::string end_ws;
-    if (FOnFormatElement) FOnFormatElement(*this, e, level, path, start_ws, end_ws);
-    if (!end_ws.empty()) e.append_child(doc.CreateText(end_ws));
+    if (signer_.FOnFormatElement)
+      signer_.FOnFormatElement(signer_, e, level, path, start_ws, end_ws);
+    if (!end_ws.empty()) e.append_child(doc_.CreateText(end_ws));
     return e;
-  };
-  std::string start_ws;
-  xml::Node sig = write(signature, 1, "Signature", start_ws);
+  }
 
-  // Placed last in the target. Trailing white space of the target is replaced by the
-  // signature's own line breaks, so signing, stripping and signing again gives the same file.
+ private:
+  xml::Document& doc_;
+  TElXMLSigner& signer_;
+  xml::Node ns_holder_;
+};
+
+// The signature goes last in the target. Trailing white space of the target is replaced by
+// the signature's own line breaks, so signing, stripping and signing again gives the same
+// file.
+void place_last(xml::Document& doc, xml::Node target, xml::Node sig, const std::string& start_ws) {
   while (target.last_child() && target.last_child().is_text() &&
          whitespace_only(target.last_child().text())) {
     xml::Node ws = target.last_child();
@@ -388,6 +418,59 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   if (!start_ws.empty()) target.append_child(doc.CreateText(start_ws));
   target.append_child(sig);
   if (!start_ws.empty()) target.append_child(doc.CreateText("\n"));
+}
+
+// The references' digests into the DigestValue elements of the written SignedInfo, in order.
+void write_digest_values(xml::Node signed_info, TElXMLReferenceList& references) {
+  int index = 0;
+  for (xml::Node r = signed_info.first_child(); r; r = r.next_sibling()) {
+    if (!is_dsig(r, "Reference")) continue;
+    xml::Node dv = dsig_child(r, "DigestValue");
+    if (dv && index < references.Count())
+      dv.set_text(crypto::base64_encode(references.Reference(index).FDigestValue));
+    ++index;
+  }
+}
+
+// The 1.1 and minimal methods are written as their URIs say but canonicalized as Canonical
+// XML 1.0 without comments.
+Bytes canonical_signed_info(const xml::Document& doc, xml::Node signed_info,
+                            TElXMLCanonicalizationMethod method) {
+  using M = TElXMLCanonicalizationMethod;
+  bool exclusive = method == M::xcmExclusiveC14N || method == M::xcmExclusiveC14NWithComments;
+  bool comments = method == M::xcmC14NWithComments || method == M::xcmExclusiveC14NWithComments;
+  std::string canonical = doc.CanonicalizeSubtree(signed_info, exclusive, comments);
+  return Bytes(canonical.begin(), canonical.end());
+}
+
+// The SignatureValue's bytes for the canonical SignedInfo.
+Bytes signature_value(const TElXMLKeyInfoX509Data& key_data, TElXMLSignatureMethod method,
+                      const Bytes& signed_info) {
+  DigestAlgorithm h = method_hash(method);
+  Bytes value = key_data.FKey->sign_digest(h, crypto::digest(h, signed_info));
+  // Keys give DSA and ECDSA signatures in DER; XML signatures carry r || s, each number as
+  // wide as the group order.
+  if (method == TElXMLSignatureMethod::xsmDSS || method == TElXMLSignatureMethod::xsmECDSA)
+    value = crypto::dss_signature_to_plain(
+        value, crypto::PublicKey::from_certificate(*key_data.FCertificate).dss_half_size());
+  return value;
+}
+
+}  // namespace
+
+void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
+  if (!target) security_error(kMissingElement);
+  if (!generated_) GenerateSignature();
+  ElementPlan signature{"Signature",
+                        {},
+                        "",
+                        {signed_info_plan(FCanonicalizationMethod, FSignatureMethod, *FReferences),
+                         {"SignatureValue", {}, "", {}}}};
+  ElementPlan key_info = key_info_plan(FKeyName, FIncludeKey, *FKeyData);
+  if (!key_info.children.empty()) signature.children.push_back(key_info);
+  std::string start_ws;
+  xml::Node sig = PlanWriter(doc, *this).write(signature, 1, "Signature", start_ws);
+  place_last(doc, target, sig, start_ws);
 
   xml::Node si = dsig_child(sig, "SignedInfo");
   if (!si) security_error("Invalid element: SignedInfo");
@@ -395,30 +478,56 @@ void TElXMLSigner::Save(xml::Document& doc, xml::Node target) {
   // digests are taken again now that the signature stands where it will stay.
   signature_node_ = sig;
   UpdateReferencesDigest(doc);
-  int index = 0;
-  for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
-    if (!is_dsig(r, "Reference")) continue;
-    xml::Node dv = dsig_child(r, "DigestValue");
-    if (dv && index < FReferences->Count())
-      dv.set_text(crypto::base64_encode(FReferences->Reference(index).FDigestValue));
-    ++index;
-  }
-  std::string canonical =
-      doc.CanonicalizeSubtree(si, FCanonicalizationMethod == 3 || FCanonicalizationMethod == 4,
-                              FCanonicalizationMethod == 2 || FCanonicalizationMethod == 4);
-  FSignedInfo.assign(canonical.begin(), canonical.end());
-  DigestAlgorithm h = method_hash(FSignatureMethod);
-  Bytes value = FKeyData->FKey->sign_digest(h, crypto::digest(h, FSignedInfo));
-  // Keys give DSA and ECDSA signatures in DER; XML signatures carry r || s, each number as
-  // wide as the group order.
-  if (FSignatureMethod == TElXMLSignatureMethod::xsmDSS ||
-      FSignatureMethod == TElXMLSignatureMethod::xsmECDSA)
-    value = crypto::dss_signature_to_plain(
-        value, crypto::PublicKey::from_certificate(cert).dss_half_size());
+  write_digest_values(si, *FReferences);
+  FSignedInfo = canonical_signed_info(doc, si, FCanonicalizationMethod);
+  Bytes value = signature_value(*FKeyData, FSignatureMethod, FSignedInfo);
   dsig_child(sig, "SignatureValue").append_child(doc.CreateText(crypto::base64_encode(value)));
 }
 
 // ---- verifier ----
+
+namespace {
+
+xml::Node find_descendant(xml::Node n, const char* local, const char* ns) {
+  for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
+    if (!c.is_element()) continue;
+    if (c.local_name() == local && c.namespace_uri() == ns) return c;
+    if (xml::Node f = find_descendant(c, local, ns)) return f;
+  }
+  return xml::Node();
+}
+
+// The element itself when it is a signature, else its own signature, else the first one
+// below it (an EBICS AuthSignature when there is no ds:Signature).
+xml::Node find_signature(xml::Node element) {
+  if (element.is_element() && element.local_name() == "Signature" &&
+      (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature"))
+    return element;
+  if (xml::Node own = OwnSignature(element)) return own;
+  if (xml::Node sig = find_descendant(element, "Signature", xml::kDsigNamespace)) return sig;
+  return find_descendant(element, "AuthSignature", "http://www.ebics.org/H003");
+}
+
+// Text that is not Base64 gives no bytes: the check then reports what is missing.
+Bytes decode_or_empty(const std::string& text) {
+  try {
+    return crypto::base64_decode(text);
+  } catch (const Exception&) {
+    return {};
+  }
+}
+
+// Whether a "#id" URI names one of the signature's own ds:Object elements.
+bool refers_into_objects(xml::Node sig, const std::string& uri) {
+  bool inside = false;
+  if (!uri.empty() && uri[0] == '#') {
+    for (xml::Node o = sig.first_child(); o; o = o.next_sibling())
+      if (is_dsig(o, "Object") && o.attribute("Id") == uri.substr(1)) inside = true;
+  }
+  return inside;
+}
+
+}  // namespace
 
 void TElXMLVerifier::Load(xml::Node element) {
   references_.clear();
@@ -428,31 +537,21 @@ void TElXMLVerifier::Load(xml::Node element) {
   FSourceNode = xml::Node();
   FSignatureType = 0;
   if (!element) security_error(kMissingElement);
-  xml::Node sig;
-  if (element.is_element() && element.local_name() == "Signature" &&
-      (element.namespace_uri() == xml::kDsigNamespace || element.name() == "ds:Signature")) {
-    sig = element;
-  } else if (xml::Node own = OwnSignature(element)) {
-    sig = own;
-  } else {
-    std::function<xml::Node(xml::Node, const char*, const char*)> find =
-        [&](xml::Node n, const char* local, const char* ns) {
-          for (xml::Node c = n.first_child(); c; c = c.next_sibling()) {
-            if (!c.is_element()) continue;
-            if (c.local_name() == local && c.namespace_uri() == ns) return c;
-            if (xml::Node f = find(c, local, ns)) return f;
-          }
-          return xml::Node();
-        };
-    sig = find(element, "Signature", xml::kDsigNamespace);
-    if (!sig) sig = find(element, "AuthSignature", "http://www.ebics.org/H003");
-  }
+  xml::Node sig = find_signature(element);
   if (!sig) security_error("Invalid element: no Signature found in " + element.name());
-
   xml::Node si = dsig_child(sig, "SignedInfo");
   if (!si) security_error("Invalid element: Signature without SignedInfo");
+  ReadSignedInfo(sig, si);
+  if (xml::Node sv = dsig_child(sig, "SignatureValue"))
+    signature_value_ = decode_or_empty(sv.text());
+  ReadKeyInfo(sig);
+  FSourceNode = sig;
+}
+
+void TElXMLVerifier::ReadSignedInfo(xml::Node sig, xml::Node si) {
   xml::Node cm = dsig_child(si, "CanonicalizationMethod");
-  FCanonicalizationMethod = cm ? CanonicalizationCode(cm.attribute("Algorithm")) : 0;
+  FCanonicalizationMethod =
+      cm ? CanonicalizationCode(cm.attribute("Algorithm")) : TElXMLCanonicalizationMethod::xcmNone;
   xml::Node sm = dsig_child(si, "SignatureMethod");
   signature_method_uri_ = sm ? sm.attribute("Algorithm") : "";
   FSignatureMethodType = signature_method_uri_.find("hmac") != std::string::npos
@@ -462,50 +561,35 @@ void TElXMLVerifier::Load(xml::Node element) {
     if (signature_method_uri_ == m.uri) FSignatureMethod = m.method;
   for (xml::Node r = si.first_child(); r; r = r.next_sibling()) {
     if (!is_dsig(r, "Reference")) continue;
-    LoadedReference ref;
-    ref.has_uri = r.has_attribute("URI");
-    ref.uri = r.attribute("URI");
-    if (xml::Node ts = dsig_child(r, "Transforms"))
-      for (xml::Node t = ts.first_child(); t; t = t.next_sibling())
-        if (is_dsig(t, "Transform")) ref.transforms.push_back(t.attribute("Algorithm"));
-    if (xml::Node dm = dsig_child(r, "DigestMethod")) ref.digest_method = dm.attribute("Algorithm");
-    if (xml::Node dv = dsig_child(r, "DigestValue")) {
-      try {
-        ref.digest_value = crypto::base64_decode(dv.text());
-      } catch (const Exception&) {
-        ref.digest_value.clear();
-      }
-    }
+    LoadedReference ref = ReadReference(r);
     // A reference into the signature's own objects makes it enveloping; one into the rest
     // of the document, enveloped.
-    bool inside = false;
-    if (!ref.uri.empty() && ref.uri[0] == '#') {
-      for (xml::Node o = sig.first_child(); o; o = o.next_sibling())
-        if (is_dsig(o, "Object") && o.attribute("Id") == ref.uri.substr(1)) inside = true;
-    }
-    FSignatureType |= inside ? (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))
-                             : (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloped));
-    references_.push_back(ref);
+    FSignatureType |= refers_into_objects(sig, ref.uri)
+                          ? (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloping))
+                          : (1u << static_cast<unsigned>(TElXMLSignatureType::xstEnveloped));
+    references_.push_back(std::move(ref));
   }
-  if (xml::Node sv = dsig_child(sig, "SignatureValue")) {
-    try {
-      signature_value_ = crypto::base64_decode(sv.text());
-    } catch (const Exception&) {
-      signature_value_.clear();
-    }
-  }
-  if (xml::Node ki = dsig_child(sig, "KeyInfo")) {
-    if (xml::Node kn = dsig_child(ki, "KeyName")) FKeyName = kn.text();
-    if (xml::Node xd = dsig_child(ki, "X509Data"))
-      if (xml::Node xc = dsig_child(xd, "X509Certificate")) {
-        try {
-          certificate_der_ = crypto::base64_decode(xc.text());
-        } catch (const Exception&) {
-          certificate_der_.clear();
-        }
-      }
-  }
-  FSourceNode = sig;
+}
+
+TElXMLVerifier::LoadedReference TElXMLVerifier::ReadReference(xml::Node r) {
+  LoadedReference ref;
+  ref.has_uri = r.has_attribute("URI");
+  ref.uri = r.attribute("URI");
+  if (xml::Node ts = dsig_child(r, "Transforms"))
+    for (xml::Node t = ts.first_child(); t; t = t.next_sibling())
+      if (is_dsig(t, "Transform")) ref.transforms.push_back(t.attribute("Algorithm"));
+  if (xml::Node dm = dsig_child(r, "DigestMethod")) ref.digest_method = dm.attribute("Algorithm");
+  if (xml::Node dv = dsig_child(r, "DigestValue")) ref.digest_value = decode_or_empty(dv.text());
+  return ref;
+}
+
+void TElXMLVerifier::ReadKeyInfo(xml::Node sig) {
+  xml::Node ki = dsig_child(sig, "KeyInfo");
+  if (!ki) return;
+  if (xml::Node kn = dsig_child(ki, "KeyName")) FKeyName = kn.text();
+  if (xml::Node xd = dsig_child(ki, "X509Data"))
+    if (xml::Node xc = dsig_child(xd, "X509Certificate"))
+      certificate_der_ = decode_or_empty(xc.text());
 }
 
 void TElXMLVerifier::RemoveSignature() {
@@ -528,6 +612,35 @@ void TElXMLVerifier::RemoveSignature() {
   FSourceNode = xml::Node();
 }
 
+namespace {
+
+DigestAlgorithm digest_by_uri(const std::string& uri) {
+  DigestAlgorithm alg = DigestAlgorithm::Unknown;
+  for (const auto& d : kDigestUris)
+    if (uri == d.uri) alg = d.alg;
+  return alg;
+}
+
+const VerifyMethod* verify_method_by_uri(const std::string& uri) {
+  const VerifyMethod* method = nullptr;
+  for (const auto& m : kVerifyMethods)
+    if (uri == m.uri) method = &m;
+  return method;
+}
+
+// Whether the signature value verifies with the key over the canonical SignedInfo.
+bool signature_verifies(const crypto::PublicKey& pub, const VerifyMethod& method,
+                        const Bytes& signed_info, const Bytes& value) {
+  if (method.kind == KeyKind::Rsa)
+    return crypto::verify_message(pub.get(), method.hash, signed_info, value);
+  // r || s of the group order's width; anything else (DER among them) is malformed.
+  if (value.size() != 2 * pub.dss_half_size()) return false;
+  return pub.verify_digest(method.hash, crypto::digest(method.hash, signed_info),
+                           crypto::dss_signature_from_plain(value));
+}
+
+}  // namespace
+
 XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
   XmlSignatureCheck out;
   if (!FSourceNode) {
@@ -535,97 +648,101 @@ XmlSignatureCheck TElXMLVerifier::Verify(const xml::Document& doc) {
     return out;
   }
   out.signature_found = true;
-  if (!certificate_der_.empty()) {
-    try {
-      out.certificate = Certificate::from_der(certificate_der_);
-    } catch (const Exception&) {
-      out.problems.push_back("the X509Certificate of the signature is not a certificate");
-    }
-  } else {
-    out.problems.push_back("the signature carries no X509Certificate");
-  }
-  if (references_.empty()) out.problems.push_back("the signature has no reference");
-  bool refs_ok = !references_.empty();
-  for (const auto& ref : references_) {
-    DigestAlgorithm alg = DigestAlgorithm::Unknown;
-    for (const auto& d : kDigestUris)
-      if (ref.digest_method == d.uri) alg = d.alg;
-    if (alg == DigestAlgorithm::Unknown) {
-      out.problems.push_back("unsupported digest method " + ref.digest_method);
-      refs_ok = false;
-      continue;
-    }
-    bool enveloped = false, supported = true;
-    for (const auto& t : ref.transforms) {
-      if (t == dsig::kEnveloped)
-        enveloped = true;
-      else if (t != dsig::kC14N)
-        supported = false;
-    }
-    if (!supported) {
-      out.problems.push_back("unsupported transform in a reference");
-      refs_ok = false;
-      continue;
-    }
-    crypto::Hasher hasher(alg);
-    auto sink = [&](const char* p, std::size_t n) { hasher.update(p, n); };
-    if (ref.uri.empty()) {
-      std::vector<xml::Node> excluded;
-      if (enveloped) excluded.push_back(FSourceNode);
-      CanonicalizeWithout(doc, excluded, sink);
-    } else if (ref.uri[0] == '#') {
-      xml::Node target = doc.FindById(ref.uri.substr(1));
-      if (!target) {
-        out.problems.push_back("reference " + ref.uri + " points at nothing");
-        refs_ok = false;
-        continue;
-      }
-      std::string c = doc.CanonicalizeSubtree(target);
-      sink(c.data(), c.size());
-    } else {
-      out.problems.push_back("external reference " + ref.uri + " not followed");
-      refs_ok = false;
-      continue;
-    }
-    if (hasher.finish() != ref.digest_value) {
-      out.problems.push_back("the document does not match the signed digest (reference \"" +
-                             ref.uri + "\")");
-      refs_ok = false;
-    }
-  }
-  out.references_valid = refs_ok;
-
-  xml::Node si = dsig_child(FSourceNode, "SignedInfo");
-  if (FCanonicalizationMethod < 1 || FCanonicalizationMethod > 4) {
-    out.problems.push_back("unsupported canonicalization method");
-  } else if (out.certificate) {
-    std::string canonical =
-        doc.CanonicalizeSubtree(si, FCanonicalizationMethod >= 3, FCanonicalizationMethod % 2 == 0);
-    Bytes data(canonical.begin(), canonical.end());
-    const VerifyMethod* method = nullptr;
-    for (const auto& m : kVerifyMethods)
-      if (signature_method_uri_ == m.uri) method = &m;
-    auto pub = crypto::PublicKey::from_certificate(*out.certificate);
-    if (!method) {
-      out.problems.push_back("unsupported signature method " + signature_method_uri_);
-    } else if (pub.kind() != method->kind) {
-      out.problems.push_back("the signature method " + signature_method_uri_ +
-                             " does not fit the key of the signature's certificate");
-    } else {
-      if (method->kind == KeyKind::Rsa) {
-        out.signature_valid =
-            crypto::verify_message(pub.get(), method->hash, data, signature_value_);
-      } else if (signature_value_.size() == 2 * pub.dss_half_size()) {
-        // r || s of the group order's width; anything else (DER among them) is malformed.
-        out.signature_valid = pub.verify_digest(method->hash, crypto::digest(method->hash, data),
-                                                crypto::dss_signature_from_plain(signature_value_));
-      }
-      if (!out.signature_valid)
-        out.problems.push_back(
-            "the signature value does not verify with the signature's certificate");
-    }
-  }
+  ReadCertificate(out);
+  out.references_valid = CheckReferences(doc, out.problems);
+  CheckSignatureValue(doc, out);
   return out;
+}
+
+void TElXMLVerifier::ReadCertificate(XmlSignatureCheck& out) const {
+  if (certificate_der_.empty()) {
+    out.problems.push_back("the signature carries no X509Certificate");
+    return;
+  }
+  try {
+    out.certificate = Certificate::from_der(certificate_der_);
+  } catch (const Exception&) {
+    out.problems.push_back("the X509Certificate of the signature is not a certificate");
+  }
+}
+
+bool TElXMLVerifier::CheckReferences(const xml::Document& doc,
+                                     std::vector<std::string>& problems) const {
+  if (references_.empty()) problems.push_back("the signature has no reference");
+  bool refs_ok = !references_.empty();
+  for (const auto& ref : references_)
+    if (!CheckReference(ref, doc, problems)) refs_ok = false;
+  return refs_ok;
+}
+
+bool TElXMLVerifier::CheckReference(const LoadedReference& ref, const xml::Document& doc,
+                                    std::vector<std::string>& problems) const {
+  DigestAlgorithm alg = digest_by_uri(ref.digest_method);
+  if (alg == DigestAlgorithm::Unknown) {
+    problems.push_back("unsupported digest method " + ref.digest_method);
+    return false;
+  }
+  bool enveloped = false, supported = true;
+  for (const auto& t : ref.transforms) {
+    if (t == dsig::kEnveloped)
+      enveloped = true;
+    else if (t != dsig::kC14N)
+      supported = false;
+  }
+  if (!supported) {
+    problems.push_back("unsupported transform in a reference");
+    return false;
+  }
+  crypto::Hasher hasher(alg);
+  auto sink = [&](const char* p, std::size_t n) { hasher.update(p, n); };
+  if (ref.uri.empty()) {
+    std::vector<xml::Node> excluded;
+    if (enveloped) excluded.push_back(FSourceNode);
+    CanonicalizeWithout(doc, excluded, sink);
+  } else if (ref.uri[0] == '#') {
+    xml::Node target = doc.FindById(ref.uri.substr(1));
+    if (!target) {
+      problems.push_back("reference " + ref.uri + " points at nothing");
+      return false;
+    }
+    std::string c = doc.CanonicalizeSubtree(target);
+    sink(c.data(), c.size());
+  } else {
+    problems.push_back("external reference " + ref.uri + " not followed");
+    return false;
+  }
+  if (hasher.finish() != ref.digest_value) {
+    problems.push_back("the document does not match the signed digest (reference \"" + ref.uri +
+                       "\")");
+    return false;
+  }
+  return true;
+}
+
+void TElXMLVerifier::CheckSignatureValue(const xml::Document& doc, XmlSignatureCheck& out) const {
+  xml::Node si = dsig_child(FSourceNode, "SignedInfo");
+  // Canonical XML 1.0 and Exclusive, with or without comments.
+  if (FCanonicalizationMethod < TElXMLCanonicalizationMethod::xcmC14N ||
+      FCanonicalizationMethod > TElXMLCanonicalizationMethod::xcmExclusiveC14NWithComments) {
+    out.problems.push_back("unsupported canonicalization method");
+    return;
+  }
+  if (!out.certificate) return;
+  Bytes data = canonical_signed_info(doc, si, FCanonicalizationMethod);
+  const VerifyMethod* method = verify_method_by_uri(signature_method_uri_);
+  auto pub = crypto::PublicKey::from_certificate(*out.certificate);
+  if (!method) {
+    out.problems.push_back("unsupported signature method " + signature_method_uri_);
+    return;
+  }
+  if (pub.kind() != method->kind) {
+    out.problems.push_back("the signature method " + signature_method_uri_ +
+                           " does not fit the key of the signature's certificate");
+    return;
+  }
+  out.signature_valid = signature_verifies(pub, *method, data, signature_value_);
+  if (!out.signature_valid)
+    out.problems.push_back("the signature value does not verify with the signature's certificate");
 }
 
 }  // namespace tessarel

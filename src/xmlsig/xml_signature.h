@@ -37,6 +37,17 @@ enum class TElXMLSignatureMethod {
   xsmGOST1994,
   xsmGOST2001
 };
+// Canonicalization methods; the values are the codes hosts and stored settings use.
+enum class TElXMLCanonicalizationMethod : int {
+  xcmNone = 0,
+  xcmC14N = 1,  // Canonical XML 1.0
+  xcmC14NWithComments = 2,
+  xcmExclusiveC14N = 3,
+  xcmExclusiveC14NWithComments = 4,
+  xcmMinimal = 5,
+  xcmC14N11 = 6,  // Canonical XML 1.1
+  xcmC14N11WithComments = 7
+};
 enum class TElXMLSignatureType { xstDetached = 0, xstEnveloping = 1, xstEnveloped = 2 };
 enum class TElXMLSigMethodType { xmtSig = 0, xmtMAC = 1 };
 enum class TElXMLMACMethod {
@@ -59,9 +70,9 @@ inline constexpr const char* kSha1 = "http://www.w3.org/2000/09/xmldsig#sha1";
 inline constexpr const char* kRsaSha1 = "http://www.w3.org/2000/09/xmldsig#rsa-sha1";
 }  // namespace dsig
 
-// Canonicalization method codes and their URIs (1 = Canonical XML 1.0, ...).
-std::string CanonicalizationURI(int code);
-int CanonicalizationCode(const std::string& uri);
+// Canonicalization methods and their URIs; xcmNone for a URI that names none of them.
+std::string CanonicalizationURI(TElXMLCanonicalizationMethod method);
+TElXMLCanonicalizationMethod CanonicalizationCode(const std::string& uri);
 std::string SignatureMethodURI(TElXMLSignatureMethod m);
 std::string DigestMethodURI(TElXMLDigestMethod m);
 
@@ -138,8 +149,8 @@ class TElXMLSigner {
       TElXMLSigner& sender, xml::Node element, int level, const std::string& path,
       std::string& start_whitespace, std::string& end_whitespace)>;
 
-  void SetCanonicalizationMethod(int code);
-  int CanonicalizationMethod() const { return FCanonicalizationMethod; }
+  void SetCanonicalizationMethod(TElXMLCanonicalizationMethod method);
+  TElXMLCanonicalizationMethod CanonicalizationMethod() const { return FCanonicalizationMethod; }
   void SetReferences(TElXMLReferenceList* list) { FReferences = list; }
 
   TElXMLSignatureMethod FSignatureMethod = TElXMLSignatureMethod::xsmRSA_SHA1;
@@ -162,7 +173,7 @@ class TElXMLSigner {
   void Save(xml::Document& doc, xml::Node target);
 
  private:
-  int FCanonicalizationMethod = 1;
+  TElXMLCanonicalizationMethod FCanonicalizationMethod = TElXMLCanonicalizationMethod::xcmC14N;
   TElXMLReferenceList* FReferences = nullptr;
   bool generated_ = false;
   // The ds:Signature element once Save has placed it.
@@ -192,7 +203,7 @@ class TElXMLVerifier {
 
   xml::Node FSourceNode;
   unsigned FSignatureType = 0;  // bits: 1 << xstDetached, 1 << xstEnveloping, 1 << xstEnveloped
-  int FCanonicalizationMethod = 1;
+  TElXMLCanonicalizationMethod FCanonicalizationMethod = TElXMLCanonicalizationMethod::xcmC14N;
   TElXMLSignatureMethod FSignatureMethod = TElXMLSignatureMethod::xsmRSA_SHA1;
   TElXMLSigMethodType FSignatureMethodType = TElXMLSigMethodType::xmtSig;
   std::string FKeyName;
@@ -205,6 +216,18 @@ class TElXMLVerifier {
     std::string digest_method;
     Bytes digest_value;
   };
+  // The parts of Load: SignedInfo (methods and references), one reference, KeyInfo.
+  void ReadSignedInfo(xml::Node sig, xml::Node signed_info);
+  static LoadedReference ReadReference(xml::Node reference);
+  void ReadKeyInfo(xml::Node sig);
+  // The parts of Verify: the KeyInfo's certificate, the reference digests, the signature
+  // value.
+  void ReadCertificate(XmlSignatureCheck& out) const;
+  bool CheckReferences(const xml::Document& doc, std::vector<std::string>& problems) const;
+  bool CheckReference(const LoadedReference& ref, const xml::Document& doc,
+                      std::vector<std::string>& problems) const;
+  void CheckSignatureValue(const xml::Document& doc, XmlSignatureCheck& out) const;
+
   std::vector<LoadedReference> references_;
   std::string signature_method_uri_;
   Bytes signature_value_;

@@ -80,7 +80,7 @@ TEST(Signer, RefusesWithoutKeyDataOrForAnotherKeyKind) {
   TElXMLSigner s;
   EXPECT_THROW(s.GenerateSignature(), EElXMLSecurityError);
   try {
-    s.SetCanonicalizationMethod(0);
+    s.SetCanonicalizationMethod(TElXMLCanonicalizationMethod::xcmNone);
     FAIL();
   } catch (const EElXMLSecurityError& e) {
     EXPECT_STREQ(e.what(), "No canonicalization method used.");

@@ -115,8 +115,36 @@ TEST_F(ArchiveCheck, AnIndexSignedAgainByAnotherCertificate) {
       problems(r).find("signed by a certificate that is not in the personal store: CN=Falsario"),
       std::string::npos)
       << problems(r);
-  EXPECT_FALSE(VerifyArchive(arch_, "0A2C").ok());
+  EXPECT_EQ(problems(VerifyArchive(arch_, "0A2C")),
+            ": the index is signed by certificate " + forger.id() + ", not by 0A2C\n");
   EXPECT_TRUE(VerifyArchive(arch_, forger.id()).problems.empty());
+}
+
+// An index without its signature is still checked record by record; a record without its
+// data file and an index of another kind are named as such.
+TEST_F(ArchiveCheck, AnUnsignedIndexARecordWithoutDataAndAnotherRoot) {
+  std::string text = test::read_file(at("index.xml"));
+  auto cut = [&](const std::string& from, const std::string& to) {
+    auto a = text.find(from);
+    ASSERT_NE(a, std::string::npos) << from;
+    text.erase(a, text.find(to, a) + to.size() - a);
+  };
+  cut("<ds:Signature", "</ds:Signature>\n");
+  cut("<File_Dati link=\"Contratti\\2021\\03\\b.txt\"", "</File_Dati>");
+  test::write_file(at("index.xml"), text);
+  ArchiveCheckReport r = VerifyArchive(arch_);
+  EXPECT_FALSE(r.index_signed);
+  EXPECT_EQ(r.signer_id, "");
+  EXPECT_EQ(r.records, 3u);
+  EXPECT_EQ(r.files_checked, 5u);
+  EXPECT_EQ(problems(r),
+            ": the index carries no usable signature: no ds:Signature element under the index's "
+            "root\nContratti#1 b.txt: the record has no data file\n");
+
+  test::write_file(at("index.xml"), "<Archivio><Contratti/></Archivio>");
+  r = VerifyArchive(arch_);
+  EXPECT_EQ(problems(r), ": the index's root element is not IndiceFile\n");
+  EXPECT_EQ(r.records, 0u);
 }
 
 TEST_F(ArchiveCheck, AnEnvelopeReceivedAsBase64IsCheckedLikeOurOwn) {

@@ -146,6 +146,66 @@ TEST_F(Archiving, CollisionChoices) {
   }
 }
 
+// The records as ArchiviaFile writes them, byte for byte: attribute order, the escaped
+// parameter, the file entries and their indentation, a new group after the others, and the
+// numbering when an Id is not a number (the next after the highest; a replaced record whose
+// Id is not a number gets the next one too, in the old record's place).
+TEST_F(Archiving, RecordsAreWrittenExactlyAndNumberedPastIdsThatAreNotNumbers) {
+  TSignEArchivia e;
+  e.ApriIndice(arch_, "0A2C", false);
+  std::string b = input("b.txt", "beta");
+  e.ArchiviaFile(input("a.txt", "alpha"), input("a.txt.p7m", "ENV"), "<Nota>n</Nota> & l'x",
+                 "Contratti", march_);
+  e.ArchiviaFile(b, "", "", "Contratti", march_);
+  e.ArchiviaFile(input("c.txt", "gamma"), "", "", "Fatture", april_);
+  xml::Node contratti = e.document()->root().find_child("Contratti");
+  contratti.first_child().set_attribute("Id", "5");
+  contratti.last_child().set_attribute("Id", "x");
+  e.ArchiviaFile(input("d.txt", "delta"), "", "", "Contratti", march_);
+  test::write_file(b, "beta 2");
+  ui_->answer_overwrite(0);
+  e.ArchiviaFile(b, "", "", "Contratti", march_);
+
+  std::string text = e.document()->Serialize();
+  std::string today = FormatIsoDate(Date());
+  auto file = [](const std::string& folder, const std::string& name, int size,
+                 const std::string& digest) {
+    return "<File_Dati link=\"" + folder + name + "\" size=\"" + std::to_string(size) +
+           "\" Hash_SHA256=\"" + digest + "\" detached=\"F\">\n\t</File_Dati>";
+  };
+  auto record = [&](const std::string& name, const std::string& id, const std::string& inner) {
+    return "<Documento Name=\"" + name + "\" Data=\"" + today + "\" Id=\"" + id + "\">" + inner +
+           "</Documento>";
+  };
+  const std::string march = "Contratti\\2021\\03\\";
+  std::string expected =
+      "<Contratti>" +
+      record("a.txt", "5",
+             "<Nota>n</Nota> &amp; l&apos;x\n\t" +
+                 file(march, "a.txt", 5,
+                      "8ED3F6AD685B959EAD7022518E1AF76CD816F8E8EC7CCDDA1ED4018E8F2223F8") +
+                 "\n\t<File_Busta link=\"" + march +
+                 "a.txt.p7m\" name=\"a.txt.p7m\" size=\"3\" Hash_SHA256=\""
+                 "416861C7E2C15AEFEFE28970E4C33BA6C1061CA5868EC15BC33126382200FE4A\">\n\t"
+                 "</File_Busta>") +
+      record("b.txt", "7",
+             "\n\t" + file(march, "b.txt", 6,
+                           "15C55834C2DA6A3F05E53D4515E9E367913822B7D4D60F9E5322B521E362C20E")) +
+      record("d.txt", "6",
+             "\n\t" + file(march, "d.txt", 5,
+                           "4F4A9410FFCDF895C4ADB880659E9B5C0DD1F23A30790684340B3EAACB045398")) +
+      "</Contratti><Fatture>" +
+      record("c.txt", "0",
+             "\n\t" + file("Fatture\\2021\\04\\", "c.txt", 5,
+                           "BE9D587DEFA1F0C09EF49EB17E206983A5F8F8289E4281860BD0EE5A19592C67")) +
+      "</Fatture></IndiceFile>\n";
+  auto at_group = text.find("<Contratti>");
+  ASSERT_NE(at_group, std::string::npos) << text;
+  EXPECT_EQ(text.substr(at_group), expected);
+  EXPECT_EQ(test::read_file(at("Contratti/2021/03/b.txt")), "beta 2");
+  EXPECT_EQ(test::read_file(at("Contratti/2021/03/a.txt.p7m")), "ENV");
+}
+
 TEST_F(Archiving, CancelStopsAndIsRememberedTheCloseBoxKeepsTheSelection) {
   std::string f = input("doc.txt", "v1");
   {
