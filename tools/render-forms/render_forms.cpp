@@ -80,6 +80,7 @@ int main(int argc, char** argv) {
     auto ui = make_ui("qt");
     if (std::string(ui->name()) != "qt") {
       std::fprintf(stderr, "tessarel-render-forms: the Qt front end cannot be loaded\n");
+      std::filesystem::remove_all(store_dir, ec);
       return 1;
     }
     setUi(ui);
