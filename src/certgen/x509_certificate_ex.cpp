@@ -111,8 +111,7 @@ Bytes public_key_bits(const TElAlgorithmIdentifier& alg, const crypto::PrivateKe
     case CertAlgorithm::Dsa:
     case CertAlgorithm::Dh:
       if (kind != KeyKind::Dsa) return {};
-      return asn1::tlv(asn1::kInteger,
-                       asn1::unsigned_integer_content(crypto::dsa_numbers(key).y));
+      return asn1::tlv(asn1::kInteger, asn1::unsigned_integer_content(crypto::dsa_numbers(key).y));
     case CertAlgorithm::Ec:
       if (kind != KeyKind::Ec) return {};
       return crypto::ec_public_point(key);
@@ -177,6 +176,91 @@ TElAlgorithmIdentifier identifier_of_key(const crypto::PrivateKey& key) {
     default:
       cert_error(kCertErrorUnsupported, "Unsupported key kind for certificate generation");
   }
+}
+
+// The signing key can make the signature, and the signature algorithm is one.
+void check_algorithms(const TElAlgorithmIdentifier& signing, const TElAlgorithmIdentifier& sig) {
+  check_pairing(signing, sig);
+  if (!sig.is_signature() && sig.algorithm() != CertAlgorithm::RsaPss &&
+      sig.algorithm() != CertAlgorithm::RsaOaep)
+    cert_error(kCertErrorCannotPair,
+               AlgorithmName(sig.algorithm()) + " is not a signature algorithm");
+}
+
+// A copy of the key already held, for a certificate that keeps it.
+crypto::PrivateKey copy_of_kept_key(const std::optional<crypto::PrivateKey>& held) {
+  if (!held) cert_error(kCertErrorNoKeyToPreserve, "There is no private key to keep");
+  return crypto::PrivateKey::from_pkcs8_der(held->to_pkcs8_der());
+}
+
+// The identifier takes from the key what it left open.
+void complete_identifier(TElAlgorithmIdentifier& pub, const crypto::PrivateKey& key) {
+  // A kept EC key names its own curve.
+  if (pub.algorithm() == CertAlgorithm::Ec && pub.curve_oid.empty() && key.kind() == KeyKind::Ec)
+    pub.curve_oid = identifier_of_key(key).curve_oid;
+  // Key and identifier agree on the DSA domain parameters.
+  if (pub.algorithm() == CertAlgorithm::Dsa) {
+    crypto::DsaNumbers numbers = crypto::dsa_numbers(key);
+    pub.dsa_p = std::move(numbers.p);
+    pub.dsa_q = std::move(numbers.q);
+    pub.dsa_g = std::move(numbers.g);
+  }
+}
+
+// Key identifier extensions left empty are given the subject's and the issuer's key.
+std::vector<CertExtension> with_key_identifiers(std::vector<CertExtension> extensions,
+                                                const Bytes& subject_key_id,
+                                                const Bytes& authority_key_id) {
+  for (auto& e : extensions) {
+    if (!e.value.empty()) continue;
+    if (e.oid == kSubjectKeyIdentifier) e.value = asn1::tlv(asn1::kOctetString, subject_key_id);
+    if (e.oid == kAuthorityKeyIdentifier)
+      e.value = asn1::tlv(asn1::kSequence, asn1::tlv(asn1::context(0), authority_key_id));
+  }
+  return extensions;
+}
+
+// Version 1 when unset, at least 3 with extensions, at most 4.
+int certificate_version(int version, bool has_extensions) {
+  int v = version == 0 ? 1 : version;
+  if (has_extensions && v < 3) v = 3;
+  return std::min(v, 4);
+}
+
+// The serial given, or 16 random bytes made a positive INTEGER with a non-zero first byte.
+Bytes serial_or_random(const Bytes& given) {
+  if (!given.empty()) return given;
+  Bytes serial = crypto::random_bytes(16);
+  serial[0] = static_cast<std::uint8_t>((serial[0] & 0x7F) | 0x01);
+  return serial;
+}
+
+// The issuer's name as given, else the issuing certificate's subject.
+TElRelativeDistinguishedName issuer_name_of(const TElRelativeDistinguishedName& given,
+                                            const TElX509CertificateEx* issuer) {
+  TElRelativeDistinguishedName name = given;
+  if (issuer && name.attributes.empty()) {
+    for (const auto& a : issuer->certificate().subject())
+      name.attributes.push_back({a.oid, a.tag, a.value});
+  }
+  return name;
+}
+
+Bytes signed_certificate(const Bytes& tbs_der, const Bytes& sig_alg, const Bytes& signature) {
+  asn1::DerWriter cert;
+  cert.begin(asn1::kSequence).raw(tbs_der).raw(sig_alg).bit_string(signature).end();
+  return cert.finish();
+}
+
+void check_fits_buffer(const Bytes& der, const crypto::PrivateKey& key) {
+  Bytes key_der = key.to_pkcs8_der();
+  std::size_t key_size = key_der.size();
+  wipe(key_der);
+  if (der.size() > TElX509CertificateEx::kBufferSize ||
+      key_size > TElX509CertificateEx::kBufferSize)
+    cert_error(kCertErrorTooLarge, "The certificate or its key does not fit " +
+                                       std::to_string(TElX509CertificateEx::kBufferSize) +
+                                       " bytes");
 }
 
 }  // namespace
@@ -272,88 +356,43 @@ void TElX509CertificateEx::DoGenerate(const TElX509CertificateEx* issuer,
   } mark(FGenerate);
 
   // The signing key is the issuer's when there is one.
-  TElAlgorithmIdentifier signing = issuer ? issuer->PublicKeyAlgorithm() : pub;
-  check_pairing(signing, sig);
-  if (!sig.is_signature() && sig.algorithm() != CertAlgorithm::RsaPss &&
-      sig.algorithm() != CertAlgorithm::RsaOaep)
-    cert_error(kCertErrorCannotPair,
-               AlgorithmName(sig.algorithm()) + " is not a signature algorithm");
-
-  crypto::PrivateKey key = [&] {
-    if (!FPreserveKeyMaterial) return generate_key(pub, bits, cancel);
-    if (!key_) cert_error(kCertErrorNoKeyToPreserve, "There is no private key to keep");
-    return crypto::PrivateKey::from_pkcs8_der(key_->to_pkcs8_der());
-  }();
-  // A kept EC key names its own curve.
-  if (pub.algorithm() == CertAlgorithm::Ec && pub.curve_oid.empty() && key.kind() == KeyKind::Ec)
-    pub.curve_oid = identifier_of_key(key).curve_oid;
-  // Key and identifier agree on the DSA domain parameters.
-  if (pub.algorithm() == CertAlgorithm::Dsa) {
-    crypto::DsaNumbers numbers = crypto::dsa_numbers(key);
-    pub.dsa_p = std::move(numbers.p);
-    pub.dsa_q = std::move(numbers.q);
-    pub.dsa_g = std::move(numbers.g);
-  }
+  check_algorithms(issuer ? issuer->PublicKeyAlgorithm() : pub, sig);
+  crypto::PrivateKey key =
+      FPreserveKeyMaterial ? copy_of_kept_key(key_) : generate_key(pub, bits, cancel);
+  complete_identifier(pub, key);
   const crypto::PrivateKey& signing_key = issuer ? issuer->private_key() : key;
 
   Bytes key_bits = public_key_bits(pub, key);
   Bytes own_key_id = crypto::sha1(key_bits);
-  std::vector<CertExtension> extensions = Extensions;
-  for (auto& e : extensions) {
-    if (!e.value.empty()) continue;
-    if (e.oid == kSubjectKeyIdentifier) e.value = asn1::tlv(asn1::kOctetString, own_key_id);
-    if (e.oid == kAuthorityKeyIdentifier)
-      e.value =
-          asn1::tlv(asn1::kSequence,
-                    asn1::tlv(asn1::context(0), issuer ? issuer->KeyIdentifier() : own_key_id));
-  }
-
-  int version = Version == 0 ? 1 : Version;
-  if (!extensions.empty() && version < 3) version = 3;
-  version = std::min(version, 4);
-
-  Bytes serial = SerialNumber;
-  if (serial.empty()) {
-    serial = crypto::random_bytes(16);
-    serial[0] = static_cast<std::uint8_t>((serial[0] & 0x7F) | 0x01);
-  }
-
-  TElRelativeDistinguishedName issuer_name = IssuerRDN;
-  if (issuer && issuer_name.attributes.empty()) {
-    for (const auto& a : issuer->certificate().subject())
-      issuer_name.attributes.push_back({a.oid, a.tag, a.value});
-  }
-
+  std::vector<CertExtension> extensions =
+      with_key_identifiers(Extensions, own_key_id, issuer ? issuer->KeyIdentifier() : own_key_id);
   Bytes sig_alg = sig.WriteToDER();
-  asn1::DerWriter tbs;
-  tbs.begin(asn1::kSequence);
-  tbs.begin(asn1::context_constructed(0)).integer(static_cast<std::uint64_t>(version - 1)).end();
-  tbs.integer_bytes(serial);
-  tbs.raw(sig_alg);
-  tbs.raw(issuer_name.Encode(UseUTF8Strings));
-  tbs.raw(encode_validity(ValidFrom, ValidTo));
-  tbs.raw(SubjectRDN.Encode(UseUTF8Strings));
-  tbs.begin(asn1::kSequence).raw(pub.WriteToDER()).bit_string(key_bits).end();
-  if (!extensions.empty()) tbs.raw(encode_extensions(extensions));
-  tbs.end();
-  Bytes tbs_der = tbs.finish();
-
-  Bytes signature = sign_tbs(sig, signing_key, tbs_der);
-  asn1::DerWriter cert;
-  cert.begin(asn1::kSequence).raw(tbs_der).raw(sig_alg).bit_string(signature).end();
-  Bytes der = cert.finish();
-
-  Bytes key_der = key.to_pkcs8_der();
-  std::size_t key_size = key_der.size();
-  wipe(key_der);
-  if (der.size() > kBufferSize || key_size > kBufferSize)
-    cert_error(kCertErrorTooLarge,
-               "The certificate or its key does not fit " + std::to_string(kBufferSize) + " bytes");
+  Bytes tbs_der = encode_tbs(issuer, sig_alg, pub, key_bits, extensions);
+  Bytes der = signed_certificate(tbs_der, sig_alg, sign_tbs(sig, signing_key, tbs_der));
+  check_fits_buffer(der, key);
 
   cert_ = Certificate::from_der(der);
   key_ = std::move(key);
   public_key_algorithm_ = pub;
   key_identifier_ = FAltKeyID.empty() ? own_key_id : FAltKeyID;
+}
+
+Bytes TElX509CertificateEx::encode_tbs(const TElX509CertificateEx* issuer, const Bytes& sig_alg,
+                                       const TElAlgorithmIdentifier& pub, const Bytes& key_bits,
+                                       const std::vector<CertExtension>& extensions) const {
+  int version = certificate_version(Version, !extensions.empty());
+  asn1::DerWriter tbs;
+  tbs.begin(asn1::kSequence);
+  tbs.begin(asn1::context_constructed(0)).integer(static_cast<std::uint64_t>(version - 1)).end();
+  tbs.integer_bytes(serial_or_random(SerialNumber));
+  tbs.raw(sig_alg);
+  tbs.raw(issuer_name_of(IssuerRDN, issuer).Encode(UseUTF8Strings));
+  tbs.raw(encode_validity(ValidFrom, ValidTo));
+  tbs.raw(SubjectRDN.Encode(UseUTF8Strings));
+  tbs.begin(asn1::kSequence).raw(pub.WriteToDER()).bit_string(key_bits).end();
+  if (!extensions.empty()) tbs.raw(encode_extensions(extensions));
+  tbs.end();
+  return tbs.finish();
 }
 
 Bytes NewSerialNumber(CertStore& store) {

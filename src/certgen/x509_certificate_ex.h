@@ -104,6 +104,10 @@ class TElX509CertificateEx {
   void DoGenerate(const TElX509CertificateEx* issuer, TElAlgorithmIdentifier public_key_algorithm,
                   const TElAlgorithmIdentifier& signature_algorithm, int bits,
                   const std::atomic<bool>* cancel);
+  // The TBSCertificate: this certificate's fields, the issuer's name when IssuerRDN is empty.
+  Bytes encode_tbs(const TElX509CertificateEx* issuer, const Bytes& sig_alg,
+                   const TElAlgorithmIdentifier& public_key_algorithm, const Bytes& key_bits,
+                   const std::vector<CertExtension>& extensions) const;
 
   std::optional<Certificate> cert_;
   std::optional<crypto::PrivateKey> key_;

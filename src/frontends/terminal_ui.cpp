@@ -289,131 +289,147 @@ std::optional<DateTime> parse_date(const std::string& text) {
     return std::nullopt;
   }
 }
+
+using Wizard = TfrmGenerateCert;
+
+// Asks one field; an empty answer keeps its value. false at end of input.
+bool ask_field(TerminalUi& t, const std::string& label, std::string& field) {
+  t.write(label + " [" + field + "]: ");
+  auto line = t.read_line();
+  if (!line) return false;
+  if (!line->empty()) field = *line;
+  return true;
+}
+
+// Back stays disabled on every page: Next or Cancel. false at end of input.
+bool navigate(TerminalUi& t, Wizard& w, bool next_enabled) {
+  t.write(next_enabled ? "[a] " + std::string(Wizard::kNext) + "   [n] " + Wizard::kCancel + ": "
+                       : "[n] " + std::string(Wizard::kCancel) + ": ");
+  auto line = t.read_line();
+  if (!line) return false;
+  std::string a = lower_ascii(trim(*line));
+  if (next_enabled && (a.empty() || a == "a"))
+    w.btnNextClick();
+  else if (a == "n")
+    w.btnCancelClick();
+  return true;
+}
+
+// The country by its name, or by its first letters and then a number among the names
+// they match. false at end of input.
+bool ask_country(TerminalUi& t, Wizard& w, const std::string& label) {
+  std::vector<int> offered;  // the names listed after an ambiguous prefix
+  while (true) {
+    t.write(label + " [" + w.country_text() + "]: ");
+    auto line = t.read_line();
+    if (!line) return false;
+    std::string a = trim(*line);
+    if (a.empty() || w.select_country(a)) return true;
+    if (!offered.empty() && a.find_first_not_of("0123456789") == a.npos && a.size() < 4) {
+      std::size_t n = std::stoul(a);
+      if (n >= 1 && n <= offered.size()) {
+        w.cbCountryIndex = offered[n - 1];
+        return true;
+      }
+    }
+    offered = w.countries_starting_with(a);
+    if (offered.size() == 1) {
+      w.cbCountryIndex = offered.front();
+      t.write("  " + w.country_text() + "\n");
+      return true;
+    }
+    if (offered.empty()) {
+      t.write("  (not in the list: no country starts with \"" + a + "\")\n");
+      continue;
+    }
+    std::string list;
+    for (std::size_t i = 0; i < offered.size(); ++i)
+      list += "  [" + std::to_string(i + 1) + "] " +
+              w.cbCountryItems[static_cast<std::size_t>(offered[i])] + "\n";
+    t.write(list + "  (type a number, or more letters)\n");
+  }
+}
+
+// The subject's fields, top to bottom, then Next or Cancel. false at end of input.
+bool subject_page(TerminalUi& t, Wizard& w) {
+  t.write(std::string(Wizard::kHeadingFields) + "\n" + Wizard::kGroupSubject + "\n");
+  for (const Wizard::SubjectField& f : Wizard::kSubjectFields) {
+    const std::string label = std::string(f.required ? "* " : "  ") + f.label;
+    if (!(f.text ? ask_field(t, label, w.*f.text) : ask_country(t, w, label))) return false;
+  }
+  return navigate(t, w, w.NextEnabled());
+}
+
+// The first and last day, each asked again until it is a date. false at end of input.
+bool period_page(TerminalUi& t, Wizard& w) {
+  t.write(std::string(Wizard::kHeadingPeriod) + "\n" + Wizard::kGroupPeriod + " (dd/mm/yyyy)\n");
+  for (int which = 0; which < 2; ++which) {
+    std::string text = FormatShortDate(which == 0 ? w.dtpFrom() : w.dtpTo());
+    if (!ask_field(t, which == 0 ? Wizard::kLabelFrom : Wizard::kLabelTo, text)) return false;
+    auto d = parse_date(trim(text));
+    if (!d) {
+      t.write("  (not a date: dd/mm/yyyy)\n");
+      --which;
+      continue;
+    }
+    if (which == 0)
+      w.set_dtpFrom(*d);
+    else
+      w.set_dtpTo(*d);
+  }
+  return navigate(t, w, w.NextEnabled());
+}
+
+// The progress bar, redrawn until the key is made or the wizard closes; a line typed
+// meanwhile ("q", or the end of input) closes it.
+void follow_generation(TerminalUi& t, int in_fd, Wizard& w) {
+  if (w.Generating()) t.write("(q: close the window and stop)\n");
+  while (w.Generating() && w.modal_result() == ModalResult::None) {
+    w.ProcessMessages(std::chrono::milliseconds(200));
+    int pos = w.ProgressPosition();
+    t.write("\r[" + std::string(static_cast<std::size_t>(pos / 5), '#') +
+            std::string(static_cast<std::size_t>(20 - pos / 5), '.') + "]");
+    pollfd p{in_fd, POLLIN, 0};
+    if (poll(&p, 1, 0) > 0) {
+      auto typed = t.read_line();
+      if (!typed || lower_ascii(trim(*typed)) == "q") w.close_box();
+    }
+  }
+  t.write("\n");
+}
+
+// Generate or Cancel; any other answer shows the page again. false at end of input.
+bool generate_page(TerminalUi& t, int in_fd, Wizard& w) {
+  t.write(w.lbGenerate() + "\n\n" + replace_all(Wizard::kGenerateNote, "\r\n", "\n") + "\n\n[g] " +
+          Wizard::kGenerateButton + "   [n] " + Wizard::kCancel + ": ");
+  auto line = t.read_line();
+  if (!line) return false;
+  std::string a = lower_ascii(trim(*line));
+  if (a == "n") {
+    w.btnCancelClick();
+    return true;
+  }
+  if (a != "g") return true;
+  w.btnGenerateClick();
+  follow_generation(t, in_fd, w);
+  return true;
+}
 }  // namespace
 
 void TerminalUi::certificate_wizard(TfrmGenerateCert& w) {
-  using W = TfrmGenerateCert;
-  // Asks one field; an empty answer keeps its value. false at end of input.
-  auto ask = [&](const std::string& label, std::string& field) {
-    write(label + " [" + field + "]: ");
-    auto line = read_line();
-    if (!line) return false;
-    if (!line->empty()) field = *line;
-    return true;
-  };
-  // Back stays disabled on every page: Next or Cancel. false at end of input.
-  auto navigate = [&](bool next_enabled) {
-    write(next_enabled ? "[a] " + std::string(W::kNext) + "   [n] " + W::kCancel + ": "
-                       : "[n] " + std::string(W::kCancel) + ": ");
-    auto line = read_line();
-    if (!line) return false;
-    std::string a = lower_ascii(trim(*line));
-    if (next_enabled && (a.empty() || a == "a"))
-      w.btnNextClick();
-    else if (a == "n")
-      w.btnCancelClick();
-    return true;
-  };
-  // The country by its name, or by its first letters and then a number among the names
-  // they match. false at end of input.
-  auto ask_country = [&](const std::string& label) {
-    std::vector<int> offered;  // the names listed after an ambiguous prefix
-    while (true) {
-      write(label + " [" + w.country_text() + "]: ");
-      auto line = read_line();
-      if (!line) return false;
-      std::string a = trim(*line);
-      if (a.empty() || w.select_country(a)) return true;
-      if (!offered.empty() && a.find_first_not_of("0123456789") == a.npos && a.size() < 4) {
-        std::size_t n = std::stoul(a);
-        if (n >= 1 && n <= offered.size()) {
-          w.cbCountryIndex = offered[n - 1];
-          return true;
-        }
-      }
-      offered = w.countries_starting_with(a);
-      if (offered.size() == 1) {
-        w.cbCountryIndex = offered.front();
-        write("  " + w.country_text() + "\n");
-        return true;
-      }
-      if (offered.empty()) {
-        write("  (not in the list: no country starts with \"" + a + "\")\n");
-        continue;
-      }
-      std::string list;
-      for (std::size_t i = 0; i < offered.size(); ++i)
-        list += "  [" + std::to_string(i + 1) + "] " +
-                w.cbCountryItems[static_cast<std::size_t>(offered[i])] + "\n";
-      write(list + "  (type a number, or more letters)\n");
-    }
-  };
   while (w.modal_result() == ModalResult::None) {
-    write(std::string("\n== ") + W::kCaption + " ==\n" + w.lblInfo() + "\n\n");
+    write(std::string("\n== ") + Wizard::kCaption + " ==\n" + w.lblInfo() + "\n\n");
     bool ok = true;
     switch (w.page()) {
-      case W::Page::tsEnterFields: {
-        write(std::string(W::kHeadingFields) + "\n" + W::kGroupSubject + "\n");
-        for (const W::SubjectField& f : W::kSubjectFields) {
-          const std::string label = std::string(f.required ? "* " : "  ") + f.label;
-          ok = f.text ? ask(label, w.*f.text) : ask_country(label);
-          if (!ok) break;
-        }
-        ok = ok && navigate(w.NextEnabled());
+      case Wizard::Page::tsEnterFields:
+        ok = subject_page(*this, w);
         break;
-      }
-      case W::Page::tsSpecifyPeriod: {
-        write(std::string(W::kHeadingPeriod) + "\n" + W::kGroupPeriod + " (dd/mm/yyyy)\n");
-        for (int which = 0; ok && which < 2; ++which) {
-          std::string text = FormatShortDate(which == 0 ? w.dtpFrom() : w.dtpTo());
-          if (!ask(which == 0 ? W::kLabelFrom : W::kLabelTo, text)) {
-            ok = false;
-            break;
-          }
-          auto d = parse_date(trim(text));
-          if (!d) {
-            write("  (not a date: dd/mm/yyyy)\n");
-            --which;
-            continue;
-          }
-          if (which == 0)
-            w.set_dtpFrom(*d);
-          else
-            w.set_dtpTo(*d);
-        }
-        ok = ok && navigate(w.NextEnabled());
+      case Wizard::Page::tsSpecifyPeriod:
+        ok = period_page(*this, w);
         break;
-      }
-      case W::Page::tsGenerate: {
-        write(w.lbGenerate() + "\n\n" + replace_all(W::kGenerateNote, "\r\n", "\n") + "\n\n[g] " +
-              W::kGenerateButton + "   [n] " + W::kCancel + ": ");
-        auto line = read_line();
-        if (!line) {
-          ok = false;
-          break;
-        }
-        std::string a = lower_ascii(trim(*line));
-        if (a == "n") {
-          w.btnCancelClick();
-          break;
-        }
-        if (a != "g") break;
-        w.btnGenerateClick();
-        if (w.Generating()) write("(q: close the window and stop)\n");
-        while (w.Generating() && w.modal_result() == ModalResult::None) {
-          w.ProcessMessages(std::chrono::milliseconds(200));
-          int pos = w.ProgressPosition();
-          write("\r[" + std::string(static_cast<std::size_t>(pos / 5), '#') +
-                std::string(static_cast<std::size_t>(20 - pos / 5), '.') + "]");
-          pollfd p{in_, POLLIN, 0};
-          if (poll(&p, 1, 0) > 0) {
-            auto typed = read_line();
-            if (!typed || lower_ascii(trim(*typed)) == "q") w.close_box();
-          }
-        }
-        write("\n");
+      case Wizard::Page::tsGenerate:
+        ok = generate_page(*this, in_, w);
         break;
-      }
     }
     if (!ok) w.close_box();
   }

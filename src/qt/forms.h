@@ -135,6 +135,11 @@ class PickerForm : public Form {
   void reject() override;  // the close box
 
  private:
+  // The controls by group, in the order they are created (which is also their stacking).
+  void make_list();
+  void make_menu();
+  void make_buttons();
+  void make_panel();
   void update_info();
   void finish_if_closed();
   TfrmSelWinCert& model_;

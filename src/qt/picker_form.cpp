@@ -23,7 +23,24 @@ PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
     : Form(parent, "frmSelWinCert", TfrmSelWinCert::kCaption, kClient, true, Placement::OverParent),
       model_(model) {
   label1_ = label("Label1", q(model_.Label1()), 8, 8);
+  make_list();
+  make_menu();
+  make_buttons();
+  make_panel();
 
+  anchor(label1_, Qt::LeftEdge | Qt::TopEdge);
+  anchor(list_, Qt::LeftEdge | Qt::TopEdge | Qt::RightEdge | Qt::BottomEdge);
+  anchor(ok_, Qt::RightEdge | Qt::BottomEdge);
+  anchor(cancel_, Qt::RightEdge | Qt::BottomEdge);
+  anchor(panel_, Qt::LeftEdge | Qt::TopEdge);
+  setTabOrder(list_, ok_);
+  setTabOrder(ok_, cancel_);
+  list_->setFocus();
+  // Smaller than this the list would have no room left below its header.
+  setMinimumSize(300, kClient.height() - kList.height() + 40);
+}
+
+void PickerForm::make_list() {
   list_ = new QTreeWidget(this);
   list_->setObjectName("lvCerificates");
   list_->setGeometry(kList);
@@ -43,7 +60,17 @@ PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
   for (int i = 0; i < static_cast<int>(TfrmSelWinCert::kColumns.size()); ++i)
     list_->setColumnWidth(i, TfrmSelWinCert::kColumns[static_cast<std::size_t>(i)].width);
   list_->setContextMenuPolicy(Qt::CustomContextMenu);
+  connect(list_, &QTreeWidget::itemSelectionChanged, this, [this] {
+    guard([this] {
+      auto selected = list_->selectedItems();
+      model_.lvCerificatesChange(selected.isEmpty() ? -1
+                                                    : list_->indexOfTopLevelItem(selected.front()));
+      update_info();
+    });
+  });
+}
 
+void PickerForm::make_menu() {
   menu_ = new QMenu(this);
   menu_->setObjectName("PopupMenu1");
   QAction* remove = menu_->addAction(q(TfrmSelWinCert::kRemoveItem));
@@ -64,15 +91,9 @@ PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
   });
   connect(list_, &QTreeWidget::customContextMenuRequested, this,
           [this](const QPoint& at) { menu_->popup(list_->viewport()->mapToGlobal(at)); });
-  connect(list_, &QTreeWidget::itemSelectionChanged, this, [this] {
-    guard([this] {
-      auto selected = list_->selectedItems();
-      model_.lvCerificatesChange(selected.isEmpty() ? -1
-                                                    : list_->indexOfTopLevelItem(selected.front()));
-      update_info();
-    });
-  });
+}
 
+void PickerForm::make_buttons() {
   ok_ = button("btnOK", q(TfrmSelWinCert::kOk), kOk);
   cancel_ = button("btnCancel", q(TfrmSelWinCert::kCancel), kCancel);
   connect(ok_, &QPushButton::clicked, this, [this] {
@@ -85,7 +106,9 @@ PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
     model_.btnCancelClick();
     finish_if_closed();
   });
+}
 
+void PickerForm::make_panel() {
   panel_ = new QFrame(this);
   panel_->setObjectName("Panel1");
   panel_->setGeometry(kPanel);
@@ -109,17 +132,6 @@ PickerForm::PickerForm(TfrmSelWinCert& model, QWidget* parent)
   usage_->setGeometry(value_x, 48, 120 + 369 - value_x, 33);
   usage_->setWordWrap(true);
   usage_->setAlignment(Qt::AlignLeft | Qt::AlignTop);
-
-  anchor(label1_, Qt::LeftEdge | Qt::TopEdge);
-  anchor(list_, Qt::LeftEdge | Qt::TopEdge | Qt::RightEdge | Qt::BottomEdge);
-  anchor(ok_, Qt::RightEdge | Qt::BottomEdge);
-  anchor(cancel_, Qt::RightEdge | Qt::BottomEdge);
-  anchor(panel_, Qt::LeftEdge | Qt::TopEdge);
-  setTabOrder(list_, ok_);
-  setTabOrder(ok_, cancel_);
-  list_->setFocus();
-  // Smaller than this the list would have no room left below its header.
-  setMinimumSize(300, kClient.height() - kList.height() + 40);
 }
 
 void PickerForm::fill() {

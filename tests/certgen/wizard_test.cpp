@@ -374,37 +374,51 @@ TEST(WizardNames, DisplayNameFallsBackFromCommonNameToOrganizationToEmail) {
   EXPECT_EQ(CertificateDisplayName(test::make_cert(s).cert), "only@example.org");
 }
 
-TEST(WizardTerminal, CompletedByTyping) {
-  test::ScopedStore store;
+struct Typed {
+  std::string result;  // what DoCreateCertificate returned
+  std::string screen;  // everything the terminal showed
+};
+
+// Runs the wizard on a pseudo-terminal with `keys` typed ahead, until it is done.
+Typed type_into_wizard(const std::string& keys) {
   int master = -1, slave = -1;
-  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
+    ADD_FAILURE() << "openpty";
+    return {};
+  }
   test::ScopedUi scoped(std::make_shared<TerminalUi>(slave, slave, false));
-  std::string result;
-  std::thread t([&] { result = W::DoCreateCertificate(); });
-  // Subject page: an empty e-mail first (refused), then complete; the period page keeps
-  // its dates; the last page generates.
-  const std::string keys =
-      "Anna Rossi\nTorino\n\nItaly\nItalia\nRossi Srl\n\na\n"
-      "\n\n\n\n\nanna@example.org\na\n"
-      "\n\na\n"
-      "g\n";
-  ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-  std::string screen;
+  Typed typed;
+  std::thread t([&] { typed.result = W::DoCreateCertificate(); });
+  EXPECT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   char buf[8192];
   auto end = std::chrono::steady_clock::now() + 60s;
   while (std::chrono::steady_clock::now() < end) {
     pollfd p{master, POLLIN, 0};
     if (poll(&p, 1, 100) > 0) {
       ssize_t n = ::read(master, buf, sizeof buf);
-      if (n > 0) screen.append(buf, static_cast<std::size_t>(n));
-    } else if (!result.empty()) {
+      if (n > 0) typed.screen.append(buf, static_cast<std::size_t>(n));
+    } else if (!typed.result.empty()) {
       break;
     }
   }
-  t.join();
+  // A wizard still waiting for an answer reads the end of input and closes.
   ::close(master);
+  t.join();
   ::close(slave);
-  EXPECT_EQ(result, "Anna Rossi") << screen;
+  return typed;
+}
+
+TEST(WizardTerminal, CompletedByTyping) {
+  test::ScopedStore store;
+  // Subject page: an empty e-mail first (refused), then complete; the period page keeps
+  // its dates; the last page generates.
+  auto typed = type_into_wizard(
+      "Anna Rossi\nTorino\n\nItaly\nItalia\nRossi Srl\n\na\n"
+      "\n\n\n\n\nanna@example.org\na\n"
+      "\n\na\n"
+      "g\n");
+  const std::string& screen = typed.screen;
+  EXPECT_EQ(typed.result, "Anna Rossi") << screen;
   EXPECT_NE(screen.find("Compilare tutti i campi con l'asterisco."), std::string::npos);
   // The asterisks mark the fields the message asks for, and only those.
   for (const char* required :
@@ -429,35 +443,34 @@ TEST(WizardTerminal, CountryIsFoundByItsFirstLetters) {
   EXPECT_EQ(model.cbCountryItems[static_cast<std::size_t>(italia[0])], "Italia");
 
   test::ScopedStore store;
-  int master = -1, slave = -1;
-  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-  test::ScopedUi scoped(std::make_shared<TerminalUi>(slave, slave, false));
-  std::string result;
-  std::thread t([&] { result = W::DoCreateCertificate(); });
   // "ger" is ambiguous: the matches are listed and one is chosen by its number.
-  const std::string keys =
-      "Hans Weber\nBerlin\n\nger\n2\nWeber GmbH\nhans@example.org\na\n\n\na\ng\n";
-  ASSERT_EQ(::write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-  std::string screen;
-  char buf[8192];
-  auto end = std::chrono::steady_clock::now() + 60s;
-  while (std::chrono::steady_clock::now() < end) {
-    pollfd p{master, POLLIN, 0};
-    if (poll(&p, 1, 100) > 0) {
-      ssize_t n = ::read(master, buf, sizeof buf);
-      if (n > 0) screen.append(buf, static_cast<std::size_t>(n));
-    } else if (!result.empty()) {
-      break;
-    }
-  }
-  t.join();
-  ::close(master);
-  ::close(slave);
-  EXPECT_EQ(result, "Hans Weber") << screen;
-  EXPECT_NE(screen.find("[2] Germany"), std::string::npos) << screen;
+  auto typed =
+      type_into_wizard("Hans Weber\nBerlin\n\nger\n2\nWeber GmbH\nhans@example.org\na\n\n\na\ng\n");
+  EXPECT_EQ(typed.result, "Hans Weber") << typed.screen;
+  EXPECT_NE(typed.screen.find("[2] Germany"), std::string::npos) << typed.screen;
   auto certs = open_store(store.path())->certificates();
   ASSERT_EQ(certs.size(), 1u);
   EXPECT_EQ(certs[0].subject_values(oid::kCountryName), std::vector<std::string>{"DE"});
+}
+
+// The period is typed dd/mm/yyyy; a day that does not exist or a word is asked for again,
+// and the dates typed are the certificate's first and last day.
+TEST(WizardTerminal, TypedDatesBecomeTheValidityAndANonDateIsAskedAgain) {
+  test::ScopedStore store;
+  auto typed = type_into_wizard(
+      "Carla Verdi\nRoma\nRM\n\nStudio Verdi\ncarla@example.org\na\n"
+      "31/02/2031\nsoon\n15/03/2031\n14/03/2035\na\n"
+      "g\n");
+  EXPECT_EQ(typed.result, "Carla Verdi") << typed.screen;
+  std::size_t refused = 0;
+  for (auto at = typed.screen.find("(not a date: dd/mm/yyyy)"); at != std::string::npos;
+       at = typed.screen.find("(not a date: dd/mm/yyyy)", at + 1))
+    ++refused;
+  EXPECT_EQ(refused, 2u) << typed.screen;
+  auto certs = open_store(store.path())->certificates();
+  ASSERT_EQ(certs.size(), 1u);
+  EXPECT_EQ(certs[0].not_before(), SysFromDateTime(EncodeDateTime({2031, 3, 15})));
+  EXPECT_EQ(certs[0].not_after(), SysFromDateTime(EncodeDateTime({2035, 3, 14})));
 }
 
 }  // namespace

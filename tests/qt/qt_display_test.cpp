@@ -1,5 +1,6 @@
 // The Qt front end on a real X server (Xvfb, xcb platform) in a private QApplication, what
 // happens when the display is missing or broken, and the pictures of the forms.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -244,6 +245,30 @@ TEST(QtDisplay, EveryFormIsPicturedAtItsLayoutSize) {
       EXPECT_GT(other, 50) << name;
     }
   }
+}
+
+// Without its Qt front end the program pictures nothing, says why, and leaves no temporary
+// home folder behind.
+TEST(QtDisplay, WithoutTheQtFrontEndNothingIsPicturedAndNoTemporaryHomeIsLeft) {
+  test::TempDir dir;
+  qt_test::private_environment(dir.path());
+  // The library alone in a folder of its own, found before the build's (a RUNPATH).
+  Dl_info library{};
+  auto make = static_cast<std::shared_ptr<Ui> (*)(const std::string&)>(&make_ui);
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(make), &library), 0);
+  std::filesystem::create_directories(dir.path() + "/lib");
+  std::filesystem::create_directories(dir.path() + "/tmp");
+  std::filesystem::copy_file(library.dli_fname, dir.path() + "/lib/libtessarel.so.0");
+  setenv("LD_LIBRARY_PATH", (dir.path() + "/lib").c_str(), 1);
+  setenv("TMPDIR", (dir.path() + "/tmp").c_str(), 1);
+  Outcome r = run({TESSAREL_RENDER_FORMS_PATH, dir.path() + "/shots"}, dir.path() + "/err");
+  unsetenv("LD_LIBRARY_PATH");
+  unsetenv("TMPDIR");
+  if (r.exit_code == 0) GTEST_SKIP() << "an installed Qt front end was found";
+  EXPECT_EQ(r.exit_code, 1) << r.err;
+  EXPECT_NE(r.err.find("the Qt front end cannot be loaded"), std::string::npos) << r.err;
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path() + "/tmp"));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path() + "/shots"));
 }
 
 // An X server of our own on a free display number, with its authority file in dir.

@@ -191,153 +191,215 @@ void write_stream(Writer& w, int num, const std::string& trailer_keys) {
   w.out += "startxref\n" + std::to_string(xref_at) + "\n%%EOF\n";
 }
 
+// Numbers of the objects the update adds (0: not added).
+struct NewObjects {
+  int sig = 0, widget = 0, appearance = 0, font = 0, form = 0, xref_stream = 0;
+  int size = 0;  // the trailer's /Size: one past the highest number
+};
+
+// New objects are numbered after every number in use.
+NewObjects number_new_objects(QPDF& q, QPDFObjectHandle trailer, bool visible, bool has_form,
+                              bool xref_stream) {
+  int next = 1;
+  QPDFObjectHandle size_key = trailer.getKey("/Size");
+  if (size_key.isInteger() && size_key.getIntValue() > 0 && size_key.getIntValue() < 8388608)
+    next = static_cast<int>(size_key.getIntValue());
+  for (const auto& [og, entry] : q.getXRefTable())
+    next = std::max(next, og.getObj() + 1);
+  NewObjects n;
+  n.sig = next++;
+  n.widget = next++;
+  n.appearance = visible ? next++ : 0;
+  n.font = visible ? next++ : 0;
+  n.form = has_form ? 0 : next++;
+  n.xref_stream = xref_stream ? next++ : 0;
+  n.size = next;
+  return n;
+}
+
+// "SignatureN", the first N no field of the form has as its name.
+std::string free_field_name(QPDFObjectHandle acro) {
+  QPDFObjectHandle fields =
+      acro.isDictionary() ? acro.getKey("/Fields") : QPDFObjectHandle::newNull();
+  std::set<std::string> names;
+  if (fields.isArray())
+    for (int i = 0; i < fields.getArrayNItems(); ++i) {
+      QPDFObjectHandle t = fields.getArrayItem(i).getKey("/T");
+      if (t.isString()) names.insert(t.getUTF8Value());
+    }
+  int n = 1;
+  while (names.count("Signature" + std::to_string(n)))
+    ++n;
+  return "Signature" + std::to_string(n);
+}
+
+// Where the blanks of the signature dictionary are, counted from the update's start.
+struct Placeholders {
+  std::size_t byte_range = 0;  // kByteRangeWidth spaces
+  std::size_t contents = 0;    // the "<" of the zero-filled /Contents string
+};
+
+// The signature dictionary, with room for the CMS value and the byte range.
+Placeholders write_signature_dictionary(Writer& w, int sig, const SignatureRequest& request) {
+  std::string sigdict = "<</Type/Sig/Filter/" + request.filter + "/SubFilter/" + request.sub_filter;
+  if (!request.name.empty()) sigdict += "/Name" + text_string(request.name);
+  if (!request.reason.empty()) sigdict += "/Reason" + text_string(request.reason);
+  sigdict += "/M" + literal_string(request.date) + "/ByteRange ";
+  Placeholders at;
+  std::size_t sig_start = w.out.size() + std::to_string(sig).size() + 7;
+  at.byte_range = sig_start + sigdict.size();
+  sigdict += std::string(kByteRangeWidth, ' ') + "/Contents ";
+  at.contents = sig_start + sigdict.size();
+  sigdict += "<" + std::string(2 * request.contents_size, '0') + ">>>";
+  w.object(sig, 0, sigdict);
+  if (w.out.compare(at.contents, 1, "<") != 0)
+    throw std::logic_error("signature dictionary layout");
+  return at;
+}
+
+// The visible widget: its text in WinAnsi, as wide as the text, at the page's lower left
+// corner, inside the margin when the page leaves room.
+struct WidgetPlace {
+  std::string text;
+  double width = 0;
+  std::string rect;
+};
+
+WidgetPlace place_widget(QPDFObjectHandle page, const std::string& appearance_text) {
+  Box box = page_box(page, "/CropBox").value_or(page_box(page, "/MediaBox").value_or(Box{}));
+  WidgetPlace place;
+  place.text = to_win_ansi(appearance_text);
+  place.width = std::ceil(helvetica_width(place.text) * kFontSize / 1000.0 + 2 * kPadding);
+  double x = box.x0 + std::max(0.0, std::min(kMargin, box.x1 - box.x0 - place.width));
+  double y = box.y0 + std::max(0.0, std::min(kMargin, box.y1 - box.y0 - kWidgetHeight));
+  place.rect = "[" + number(x) + " " + number(y) + " " + number(x + place.width) + " " +
+               number(y + kWidgetHeight) + "]";
+  return place;
+}
+
+// The field, merged with its widget on the first page; a visible one with its appearance.
+void write_widget(Writer& w, const NewObjects& n, QPDFObjectHandle page,
+                  const std::string& field_name, const std::string& appearance_text) {
+  const bool visible = !appearance_text.empty();
+  WidgetPlace place;
+  place.rect = "[0 0 0 0]";
+  if (visible) place = place_widget(page, appearance_text);
+  std::string field = "<</Type/Annot/Subtype/Widget/FT/Sig/T" + literal_string(field_name) + "/V " +
+                      ref(n.sig) + "/F " + std::to_string(kWidgetFlags) + "/P " +
+                      ref(page.getObjectID(), page.getGeneration()) + "/Rect" + place.rect;
+  if (visible) field += "/AP<</N " + ref(n.appearance) + ">>";
+  w.object(n.widget, 0, field + ">>");
+  if (visible) {
+    w.object(n.appearance, 0, appearance_stream(place.text, place.width, n.font));
+    w.object(n.font, 0, "<</Type/Font/Subtype/Type1/BaseFont/Helvetica/Encoding/WinAnsiEncoding>>");
+  }
+}
+
+// The page lists the widget among its annotations.
+void add_to_page(Writer& w, QPDFObjectHandle page, int widget) {
+  QPDFObjectHandle annots = page.getKey("/Annots");
+  if (annots.isIndirect() && annots.isArray())
+    w.object(annots.getObjectID(), annots.getGeneration(), array_text(annots, ref(widget)));
+  else
+    w.object(page.getObjectID(), page.getGeneration(),
+             dict_text(page, {{"/Annots", array_text(annots, ref(widget))}}));
+}
+
+// The form lists the field; /SigFlags 3: the document has signatures, append only. A new
+// form (number `form`) or a direct one changes the catalog too.
+void add_to_form(Writer& w, QPDFObjectHandle root, int form, int widget) {
+  QPDFObjectHandle acro = root.getKey("/AcroForm");
+  std::map<std::string, std::string> root_changes;
+  if (!acro.isDictionary()) {
+    w.object(form, 0, "<</Fields[" + ref(widget) + "]/SigFlags 3>>");
+    root_changes["/AcroForm"] = ref(form);
+  } else {
+    QPDFObjectHandle fields = acro.getKey("/Fields");
+    std::map<std::string, std::string> form_changes;
+    if (fields.isIndirect() && fields.isArray())
+      w.object(fields.getObjectID(), fields.getGeneration(), array_text(fields, ref(widget)));
+    else
+      form_changes["/Fields"] = array_text(fields, ref(widget));
+    QPDFObjectHandle flags = acro.getKey("/SigFlags");
+    long long old_flags = flags.isInteger() ? flags.getIntValue() : 0;
+    if ((old_flags | 3) != old_flags || !flags.isInteger())
+      form_changes["/SigFlags"] = std::to_string(old_flags | 3);
+    if (!form_changes.empty()) {
+      if (acro.isIndirect())
+        w.object(acro.getObjectID(), acro.getGeneration(), dict_text(acro, form_changes));
+      else
+        root_changes["/AcroForm"] = dict_text(acro, form_changes);
+    }
+  }
+  if (!root_changes.empty())
+    w.object(root.getObjectID(), root.getGeneration(), dict_text(root, root_changes));
+}
+
+// The trailer keeps the catalog, the information dictionary and the first identifier.
+std::string trailer_keys(QPDFObjectHandle trailer, QPDFObjectHandle root, int size,
+                         std::uint64_t prev) {
+  std::string keys =
+      "/Size " + std::to_string(size) + "/Root " + ref(root.getObjectID(), root.getGeneration());
+  QPDFObjectHandle info = trailer.getKey("/Info");
+  if (info.isIndirect()) keys += "/Info " + info.unparse();
+  Bytes fresh = crypto::random_bytes(16);
+  std::string second(fresh.begin(), fresh.end());
+  QPDFObjectHandle id = trailer.getKey("/ID");
+  std::string first = id.isArray() && id.getArrayNItems() >= 1 && id.getArrayItem(0).isString()
+                          ? id.getArrayItem(0).getStringValue()
+                          : second;
+  keys += "/ID[" + hex_string(first) + hex_string(second) + "]";
+  keys += "/Prev " + std::to_string(prev);
+  return keys;
+}
+
+// Writes the byte range, which leaves out the /Contents string, into its blank.
+void fill_byte_range(PreparedSignature& prepared, std::size_t byte_range_at) {
+  std::uint64_t total = prepared.total();
+  prepared.byte_range = {0, prepared.contents, prepared.contents_end,
+                         total - prepared.contents_end};
+  std::string br = "[0 " + std::to_string(prepared.byte_range[1]) + " " +
+                   std::to_string(prepared.byte_range[2]) + " " +
+                   std::to_string(prepared.byte_range[3]) + "]";
+  br.resize(kByteRangeWidth, ' ');
+  std::copy(br.begin(), br.end(), prepared.update.begin() + static_cast<long>(byte_range_at));
+}
+
 }  // namespace
 
 PreparedSignature prepare_signature(Document& doc, const SignatureRequest& request) {
   Document::Impl& d = doc.impl();
   PreparedSignature prepared;
   d.guarded([&] {
-    QPDF& q = d.qpdf;
-    QPDFObjectHandle trailer = q.getTrailer();
+    QPDFObjectHandle trailer = d.qpdf.getTrailer();
     QPDFObjectHandle root = trailer.getKey("/Root");
     if (!root.isIndirect() || !root.isDictionary())
       throw PdfError("the PDF document " + d.name + " is damaged: it has no document catalog");
-
-    // New objects are numbered after every number in use.
-    int next = 1;
-    QPDFObjectHandle size_key = trailer.getKey("/Size");
-    if (size_key.isInteger() && size_key.getIntValue() > 0 && size_key.getIntValue() < 8388608)
-      next = static_cast<int>(size_key.getIntValue());
-    for (const auto& [og, entry] : q.getXRefTable())
-      next = std::max(next, og.getObj() + 1);
-    const int sig = next++;
-    const int widget = next++;
-    const bool visible = !request.appearance_text.empty();
-    const int appearance = visible ? next++ : 0;
-    const int font = visible ? next++ : 0;
-
-    QPDFObjectHandle page = first_page(root, d.name);
     QPDFObjectHandle acro = root.getKey("/AcroForm");
-    bool has_form = acro.isDictionary();
-    QPDFObjectHandle fields = has_form ? acro.getKey("/Fields") : QPDFObjectHandle::newNull();
-    std::set<std::string> names;
-    if (fields.isArray())
-      for (int i = 0; i < fields.getArrayNItems(); ++i) {
-        QPDFObjectHandle t = fields.getArrayItem(i).getKey("/T");
-        if (t.isString()) names.insert(t.getUTF8Value());
-      }
-    int n = 1;
-    while (names.count("Signature" + std::to_string(n)))
-      ++n;
-    prepared.field = "Signature" + std::to_string(n);
-    const int form = has_form ? 0 : next++;
+    const NewObjects n =
+        number_new_objects(d.qpdf, trailer, !request.appearance_text.empty(), acro.isDictionary(),
+                           doc.xref_kind() == XrefKind::Stream);
+    QPDFObjectHandle page = first_page(root, d.name);
+    prepared.field = free_field_name(acro);
 
     Writer w;
     w.base = doc.size();
     if (!doc.ends_with_eol()) w.out += "\n";
-
-    // The signature dictionary, with room for the CMS value and the byte range.
-    std::string sigdict =
-        "<</Type/Sig/Filter/" + request.filter + "/SubFilter/" + request.sub_filter;
-    if (!request.name.empty()) sigdict += "/Name" + text_string(request.name);
-    if (!request.reason.empty()) sigdict += "/Reason" + text_string(request.reason);
-    sigdict += "/M" + literal_string(request.date) + "/ByteRange ";
-    std::size_t sig_start = w.out.size() + std::to_string(sig).size() + 7;
-    std::size_t byte_range_at = sig_start + sigdict.size();
-    sigdict += std::string(kByteRangeWidth, ' ') + "/Contents ";
-    std::size_t contents_at = sig_start + sigdict.size();
-    sigdict += "<" + std::string(2 * request.contents_size, '0') + ">>>";
-    w.object(sig, 0, sigdict);
-    if (w.out.compare(contents_at, 1, "<") != 0)
-      throw std::logic_error("signature dictionary layout");
-
-    // The field, merged with its widget on the first page.
-    Box box = page_box(page, "/CropBox").value_or(page_box(page, "/MediaBox").value_or(Box{}));
-    std::string rect = "[0 0 0 0]";
-    double width = 0;
-    std::string text;
-    if (visible) {
-      text = to_win_ansi(request.appearance_text);
-      width = std::ceil(helvetica_width(text) * kFontSize / 1000.0 + 2 * kPadding);
-      double x = box.x0 + std::max(0.0, std::min(kMargin, box.x1 - box.x0 - width));
-      double y = box.y0 + std::max(0.0, std::min(kMargin, box.y1 - box.y0 - kWidgetHeight));
-      rect = "[" + number(x) + " " + number(y) + " " + number(x + width) + " " +
-             number(y + kWidgetHeight) + "]";
-    }
-    std::string field = "<</Type/Annot/Subtype/Widget/FT/Sig/T" + literal_string(prepared.field) +
-                        "/V " + ref(sig) + "/F " + std::to_string(kWidgetFlags) + "/P " +
-                        ref(page.getObjectID(), page.getGeneration()) + "/Rect" + rect;
-    if (visible) field += "/AP<</N " + ref(appearance) + ">>";
-    w.object(widget, 0, field + ">>");
-    if (visible) {
-      w.object(appearance, 0, appearance_stream(text, width, font));
-      w.object(font, 0, "<</Type/Font/Subtype/Type1/BaseFont/Helvetica/Encoding/WinAnsiEncoding>>");
-    }
-
-    // The page lists the widget among its annotations.
-    QPDFObjectHandle annots = page.getKey("/Annots");
-    if (annots.isIndirect() && annots.isArray())
-      w.object(annots.getObjectID(), annots.getGeneration(), array_text(annots, ref(widget)));
-    else
-      w.object(page.getObjectID(), page.getGeneration(),
-               dict_text(page, {{"/Annots", array_text(annots, ref(widget))}}));
-
-    // The form lists the field; /SigFlags 3: the document has signatures, append only.
-    std::map<std::string, std::string> root_changes;
-    if (!has_form) {
-      w.object(form, 0, "<</Fields[" + ref(widget) + "]/SigFlags 3>>");
-      root_changes["/AcroForm"] = ref(form);
-    } else {
-      std::map<std::string, std::string> form_changes;
-      if (fields.isIndirect() && fields.isArray())
-        w.object(fields.getObjectID(), fields.getGeneration(), array_text(fields, ref(widget)));
-      else
-        form_changes["/Fields"] = array_text(fields, ref(widget));
-      QPDFObjectHandle flags = acro.getKey("/SigFlags");
-      long long old_flags = flags.isInteger() ? flags.getIntValue() : 0;
-      if ((old_flags | 3) != old_flags || !flags.isInteger())
-        form_changes["/SigFlags"] = std::to_string(old_flags | 3);
-      if (!form_changes.empty()) {
-        if (acro.isIndirect())
-          w.object(acro.getObjectID(), acro.getGeneration(), dict_text(acro, form_changes));
-        else
-          root_changes["/AcroForm"] = dict_text(acro, form_changes);
-      }
-    }
-    if (!root_changes.empty())
-      w.object(root.getObjectID(), root.getGeneration(), dict_text(root, root_changes));
-
-    // The trailer keeps the catalog, the information dictionary and the first identifier.
-    const int xref_stream = doc.xref_kind() == XrefKind::Stream ? next++ : 0;
-    std::string keys =
-        "/Size " + std::to_string(next) + "/Root " + ref(root.getObjectID(), root.getGeneration());
-    QPDFObjectHandle info = trailer.getKey("/Info");
-    if (info.isIndirect()) keys += "/Info " + info.unparse();
-    Bytes fresh = crypto::random_bytes(16);
-    std::string second(fresh.begin(), fresh.end());
-    QPDFObjectHandle id = trailer.getKey("/ID");
-    std::string first = id.isArray() && id.getArrayNItems() >= 1 && id.getArrayItem(0).isString()
-                            ? id.getArrayItem(0).getStringValue()
-                            : second;
-    keys += "/ID[" + hex_string(first) + hex_string(second) + "]";
-    keys += "/Prev " + std::to_string(doc.last_xref_offset());
-    if (xref_stream)
-      write_stream(w, xref_stream, keys);
+    const Placeholders at = write_signature_dictionary(w, n.sig, request);
+    write_widget(w, n, page, prepared.field, request.appearance_text);
+    add_to_page(w, page, n.widget);
+    add_to_form(w, root, n.form, n.widget);
+    std::string keys = trailer_keys(trailer, root, n.size, doc.last_xref_offset());
+    if (n.xref_stream)
+      write_stream(w, n.xref_stream, keys);
     else
       write_table(w, keys);
 
     prepared.base = w.base;
-    prepared.contents = w.base + contents_at;
+    prepared.contents = w.base + at.contents;
     prepared.contents_end = prepared.contents + 2 * request.contents_size + 2;
     prepared.update.assign(w.out.begin(), w.out.end());
-    std::uint64_t total = prepared.total();
-    prepared.byte_range = {0, prepared.contents, prepared.contents_end,
-                           total - prepared.contents_end};
-    std::string br = "[0 " + std::to_string(prepared.byte_range[1]) + " " +
-                     std::to_string(prepared.byte_range[2]) + " " +
-                     std::to_string(prepared.byte_range[3]) + "]";
-    br.resize(kByteRangeWidth, ' ');
-    std::copy(br.begin(), br.end(), prepared.update.begin() + static_cast<long>(byte_range_at));
+    fill_byte_range(prepared, at.byte_range);
   });
   return prepared;
 }

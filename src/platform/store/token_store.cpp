@@ -10,6 +10,7 @@
 #include "platform/asn1/der.h"
 #include "platform/crypto/digest.h"
 #include "platform/crypto/pkey.h"
+#include "platform/runtime/scope.h"
 #include "platform/runtime/warnings.h"
 #include "tessarel/errors.h"
 
@@ -327,6 +328,128 @@ Bytes serial_integer(const Certificate& cert) {
   return asn1::tlv(asn1::kInteger, cert.serial());
 }
 
+// ---- writing a certificate and its key ----
+
+// A certificate and the key it came with, as a token is to hold them.
+struct NewEntry {
+  const Certificate& cert;
+  const std::optional<crypto::PrivateKey>& key;
+  CertKey ck;
+  Bytes id;           // CKA_ID of all three objects: SHA-1 of the public key
+  std::string label;  // the common name, else the certificate's id
+};
+
+// The key in the PKCS#8 text, which must belong to the certificate; none when it is empty.
+std::optional<crypto::PrivateKey> key_of(const Certificate& cert, const Bytes& pkcs8_key) {
+  std::optional<crypto::PrivateKey> key;
+  if (!pkcs8_key.empty()) {
+    key = crypto::PrivateKey::from_pkcs8_der(pkcs8_key);
+    if (!key->matches(cert)) throw Exception("The private key does not belong to the certificate");
+  }
+  return key;
+}
+
+struct KeyTemplates {
+  std::vector<Attribute> priv;  // holds the private key's parts: wiped by whoever creates it
+  std::vector<Attribute> pub;
+};
+
+// The key pair's objects: the private one sensitive and never extractable.
+KeyTemplates key_templates(const NewEntry& e) {
+  crypto::PrivateKeyParts parts = crypto::private_key_parts(*e.key);
+  bool rsa = parts.kind != KeyKind::Ec;
+  CK_KEY_TYPE type = rsa ? CKK_RSA : CKK_EC;
+  KeyTemplates t;
+  t.priv = {attr_ulong(CKA_CLASS, CKO_PRIVATE_KEY),
+            attr_ulong(CKA_KEY_TYPE, type),
+            attr_bool(CKA_TOKEN, true),
+            attr_bool(CKA_PRIVATE, true),
+            attr_bool(CKA_SENSITIVE, true),
+            attr_bool(CKA_EXTRACTABLE, false),
+            attr_bool(CKA_SIGN, true),
+            attr_bytes(CKA_ID, e.id),
+            attr_text(CKA_LABEL, e.label),
+            attr_bytes(CKA_SUBJECT, e.cert.subject_der())};
+  t.pub = {attr_ulong(CKA_CLASS, CKO_PUBLIC_KEY),
+           attr_ulong(CKA_KEY_TYPE, type),
+           attr_bool(CKA_TOKEN, true),
+           attr_bool(CKA_PRIVATE, false),
+           attr_bool(CKA_VERIFY, true),
+           attr_bytes(CKA_ID, e.id),
+           attr_text(CKA_LABEL, e.label),
+           attr_bytes(CKA_SUBJECT, e.cert.subject_der())};
+  if (rsa) {
+    for (auto* a : {&t.priv, &t.pub}) {
+      a->push_back(attr_bytes(CKA_MODULUS, parts.n));
+      a->push_back(attr_bytes(CKA_PUBLIC_EXPONENT, parts.e));
+    }
+    t.priv.push_back(attr_bytes(CKA_PRIVATE_EXPONENT, parts.d));
+    t.priv.push_back(attr_bytes(CKA_PRIME_1, parts.p));
+    t.priv.push_back(attr_bytes(CKA_PRIME_2, parts.q));
+    t.priv.push_back(attr_bytes(CKA_EXPONENT_1, parts.dp));
+    t.priv.push_back(attr_bytes(CKA_EXPONENT_2, parts.dq));
+    t.priv.push_back(attr_bytes(CKA_COEFFICIENT, parts.qinv));
+  } else {
+    t.priv.push_back(attr_bytes(CKA_EC_PARAMS, e.ck.ec_params));
+    t.priv.push_back(attr_bytes(CKA_VALUE, parts.ec_private));
+    t.pub.push_back(attr_bytes(CKA_EC_PARAMS, e.ck.ec_params));
+    t.pub.push_back(attr_bytes(CKA_EC_POINT, asn1::tlv(asn1::kOctetString, e.ck.ec_point)));
+  }
+  parts.wipe();
+  return t;
+}
+
+// Creates an object from a template holding secrets, and wipes them, created or not.
+CK_OBJECT_HANDLE create_secret_object(CK_FUNCTION_LIST* fn, CK_SESSION_HANDLE s,
+                                      std::vector<Attribute>& secret) {
+  ScopeExit wipe_secret([&] {
+    for (auto& a : secret)
+      wipe(a.value);
+  });
+  return create_object(fn, s, secret);
+}
+
+std::vector<Attribute> certificate_template(const NewEntry& e) {
+  return {attr_ulong(CKA_CLASS, CKO_CERTIFICATE),
+          attr_ulong(CKA_CERTIFICATE_TYPE, CKC_X_509),
+          attr_bool(CKA_TOKEN, true),
+          attr_bool(CKA_PRIVATE, false),
+          attr_bytes(CKA_ID, e.id),
+          attr_text(CKA_LABEL, e.label),
+          attr_bytes(CKA_SUBJECT, e.cert.subject_der()),
+          attr_bytes(CKA_ISSUER, e.cert.issuer_der()),
+          attr_bytes(CKA_SERIAL_NUMBER, serial_integer(e.cert)),
+          attr_bytes(CKA_VALUE, e.cert.der())};
+}
+
+// Writes what the token lacks of the entry, in one session.
+void write_entry(Token& token, CK_SESSION_HANDLE s, const NewEntry& e) {
+  if (!token.writable()) throw Exception("The token \"" + token.label() + "\" is read-only");
+  CK_FUNCTION_LIST* fn = token.fn();
+  bool cert_present =
+      !find_objects(fn, s,
+                    {attr_ulong(CKA_CLASS, CKO_CERTIFICATE), attr_bytes(CKA_VALUE, e.cert.der())})
+           .empty();
+  bool key_present = e.key && find_key(token, s, e.id, e.cert).has_value();
+  if (cert_present && (!e.key || key_present)) return;
+
+  // Created in this order and destroyed again on any failure, so the token never
+  // keeps a certificate without the key it came with.
+  std::vector<CK_OBJECT_HANDLE> created;
+  try {
+    if (e.key && !key_present) {
+      KeyTemplates t = key_templates(e);
+      created.push_back(create_secret_object(fn, s, t.priv));
+      created.push_back(create_object(fn, s, t.pub));
+    }
+    if (!cert_present) created.push_back(create_object(fn, s, certificate_template(e)));
+  } catch (...) {
+    for (auto it = created.rbegin(); it != created.rend(); ++it)
+      fn->C_DestroyObject(s, *it);
+    throw;
+  }
+}
+
 }  // namespace
 
 // ---- the store ----
@@ -541,99 +664,12 @@ void TokenCertStore::add(const Certificate& cert, const Bytes& pkcs8_key) {
                     " tokens; name one with token= or serial=");
   Token& token = *found.front();
 
-  std::optional<crypto::PrivateKey> key;
-  if (!pkcs8_key.empty()) {
-    key = crypto::PrivateKey::from_pkcs8_der(pkcs8_key);
-    if (!key->matches(cert)) throw Exception("The private key does not belong to the certificate");
-  }
-  CertKey ck = cert_key(cert);
-  Bytes id = crypto::digest(DigestAlgorithm::SHA1, ck.key_bits);
-  std::string label = cert.subject_cn().empty() ? cert.id() : cert.subject_cn();
-
+  std::optional<crypto::PrivateKey> key = key_of(cert, pkcs8_key);
+  NewEntry entry{cert, key, cert_key(cert), {}, {}};
+  entry.id = crypto::digest(DigestAlgorithm::SHA1, entry.ck.key_bits);
+  entry.label = cert.subject_cn().empty() ? cert.id() : cert.subject_cn();
   token.run(
-      Login::Yes,
-      [&](CK_SESSION_HANDLE s) {
-        if (!token.writable()) throw Exception("The token \"" + token.label() + "\" is read-only");
-        CK_FUNCTION_LIST* fn = token.fn();
-        bool cert_present =
-            !find_objects(
-                 fn, s, {attr_ulong(CKA_CLASS, CKO_CERTIFICATE), attr_bytes(CKA_VALUE, cert.der())})
-                 .empty();
-        bool key_present = key && find_key(token, s, id, cert).has_value();
-        if (cert_present && (!key || key_present)) return;
-
-        // Created in this order and destroyed again on any failure, so the token never
-        // keeps a certificate without the key it came with.
-        std::vector<CK_OBJECT_HANDLE> created;
-        try {
-          if (key && !key_present) {
-            crypto::PrivateKeyParts parts = crypto::private_key_parts(*key);
-            bool rsa = parts.kind != KeyKind::Ec;
-            CK_KEY_TYPE type = rsa ? CKK_RSA : CKK_EC;
-            std::vector<Attribute> priv = {attr_ulong(CKA_CLASS, CKO_PRIVATE_KEY),
-                                           attr_ulong(CKA_KEY_TYPE, type),
-                                           attr_bool(CKA_TOKEN, true),
-                                           attr_bool(CKA_PRIVATE, true),
-                                           attr_bool(CKA_SENSITIVE, true),
-                                           attr_bool(CKA_EXTRACTABLE, false),
-                                           attr_bool(CKA_SIGN, true),
-                                           attr_bytes(CKA_ID, id),
-                                           attr_text(CKA_LABEL, label),
-                                           attr_bytes(CKA_SUBJECT, cert.subject_der())};
-            std::vector<Attribute> pub = {attr_ulong(CKA_CLASS, CKO_PUBLIC_KEY),
-                                          attr_ulong(CKA_KEY_TYPE, type),
-                                          attr_bool(CKA_TOKEN, true),
-                                          attr_bool(CKA_PRIVATE, false),
-                                          attr_bool(CKA_VERIFY, true),
-                                          attr_bytes(CKA_ID, id),
-                                          attr_text(CKA_LABEL, label),
-                                          attr_bytes(CKA_SUBJECT, cert.subject_der())};
-            if (rsa) {
-              for (auto* t : {&priv, &pub}) {
-                t->push_back(attr_bytes(CKA_MODULUS, parts.n));
-                t->push_back(attr_bytes(CKA_PUBLIC_EXPONENT, parts.e));
-              }
-              priv.push_back(attr_bytes(CKA_PRIVATE_EXPONENT, parts.d));
-              priv.push_back(attr_bytes(CKA_PRIME_1, parts.p));
-              priv.push_back(attr_bytes(CKA_PRIME_2, parts.q));
-              priv.push_back(attr_bytes(CKA_EXPONENT_1, parts.dp));
-              priv.push_back(attr_bytes(CKA_EXPONENT_2, parts.dq));
-              priv.push_back(attr_bytes(CKA_COEFFICIENT, parts.qinv));
-            } else {
-              priv.push_back(attr_bytes(CKA_EC_PARAMS, ck.ec_params));
-              priv.push_back(attr_bytes(CKA_VALUE, parts.ec_private));
-              pub.push_back(attr_bytes(CKA_EC_PARAMS, ck.ec_params));
-              pub.push_back(attr_bytes(CKA_EC_POINT, asn1::tlv(asn1::kOctetString, ck.ec_point)));
-            }
-            parts.wipe();
-            try {
-              created.push_back(create_object(fn, s, priv));
-            } catch (...) {
-              for (auto& a : priv)
-                wipe(a.value);
-              throw;
-            }
-            for (auto& a : priv)
-              wipe(a.value);
-            created.push_back(create_object(fn, s, pub));
-          }
-          if (!cert_present)
-            created.push_back(create_object(
-                fn, s,
-                {attr_ulong(CKA_CLASS, CKO_CERTIFICATE),
-                 attr_ulong(CKA_CERTIFICATE_TYPE, CKC_X_509), attr_bool(CKA_TOKEN, true),
-                 attr_bool(CKA_PRIVATE, false), attr_bytes(CKA_ID, id), attr_text(CKA_LABEL, label),
-                 attr_bytes(CKA_SUBJECT, cert.subject_der()),
-                 attr_bytes(CKA_ISSUER, cert.issuer_der()),
-                 attr_bytes(CKA_SERIAL_NUMBER, serial_integer(cert)),
-                 attr_bytes(CKA_VALUE, cert.der())}));
-        } catch (...) {
-          for (auto it = created.rbegin(); it != created.rend(); ++it)
-            fn->C_DestroyObject(s, *it);
-          throw;
-        }
-      },
-      /*retry=*/false);
+      Login::Yes, [&](CK_SESSION_HANDLE s) { write_entry(token, s, entry); }, /*retry=*/false);
   std::lock_guard lock(mutex_);
   entries_.clear();
 }
