@@ -222,6 +222,9 @@ TEST(QtDisplay, ABrokenDisplayFallsBackAndSaysWhyOnce) {
 TEST(QtDisplay, EveryFormIsPicturedAtItsLayoutSize) {
   test::TempDir dir;
   qt_test::private_environment(dir.path());
+  // The renderer's temporary home goes inside the test's folder too.
+  std::filesystem::create_directories(dir.path() + "/tmp");
+  setenv("TMPDIR", (dir.path() + "/tmp").c_str(), 1);
   Outcome r = run({TESSAREL_RENDER_FORMS_PATH, dir.path() + "/shots"}, dir.path() + "/err");
   ASSERT_EQ(r.exit_code, 0) << r.err;
   const std::pair<const char*, QSize> pictures[] = {
