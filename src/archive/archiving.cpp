@@ -50,12 +50,9 @@ class StagedCopy {
   }
   const std::string& temp_path() const { return writer_.temp_path(); }
   const std::string& target() const { return dest_; }
-  // Renamed into place; the data reaches the disk before the index that lists it. Its
-  // writing to disk starts now, so that the index's close finds little left to wait for.
-  void commit() {
-    ::sync_file_range(writer_.fd(), 0, 0, SYNC_FILE_RANGE_WRITE);
-    writer_.commit(false);
-  }
+  // Put in place; the data reaches the disk before the index that lists it (the engine
+  // flushes what it archived before writing the index).
+  void commit() { writer_.commit(false); }
 
  private:
   std::string dest_;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
 #include "archive/sign_e_archivia.h"
@@ -150,17 +151,26 @@ std::string TSignEArchivia::archive_folder() const {
 namespace {
 // Beyond this many files, flushing the whole file system at once is cheaper than one by one.
 constexpr std::size_t kFlushOneByOne = 64;
+// While many files are archived, the file system is flushed in the background after every
+// this many, so that their writeback overlaps the signing of the next ones.
+constexpr std::size_t kFlushInBackgroundEvery = 1024;
 
 void sync_path(const std::string& path, int flags) {
+  // A file removed or made unreadable since is not the index's to wait for.
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
   if (fd < 0) return;
-  ::fsync(fd);
+  int err = ::fsync(fd) != 0 ? errno : 0;
   ::close(fd);
+  if (err != 0) throw EInOutError("I/O error writing \"" + path + "\": " + std::strerror(err));
 }
 }  // namespace
 
 void TSignEArchivia::NoteArchived(const std::string& path) {
-  if (archived_many_since_close_) return;
+  ++archived_count_;
+  if (archived_many_since_close_) {
+    if (archived_count_ % kFlushInBackgroundEvery == 0) archived_flush_.start(archive_folder());
+    return;
+  }
   if (archived_since_close_.size() < kFlushOneByOne) {
     archived_since_close_.push_back(path);
     return;
@@ -171,11 +181,7 @@ void TSignEArchivia::NoteArchived(const std::string& path) {
 
 void TSignEArchivia::FlushArchived() {
   if (archived_many_since_close_) {
-    int fd = ::open(archive_folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-      ::syncfs(fd);
-      ::close(fd);
-    }
+    archived_flush_.finish(archive_folder());
   } else {
     // The files, then the folders that name them up to the archive's (the dated folders
     // may be new).
@@ -194,6 +200,7 @@ void TSignEArchivia::FlushArchived() {
   }
   archived_since_close_.clear();
   archived_many_since_close_ = false;
+  archived_count_ = 0;
 }
 
 void TSignEArchivia::IndentElement(xml::Node element, int level) {

@@ -151,9 +151,12 @@ class TSignEArchivia : public ISignEArchivia {
   CollisionChoice CollisionAction = CollisionChoice::OverwriteOnce;
   // Files put in the archive since the index was last written: they reach the disk before
   // the index that lists them, one by one when they are few, with the whole file system
-  // when they are many (then only the flag is kept).
+  // when they are many (then only their count is kept, and the file system is flushed in
+  // the background as they come).
   std::vector<std::string> archived_since_close_;
   bool archived_many_since_close_ = false;
+  std::size_t archived_count_ = 0;
+  FileSystemFlush archived_flush_;
   void NoteArchived(const std::string& path);
   void FlushArchived();
   // Held from ApriIndice to ChiudiIndice (and the engine's end): one writer per archive.

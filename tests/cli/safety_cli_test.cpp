@@ -7,6 +7,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -419,6 +420,55 @@ TEST_F(SafetyCli, ConcurrentArchiversLoseNothing) {
                        " files checked, 0 problems"),
             std::string::npos)
       << r.out;
+  EXPECT_EQ(xmlsec_index(arch_ + "/index.xml"), "OK");
+}
+
+// A process killed while it writes a large output (SIGKILL: no handler runs) leaves neither
+// a part of the output nor a temporary file behind, in the document's folder or the archive.
+TEST_F(SafetyCli, AWriterKilledMidFileLeavesNoPartBehind) {
+  ASSERT_EQ(shell("truncate -s 512M grande.bin").exit_code, 0);
+  // Starts the command, waits until it holds a file open right in folder (other than the
+  // input and the archive's lock: the output being written), kills it, and says whether it
+  // was caught writing.
+  auto kill_while_writing = [&](const std::string& command, const std::string& folder) {
+    return shell(command + " & pid=$!; seen=no; "
+                 "while kill -0 $pid 2>/dev/null; do "
+                 "  if ls -l /proc/$pid/fd 2>/dev/null | grep -v 'grande.bin$' | "
+                 "     grep -v 'index.xml.lock$' | grep -q -- '-> " + folder + "/[^/]*$'; then "
+                 "    kill -9 $pid; seen=yes; break; fi; sleep 0.005; done; "
+                 "wait $pid; echo $seen");
+  };
+  auto r = kill_while_writing(tessarel() + " --quiet sign grande.bin", dir_.path());
+  ASSERT_EQ(r.out, "yes\n") << "the signer was not caught writing: " << r.err;
+  std::vector<std::string> left;
+  for (auto& e : fs::directory_iterator(dir_.path()))
+    left.push_back(e.path().filename().string());
+  std::sort(left.begin(), left.end());
+  EXPECT_EQ(left, (std::vector<std::string>{"MY", "grande.bin", "signer.key", "signer.pem"}));
+
+  // An archive with a record already: the copy of the large document is cut short.
+  test::write_file(dir_ / "a.txt", "alpha\n");
+  ASSERT_EQ(cli({"archive", "add", arch_, "--type", "T", dir_ / "a.txt"}).exit_code, 0);
+  std::string index_before = test::read_file(arch_ + "/index.xml");
+  r = kill_while_writing(tessarel() + " --quiet archive add '" + arch_ + "' --type T grande.bin",
+                         arch_ + "/T/[0-9]*/[0-9]*");
+  ASSERT_EQ(r.out, "yes\n") << "the archiver was not caught copying: " << r.err;
+  EXPECT_EQ(test::read_file(arch_ + "/index.xml"), index_before);
+  for (auto& e : fs::recursive_directory_iterator(arch_)) {
+    std::string name = e.path().filename().string();
+    EXPECT_TRUE(name == "T" || name == "index.xml" || name == "index.xml.lock" ||
+                name == "a.txt" || name == "a.txt.p7m" || e.is_directory())
+        << e.path();
+  }
+  // The archive goes on: the kernel freed the lock, the next writer archives and the index
+  // verifies with its two records.
+  ASSERT_EQ(cli({"archive", "add", arch_, "--type", "T", "--existing", "overwrite",
+                 dir_ / "a.txt"})
+                .exit_code,
+            0);
+  test::write_file(dir_ / "b.txt", "beta\n");
+  ASSERT_EQ(cli({"archive", "add", arch_, "--type", "T", dir_ / "b.txt"}).exit_code, 0);
+  EXPECT_EQ(records(), 2u);
   EXPECT_EQ(xmlsec_index(arch_ + "/index.xml"), "OK");
 }
 

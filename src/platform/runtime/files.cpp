@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <istream>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include "tessarel/errors.h"
@@ -277,44 +278,149 @@ void OutputFile::close() {
   if (::close(fd) != 0) throw_io("writing", path_, errno);
 }
 
-AtomicFileWriter::AtomicFileWriter(const std::string& target, mode_t mode) : target_(target) {
+namespace {
+// A random temporary name beside target: its folder's path, a dot, the target's name.
+std::string temp_name_base(const std::string& target) {
   std::string dir = ExtractFileDir(target);
-  std::string base =
-      (dir.empty() ? std::string() : dir + "/") + "." + ExtractFileName(target) + ".tmp-";
-  // The temporary file is created with its final mode (the umask applies), so it needs no
-  // chmod; the name is random, and O_EXCL makes sure it is new.
+  return (dir.empty() ? std::string() : dir + "/") + "." + ExtractFileName(target) + ".tmp-";
+}
+
+std::string random_suffix(const std::string& target) {
   static const char kChars[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-  for (int attempt = 0; attempt < 100 && fd_ < 0; ++attempt) {
-    unsigned char rnd[6];
-    if (::getentropy(rnd, sizeof rnd) != 0) throw_create(target, errno);
-    temp_ = base;
-    for (unsigned char r : rnd)
-      temp_.push_back(kChars[r % 62]);
-    fd_ = ::open(temp_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd_ < 0 && errno != EEXIST) throw_create(target, errno);
+  unsigned char rnd[6];
+  if (::getentropy(rnd, sizeof rnd) != 0) throw_create(target, errno);
+  std::string s;
+  for (unsigned char r : rnd)
+    s.push_back(kChars[r % 62]);
+  return s;
+}
+
+// Unnamed files are linked into place through /proc/self/fd; without it they cannot be.
+bool proc_fd_available() {
+  static const bool available = ::access("/proc/self/fd", X_OK) == 0;
+  return available;
+}
+}  // namespace
+
+AtomicFileWriter::AtomicFileWriter(const std::string& target, mode_t mode) : target_(target) {
+  if (proc_fd_available()) {
+    std::string dir = ExtractFileDir(target);
+    // The file gets its final mode here (the umask applies), so it needs no chmod.
+    fd_ = ::open(dir.empty() ? "." : dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, mode);
+    if (fd_ >= 0) {
+      unnamed_ = true;
+      temp_ = "/proc/self/fd/" + std::to_string(fd_);
+      return;
+    }
+    // Folders that do not exist or cannot be written fail alike with a name; file systems
+    // without unnamed files say so in several ways and get a named temporary file.
+    if (errno == ENOENT || errno == EACCES || errno == EROFS || errno == ENOSPC ||
+        errno == EDQUOT || errno == ENOTDIR)
+      throw_create(target, errno);
   }
-  if (fd_ < 0) throw_create(target, EEXIST);
+  create_named(mode);
+}
+
+void AtomicFileWriter::create_named(mode_t mode) {
+  std::string base = temp_name_base(target_);
+  // The name is random, and O_EXCL makes sure it is new.
+  for (int attempt = 0; attempt < 100 && fd_ < 0; ++attempt) {
+    temp_ = base + random_suffix(target_);
+    fd_ = ::open(temp_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd_ < 0 && errno != EEXIST) throw_create(target_, errno);
+  }
+  if (fd_ < 0) throw_create(target_, EEXIST);
 }
 
 AtomicFileWriter::~AtomicFileWriter() {
   if (fd_ >= 0) ::close(fd_);
-  if (!committed_) ::unlink(temp_.c_str());
+  // An unnamed file disappears with its descriptor.
+  if (!committed_ && !unnamed_) ::unlink(temp_.c_str());
 }
 
 void AtomicFileWriter::write(const void* data, std::size_t n) {
   write_all(fd_, data, n, target_);
 }
 
+// An unnamed file whose target exists: named beside it, then renamed over it.
+void AtomicFileWriter::name_and_replace() {
+  std::string base = temp_name_base(target_);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = base + random_suffix(target_);
+    if (::linkat(AT_FDCWD, temp_.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+      if (errno == EEXIST) continue;
+      throw_create(target_, errno);
+    }
+    if (::rename(name.c_str(), target_.c_str()) != 0) {
+      int err = errno;
+      ::unlink(name.c_str());
+      throw_create(target_, err);
+    }
+    return;
+  }
+  throw_create(target_, EEXIST);
+}
+
 void AtomicFileWriter::commit(bool durable) {
   if (durable && ::fsync(fd_) != 0) throw_io("writing", target_, errno);
-  int fd = fd_;
-  fd_ = -1;
-  if (::close(fd) != 0) throw_io("writing", target_, errno);
-  if (::rename(temp_.c_str(), target_.c_str()) != 0) throw_create(target_, errno);
-  committed_ = true;
+  if (unnamed_) {
+    // A new target is the file's first name; an existing one is replaced by a rename.
+    if (::linkat(AT_FDCWD, temp_.c_str(), AT_FDCWD, target_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+      if (errno != EEXIST) throw_create(target_, errno);
+      name_and_replace();
+    }
+    committed_ = true;
+    int fd = fd_;
+    fd_ = -1;
+    if (::close(fd) != 0) throw_io("writing", target_, errno);
+  } else {
+    int fd = fd_;
+    fd_ = -1;
+    if (::close(fd) != 0) throw_io("writing", target_, errno);
+    if (::rename(temp_.c_str(), target_.c_str()) != 0) throw_create(target_, errno);
+    committed_ = true;
+  }
   if (!durable) return;
   std::string dir = ExtractFileDir(target_);
   SyncDirectory(dir.empty() ? "." : dir);
+}
+
+FileSystemFlush::~FileSystemFlush() {
+  wait();
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void FileSystemFlush::wait() noexcept {
+  if (thread_.joinable()) thread_.join();
+}
+
+void FileSystemFlush::start(const std::string& folder) {
+  if (running_) return;
+  wait();
+  if (fd_ < 0) fd_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd_ < 0) return;  // finish() says why
+  running_ = true;
+  try {
+    thread_ = std::thread([this] {
+      if (::syncfs(fd_) != 0) error_ = errno;
+      running_ = false;
+    });
+  } catch (const std::system_error&) {
+    // No thread: finish() does all the work.
+    running_ = false;
+  }
+}
+
+void FileSystemFlush::finish(const std::string& folder) {
+  wait();
+  int fd = fd_;
+  fd_ = -1;
+  if (fd < 0) fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) throw_io("writing", folder, errno);
+  int err = ::syncfs(fd) != 0 ? errno : error_.load();
+  error_ = 0;
+  ::close(fd);
+  if (err != 0) throw_io("writing", folder, err);
 }
 
 namespace {
@@ -346,9 +452,14 @@ void RefuseOutputOntoInputs(int fd, const std::string& name,
 OutputReplacement::OutputReplacement(const std::string& target,
                                      const std::vector<GuardedInput>& inputs, mode_t new_mode)
     : target_(target) {
-  RefuseOutputOntoInputs(target, inputs);
   std::string path = target;
   struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0 && errno == ENOENT) {
+    // Nothing there yet (the usual case): nothing to refuse, keep or follow.
+    atomic_ = std::make_unique<AtomicFileWriter>(path, new_mode);
+    return;
+  }
+  RefuseOutputOntoInputs(target, inputs);
   if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
     // The link stays; the file it names gets the content.
     std::error_code ec;

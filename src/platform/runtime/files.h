@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tessarel/types.h"
@@ -70,6 +72,31 @@ class FileLock {
   std::string path_;
 };
 
+// Writes the dirty data of one file system to disk (syncfs) in a background thread while
+// work goes on, so that the flush that must finish before an index is written finds little
+// left. Writeback errors are kept and raised by finish().
+class FileSystemFlush {
+ public:
+  FileSystemFlush() = default;
+  ~FileSystemFlush();
+  FileSystemFlush(const FileSystemFlush&) = delete;
+  FileSystemFlush& operator=(const FileSystemFlush&) = delete;
+
+  // Starts a flush of the file system holding folder unless one is running. The first
+  // call opens the folder; errors of writeback from then on are reported by finish().
+  void start(const std::string& folder);
+  // Waits for a running flush, flushes once more and raises EInOutError naming folder when
+  // writing back failed at any time since the first start (or since the last finish).
+  void finish(const std::string& folder);
+
+ private:
+  void wait() noexcept;
+  int fd_ = -1;
+  std::thread thread_;
+  std::atomic<bool> running_{false};
+  std::atomic<int> error_{0};
+};
+
 // A file opened read-only: what is only read must be readable from read-only media.
 class InputFile {
  public:
@@ -116,9 +143,12 @@ class OutputFile {
   int fd_ = -1;
 };
 
-// Writes a file under a temporary name in the target's folder and renames it over the
-// target on commit, so readers and crashes see the old file or the new one, never a part.
-// Without commit the temporary file is removed.
+// Writes a file that takes the target's place on commit, so readers and crashes see the old
+// file or the new one, never a part. Where the file system allows it the file has no name
+// until then (nothing is left behind by a crash, and a new target costs one directory
+// entry instead of a temporary one and a rename); elsewhere it is written under a random
+// temporary name in the target's folder and renamed over the target. Without commit the
+// file is gone.
 class AtomicFileWriter {
  public:
   AtomicFileWriter(const std::string& target, mode_t mode = 0666);
@@ -129,17 +159,22 @@ class AtomicFileWriter {
   void write(const void* data, std::size_t n);
   void write(const Bytes& data) { write(data.data(), data.size()); }
   void write(const std::string& data) { write(data.data(), data.size()); }
-  // fsync, rename over the target, fsync the folder. With durable false the data is not
-  // forced to disk first (the rename is still atomic for every reader and for errors).
+  // fsync, put in place of the target, fsync the folder. With durable false the data is
+  // not forced to disk first (the replacement is still atomic for every reader and for
+  // errors).
   void commit(bool durable = true);
+  // A path that opens the file being written (until commit).
   const std::string& temp_path() const { return temp_; }
-  // The temporary file's descriptor, for writers that copy inside the kernel.
+  // The file's descriptor, for writers that copy inside the kernel.
   int fd() const { return fd_; }
 
  private:
+  void create_named(mode_t mode);
+  void name_and_replace();
   std::string target_;
   std::string temp_;
   int fd_ = -1;
+  bool unnamed_ = false;
   bool committed_ = false;
 };
 
