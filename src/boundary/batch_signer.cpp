@@ -342,20 +342,26 @@ std::optional<std::string> FirmaFiles(
   TElSignedCMSMessage message;
   message.FDetached = detached;
   const char* extension = detached ? ".p7s" : ".p7m";
+  // Input i signed on this thread, its envelope written beside it; false (and the message
+  // shown) when the signature could not be made.
+  auto sign_in_turn = [&](int i, WrittenFiles* written) {
+    Bytes content;
+    if (!sign_message(message, content, inputs[i], cert, key.get(), bytes_progress)) {
+      show_add_signature_error(fpath);
+      return false;
+    }
+    std::string& out = outputs.at(i);
+    out += extension;
+    write_message(message, inputs[i], out, written);
+    return true;
+  };
   unsigned threads = SigningThreads();
   if (threads <= 1 || inputs.Count() < 2) {
     for (int i = 0; i < inputs.Count(); ++i) {
       const std::string& input = inputs[i];
       if (!FileExists(input)) continue;
       if (progress) progress->progress_text(progress_text(i, inputs.Count(), input));
-      Bytes content;
-      if (!sign_message(message, content, input, cert, key.get(), bytes_progress)) {
-        show_add_signature_error(fpath);
-        return std::nullopt;
-      }
-      std::string& out = outputs.at(i);
-      out += extension;
-      write_message(message, input, out, nullptr);
+      if (!sign_in_turn(i, nullptr)) return std::nullopt;
     }
   } else {
     SigningPipeline pipeline(inputs.items(), cert, key, {detached, false, threads});
@@ -371,14 +377,7 @@ std::optional<std::string> FirmaFiles(
       if (again && !FileExists(input)) continue;
       if (progress) progress->progress_text(progress_text(i, inputs.Count(), input));
       if (again) {
-        Bytes content;
-        if (!sign_message(message, content, input, cert, key.get(), bytes_progress)) {
-          show_add_signature_error(fpath);
-          return std::nullopt;
-        }
-        std::string& out = outputs.at(i);
-        out += extension;
-        write_message(message, input, out, &written);
+        if (!sign_in_turn(i, &written)) return std::nullopt;
       } else {
         pipeline.complete(item);
         if (item.state == State::Failed) std::rethrow_exception(item.error);
