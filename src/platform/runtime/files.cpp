@@ -454,13 +454,14 @@ OutputReplacement::OutputReplacement(const std::string& target,
     : target_(target) {
   std::string path = target;
   struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0 && errno == ENOENT) {
+  bool present = ::lstat(path.c_str(), &st) == 0;
+  if (!present && errno == ENOENT) {
     // Nothing there yet (the usual case): nothing to refuse, keep or follow.
     atomic_ = std::make_unique<AtomicFileWriter>(path, new_mode);
     return;
   }
   RefuseOutputOntoInputs(target, inputs);
-  if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+  if (present && S_ISLNK(st.st_mode)) {
     // The link stays; the file it names gets the content.
     std::error_code ec;
     auto resolved = std::filesystem::canonical(path, ec);
