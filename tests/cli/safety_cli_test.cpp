@@ -472,6 +472,43 @@ TEST_F(SafetyCli, AWriterKilledMidFileLeavesNoPartBehind) {
   EXPECT_EQ(xmlsec_index(arch_ + "/index.xml"), "OK");
 }
 
+// Outputs are put in place without a temporary name through /proc's links to open files.
+// Where those links are missing (no /proc) or do not work (a sandbox), the same commands
+// give the same files: run here in a private mount namespace whose /proc is a folder of
+// the test's own.
+TEST_F(SafetyCli, OutputsArePutInPlaceWithoutProcLinksToo) {
+  if (shell("unshare -m true").exit_code != 0) GTEST_SKIP() << "no private mount namespace here";
+  test::write_file(dir_ / "a.txt", "alpha\n");
+  fs::create_directories(dir_ / "no-proc");
+  fs::create_directories(dir_ / "proc-without-links/self/fd");
+  for (std::string proc : {"no-proc", "proc-without-links"}) {
+    SCOPED_TRACE(proc);
+    fs::remove(dir_ / "a.txt.p7m");
+    auto in_sandbox = [&](const std::string& command) {
+      return shell("unshare -m sh -c \"mount --bind '" + (dir_ / proc) + "' /proc && " + command +
+                   "\"");
+    };
+    std::string arch = dir_ / ("archivio-" + proc);
+    auto r = in_sandbox(tessarel() + " --quiet sign a.txt");
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7m"));
+    // Replacing keeps the mode the user gave the file.
+    ASSERT_EQ(::chmod((dir_ / "a.txt.p7m").c_str(), 0640), 0);
+    r = in_sandbox(tessarel() + " --quiet sign a.txt && " + tessarel() + " --quiet archive add '" +
+                   arch + "' --type T --date 2024-02-03 a.txt");
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_TRUE(openssl_verifies(dir_ / "a.txt.p7m"));
+    struct stat st {};
+    ASSERT_EQ(::stat((dir_ / "a.txt.p7m").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(test::read_file(arch + "/T/2024/02/a.txt"), "alpha\n");
+    EXPECT_TRUE(openssl_verifies(arch + "/T/2024/02/a.txt.p7m"));
+    EXPECT_EQ(xmlsec_index(arch + "/index.xml"), "OK");
+    for (auto& e : fs::recursive_directory_iterator(dir_.path()))
+      EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos) << e.path();
+  }
+}
+
 TEST_F(SafetyCli, AnArchiveInUseMakesOthersWaitThenFailClearly) {
   test::write_file(dir_ / "a.txt", "alpha\n");
   ASSERT_EQ(cli({"archive", "add", arch_, "--type", "T", dir_ / "a.txt"}).exit_code, 0);

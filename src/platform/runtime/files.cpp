@@ -15,6 +15,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/runtime/scope.h"
 #include "tessarel/errors.h"
 
 namespace tessarel {
@@ -342,44 +343,68 @@ void AtomicFileWriter::write(const void* data, std::size_t n) {
   write_all(fd_, data, n, target_);
 }
 
-// An unnamed file whose target exists: named beside it, then renamed over it.
-void AtomicFileWriter::name_and_replace() {
+// Gives the unnamed file the target's name: a new target is its first name, an existing one
+// is replaced by a rename from a temporary name beside it. False, with nothing changed, when
+// this system cannot link the file (a sandbox without /proc's links).
+bool AtomicFileWriter::link_into_place() {
+  if (::linkat(AT_FDCWD, temp_.c_str(), AT_FDCWD, target_.c_str(), AT_SYMLINK_FOLLOW) == 0)
+    return true;
+  if (errno != EEXIST) return false;
   std::string base = temp_name_base(target_);
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string name = base + random_suffix(target_);
     if (::linkat(AT_FDCWD, temp_.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
       if (errno == EEXIST) continue;
-      throw_create(target_, errno);
+      return false;
     }
     if (::rename(name.c_str(), target_.c_str()) != 0) {
       int err = errno;
       ::unlink(name.c_str());
       throw_create(target_, err);
     }
-    return;
+    return true;
   }
   throw_create(target_, EEXIST);
 }
 
-void AtomicFileWriter::commit(bool durable) {
-  if (durable && ::fsync(fd_) != 0) throw_io("writing", target_, errno);
-  if (unnamed_) {
-    // A new target is the file's first name; an existing one is replaced by a rename.
-    if (::linkat(AT_FDCWD, temp_.c_str(), AT_FDCWD, target_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-      if (errno != EEXIST) throw_create(target_, errno);
-      name_and_replace();
-    }
-    committed_ = true;
-    int fd = fd_;
-    fd_ = -1;
-    if (::close(fd) != 0) throw_io("writing", target_, errno);
-  } else {
-    int fd = fd_;
-    fd_ = -1;
-    if (::close(fd) != 0) throw_io("writing", target_, errno);
-    if (::rename(temp_.c_str(), target_.c_str()) != 0) throw_create(target_, errno);
-    committed_ = true;
+// The unnamed file's bytes, mode and owner go to a named temporary file beside the target,
+// which the writer holds from then on.
+void AtomicFileWriter::copy_to_named() {
+  int unnamed = fd_;
+  fd_ = -1;
+  ScopeExit close_unnamed([unnamed] { ::close(unnamed); });
+  struct stat st {};
+  if (::fstat(unnamed, &st) != 0) throw_io("writing", target_, errno);
+  unnamed_ = false;
+  create_named(st.st_mode & 07777);
+  if (::fchown(fd_, st.st_uid, st.st_gid) != 0 && errno != EPERM) throw_create(target_, errno);
+  if (::fchmod(fd_, st.st_mode & 07777) != 0) throw_create(target_, errno);
+  auto size = static_cast<std::uint64_t>(st.st_size);
+  if (CopyRange(unnamed, 0, size, fd_, target_)) return;
+  constexpr std::size_t kChunk = 1 << 20;
+  std::unique_ptr<char[]> buf(new char[kChunk]);
+  for (std::uint64_t at = 0; at < size;) {
+    ssize_t n = ::pread(unnamed, buf.get(), kChunk, static_cast<off_t>(at));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) throw_io("writing", target_, n < 0 ? errno : EIO);
+    write_all(fd_, buf.get(), static_cast<std::size_t>(n), target_);
+    at += static_cast<std::uint64_t>(n);
   }
+}
+
+void AtomicFileWriter::commit(bool durable) {
+  bool linked = false;
+  if (unnamed_) {
+    if (durable && ::fsync(fd_) != 0) throw_io("writing", target_, errno);
+    linked = link_into_place();
+    if (!linked) copy_to_named();
+  }
+  if (!linked && durable && ::fsync(fd_) != 0) throw_io("writing", target_, errno);
+  int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) throw_io("writing", target_, errno);
+  if (!linked && ::rename(temp_.c_str(), target_.c_str()) != 0) throw_create(target_, errno);
+  committed_ = true;
   if (!durable) return;
   std::string dir = ExtractFileDir(target_);
   SyncDirectory(dir.empty() ? "." : dir);

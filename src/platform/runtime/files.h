@@ -170,7 +170,8 @@ class AtomicFileWriter {
 
  private:
   void create_named(mode_t mode);
-  void name_and_replace();
+  bool link_into_place();
+  void copy_to_named();
   std::string target_;
   std::string temp_;
   int fd_ = -1;
